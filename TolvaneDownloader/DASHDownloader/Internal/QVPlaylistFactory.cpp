@@ -1,0 +1,158 @@
+#include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
+
+#include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylist.h"
+#include "platform/concurrency/Queue.h"
+#include "platform/foundation/Exception.h"
+#include "platform/foundation/FileManager.h"
+#include "platform/foundation/StringTable.h"
+#include "platform/foundation/URL.h"
+#include "platform/transfer/URLSession.h"
+
+namespace {
+
+constexpr const char* exceptionName = "QVPlaylistFactoryException";
+constexpr const char* dashGeneratorErrorKey = "DASHGeneratorError";
+
+const platform::ErrorDomain factoryErrorDomain{"NSErrorQVDownloader"};
+const platform::ErrorDomain httpErrorDomain{"QVDownloadHTTPErrorDomain"};
+
+/// One manifest format: its generator, and the key under which its exception is kept when another is tried.
+struct Format {
+  const char* errorKey;
+  std::shared_ptr<QVPlaylist> (*generate)(const platform::Data&);
+};
+
+/// In the order of trying.
+constexpr Format formats[] = {{dashGeneratorErrorKey, &QVPlaylistFactory::dashGenerateWithData}};
+
+platform::ErrorRef makeFactoryError(const std::string& reason, platform::ErrorRef cause) {
+  const std::string text = platform::StringTable::localizedString(reason);
+  return platform::makeError(factoryErrorDomain, -101,
+                             {{platform::NSLocalizedDescriptionKey, text},
+                              {platform::NSLocalizedFailureReasonErrorKey, text},
+                              {platform::NSLocalizedRecoverySuggestionErrorKey, text}},
+                             std::move(cause));
+}
+
+/// The formats' own exceptions as errors, the first format's outermost; null when there is none.
+platform::ErrorRef causeOf(const platform::Exception& exception) {
+  platform::ErrorRef cause;
+  for (auto format = std::rbegin(formats); format != std::rend(formats); ++format) {
+    const auto found = exception.userInfo().find(format->errorKey);
+    if (found == exception.userInfo().end())
+      continue;
+    if (const auto* inner = std::any_cast<platform::Exception>(&found->second))
+      cause = makeFactoryError(inner->reason(), std::move(cause));
+  }
+  return cause;
+}
+
+platform::ErrorRef makeHTTPError(const platform::HTTPURLResponse& response) {
+  const int status = response.statusCode();
+  const auto text = platform::HTTPURLResponse::localizedStringForStatusCode(status).value_or("Unknown Error");
+  return platform::makeError(
+      httpErrorDomain, status,
+      {{"QVStatusMessage", text},
+       {platform::NSLocalizedDescriptionKey, "The server answered " + std::to_string(status) + " " + text +
+                                                 " for " + response.url().absoluteString()}});
+}
+
+/// Parses what came and never lets an exception out: it runs on a session's queue.
+std::shared_ptr<QVPlaylist> parseFetched(const platform::Data& data,
+                                         const platform::HTTPURLResponse* response,
+                                         platform::ErrorRef& error) {
+  // A body that came with a refusal says nothing about a manifest; the status is the reason then.
+  const bool refused = response && (response->statusCode() < 200 || response->statusCode() > 299);
+  try {
+    return QVPlaylistFactory::generateWithData(data);
+  } catch (const platform::Exception& exception) {
+    error = makeFactoryError(exception.reason(), refused ? makeHTTPError(*response) : causeOf(exception));
+  } catch (const std::exception& exception) {
+    error = makeFactoryError(exception.what(), refused ? makeHTTPError(*response) : nullptr);
+  } catch (...) {
+    error =
+        makeFactoryError("Unexpected C++ exception received", refused ? makeHTTPError(*response) : nullptr);
+  }
+  return nullptr;
+}
+
+void failLater(QVPlaylistFactory::Completion completion, platform::ErrorRef error) {
+  platform::SerialQueue::background().async([completion = std::move(completion), error = std::move(error)] {
+    completion(nullptr, nullptr, error);
+  });
+}
+
+platform::ErrorRef makeURLError(platform::URLErrorCode code, const std::string& description,
+                                const std::string& url) {
+  return platform::makeError(platform::NSURLErrorDomain, code,
+                             {{platform::NSLocalizedDescriptionKey, description},
+                              {platform::NSURLErrorFailingURLStringErrorKey, url}});
+}
+
+} // namespace
+
+std::shared_ptr<QVPlaylist> QVPlaylistFactory::generateWithData(const platform::Data& data) {
+  platform::UserInfo userInfo;
+  for (const Format& format : formats) {
+    try {
+      return format.generate(data);
+    } catch (const platform::Exception& exception) {
+      userInfo.emplace(format.errorKey, exception);
+    }
+  }
+  throw platform::Exception(exceptionName, "Can't find proper implementation for parsing manifest",
+                            std::move(userInfo));
+}
+
+std::shared_ptr<QVPlaylist> QVPlaylistFactory::generateWithFile(const std::string& path,
+                                                                platform::ErrorRef* error) {
+  const auto data = platform::FileManager::contentsAtPath(path);
+  if (!data)
+    return nullptr;
+  try {
+    return generateWithData(*data);
+  } catch (const platform::Exception& exception) {
+    if (error)
+      *error = errorWithException(exception);
+    return nullptr;
+  }
+}
+
+void QVPlaylistFactory::generateWithURL(const std::string& url, Completion completion,
+                                        const platform::HTTPHeaders& headers,
+                                        std::shared_ptr<platform::URLSession> session) {
+  const auto parsed = platform::URL::URLWithString(url);
+  if (!parsed)
+    return failLater(std::move(completion),
+                     makeURLError(platform::NSURLErrorBadURL, "This is no URL: " + url, url));
+  if (!parsed->scheme())
+    return failLater(std::move(completion), makeURLError(platform::NSURLErrorUnsupportedURL,
+                                                         "This is no absolute URL: " + url, url));
+  if (!session)
+    session = platform::URLSession::sharedSession();
+  if (!session)
+    return failLater(std::move(completion),
+                     makeURLError(platform::NSURLErrorResourceUnavailable,
+                                  "There is no transfer service to fetch " + url, url));
+
+  platform::URLRequest request(*parsed);
+  for (const auto& [field, value] : headers)
+    request.setValueForHTTPHeaderField(value, field);
+  const auto task = session->dataTaskWithRequest(
+      request, [completion = std::move(completion),
+                url](platform::DataRef data, std::shared_ptr<const platform::HTTPURLResponse> response,
+                     platform::ErrorRef error) {
+        if (!data && !error)
+          error =
+              makeURLError(platform::NSURLErrorUnknown, "The transfer gave neither data nor an error", url);
+        if (error)
+          return completion(nullptr, nullptr, error);
+        auto playlist = parseFetched(*data, response.get(), error);
+        completion(std::move(playlist), std::move(data), std::move(error));
+      });
+  task->resume();
+}
+
+platform::ErrorRef QVPlaylistFactory::errorWithException(const platform::Exception& exception) {
+  return makeFactoryError(exception.reason(), causeOf(exception));
+}

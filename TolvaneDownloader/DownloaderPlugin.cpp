@@ -1,0 +1,15 @@
+#include "TolvaneDownloader/DownloaderPlugin.h"
+
+#include "TolvaneDownloader/DASHDownloader/DashDownloader.h"
+#include "TolvaneDownloader/DASHDownloader/DashDownloaderFactory.h"
+
+DownloaderPlugin::DownloaderPlugin() : _name("DownloaderPlugin"), _version("4.0.0") {}
+
+std::shared_ptr<DashDownloader> DownloaderPlugin::dashDownloader() const {
+  return DashDownloader::shared();
+}
+
+void DownloaderPlugin::pluginAttached(const std::shared_ptr<halvix::QVPluginContext>& context) {
+  _currentContext = context;
+  context->components()->registerFactory(std::make_shared<DashDownloaderFactory>(context->dispatchers()));
+}

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tolvane {
+
+/// How far one quality is.
+struct QualityProgress {
+  std::string label; ///< "video 480p", "audio en"
+  std::int64_t downloadedBytes = 0;
+  std::int64_t expectedBytes = -1; ///< -1 unknown
+  bool complete = false;
+};
+
+/// How far a download is.
+struct Snapshot {
+  std::string identifier;
+  std::string title;
+  std::string state;
+  std::vector<QualityProgress> qualities;
+  std::int64_t downloadedBytes = 0;
+  std::int64_t expectedBytes = -1;
+};
+
+enum class ProgressMode { Auto, Bar, Plain, JSON, None };
+
+/// "auto", "bar", "plain", "json" or "none"; answers false for anything else.
+bool parseProgressMode(const std::string& text, ProgressMode& mode);
+
+/// Shows the progress of one download at a time. Used from one thread.
+class ProgressDisplay {
+public:
+  virtual ~ProgressDisplay() = default;
+
+  /// Shows what changed; cheap enough for every event, because it draws a few times a second at most.
+  virtual void update(const Snapshot& snapshot) = 0;
+
+  /// Shows the final state and leaves the terminal on a fresh line.
+  virtual void finish(const Snapshot& snapshot) = 0;
+
+  /// Auto is a bar on a terminal and plain lines elsewhere. `out` must outlive the display.
+  static std::unique_ptr<ProgressDisplay> create(ProgressMode mode, std::FILE* out);
+};
+
+} // namespace tolvane

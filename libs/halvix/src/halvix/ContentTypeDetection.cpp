@@ -1,0 +1,78 @@
+#include "halvix/ContentTypeDetection.h"
+
+#include "halvix/ErrorDescription.h"
+
+#include "platform/concurrency/Queue.h"
+#include "platform/transfer/TransferService.h"
+#include "platform/transfer/URLSession.h"
+
+#include <utility>
+
+namespace halvix {
+
+namespace {
+
+void answer(const ContentTypeCompletion& completion, std::optional<ContentType> type, QVErrorRef error) {
+  platform::MainQueue::shared().async([completion, type, error] { completion(type, error); });
+}
+
+QVErrorRef unknownContent(const std::string& url, const std::string& clue, platform::ErrorRef cause) {
+  std::string message = "cannot tell what \"" + urlForDisplay(url) + "\" holds";
+  if (!clue.empty())
+    message += " (" + clue + ")";
+  if (!cause)
+    message += "; supported are " + supportedContentDescription();
+  return QVErrorBuilder(ErrorType::content_type_unknown).message(message).parent(std::move(cause)).build();
+}
+
+platform::ErrorRef statusError(int status) {
+  static const platform::ErrorDomain domain("QVDownloadHTTPErrorDomain");
+  platform::UserInfo info;
+  info["QVStatusMessage"] =
+      platform::HTTPURLResponse::localizedStringForStatusCode(status).value_or("Unknown Error");
+  return platform::makeError(domain, status, std::move(info));
+}
+
+} // namespace
+
+void detectContentType(const std::string& url, const platform::HTTPHeaders& headers,
+                       const std::shared_ptr<platform::TransferService>& service,
+                       ContentTypeCompletion completion) {
+  const auto parsed = platform::URL::URLWithString(url);
+  if (!parsed || !parsed->isHTTP() || !parsed->host())
+    return answer(completion, std::nullopt,
+                  QVErrorBuilder(ErrorType::content_type_unknown)
+                      .message("\"" + urlForDisplay(url) + "\" is no http or https URL")
+                      .build());
+  if (const auto type = contentTypeFromURL(url))
+    return answer(completion, type, nullptr);
+
+  const auto session = service ? service->sharedSession() : platform::URLSession::sharedSession();
+  if (!session)
+    return answer(completion, std::nullopt, unknownContent(url, "there is no network service", nullptr));
+  platform::URLRequest request(*parsed);
+  request.setHTTPMethod("HEAD");
+  for (const auto& [name, value] : headers)
+    request.setValueForHTTPHeaderField(value, name);
+  const auto task = session->dataTaskWithRequest(
+      request, [url, completion](platform::DataRef, std::shared_ptr<const platform::HTTPURLResponse> response,
+                                 platform::ErrorRef error) {
+        if (error || !response)
+          return answer(completion, std::nullopt, unknownContent(url, {}, error));
+        if (response->statusCode() < 200 || response->statusCode() > 299)
+          return answer(completion, std::nullopt,
+                        unknownContent(url, {}, statusError(response->statusCode())));
+        const auto header = response->valueForHTTPHeaderField("Content-Type");
+        auto type = header ? contentTypeFromMIMEType(*header) : std::nullopt;
+        if (!type)
+          type = contentTypeFromURL(response->url().absoluteString());
+        if (type)
+          return answer(completion, type, nullptr);
+        answer(
+            completion, std::nullopt,
+            unknownContent(url, header ? "the server says " + *header : "the server does not say", nullptr));
+      });
+  task->resume();
+}
+
+} // namespace halvix

@@ -1,0 +1,208 @@
+#include "halvix/ManagerState.h"
+
+#include "halvix/BaseDownloader.h"
+#include "halvix/HostEnvironment.h"
+#include "halvix/Session.h"
+
+#include "platform/concurrency/Queue.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace halvix {
+
+namespace {
+
+/// Carries events to the main queue. It refers to the manager weakly: downloaders outlive it.
+class SessionDispatcher final : public DownloaderDispatcherProtocol {
+public:
+  explicit SessionDispatcher(std::weak_ptr<ManagerState> state) : _state(std::move(state)) {}
+
+  void dispatchDownloadStart(const std::shared_ptr<Download>& download) override {
+    post(download, [download](ManagerState&, DownloadDelegate& to) { to.downloadDidStart(download); });
+  }
+
+  void dispatchDownloadError(const std::shared_ptr<Download>& download, const QVErrorRef& error) override {
+    download->setLastError(error);
+    platform::MainQueue::shared().async([state = _state, download, error] {
+      const auto manager = state.lock();
+      if (!manager)
+        return;
+      // Stored before it is told: an application may end the process upon it.
+      if (const auto owner = manager->ownerOf(*download))
+        owner->storeItems();
+      for (const auto& listener : manager->listeners.audienceOf(*download))
+        listener->downloadDidFail(download, error);
+    });
+  }
+
+  void dispatchDownloadFinished(const std::shared_ptr<Download>& download) override {
+    platform::MainQueue::shared().async([state = _state, download] {
+      if (const auto manager = state.lock())
+        tellFinished(*manager, download);
+    });
+  }
+
+  void dispatchDownloadStateChanged(const std::shared_ptr<Download>& download,
+                                    DownloadState change) override {
+    platform::MainQueue::shared().async([state = _state, download, change] {
+      const auto manager = state.lock();
+      if (!manager)
+        return;
+      for (const auto& listener : manager->listeners.audienceOf(*download))
+        listener->downloadDidChangeState(download, change);
+      if (change == DownloadState::success)
+        tellFinished(*manager, download);
+    });
+  }
+
+  void dispatchDownloadProgress(const std::shared_ptr<Download>& download) override {
+    if (!download->claimProgressEvent())
+      return;
+    platform::MainQueue::shared().async([state = _state, download] {
+      // Before the listeners look, so that what changes afterwards gets an event of its own.
+      download->progressEventDelivered();
+      const auto manager = state.lock();
+      if (!manager)
+        return;
+      for (const auto& listener : manager->listeners.audienceOf(*download))
+        listener->downloadDidUpdateProgress(download);
+    });
+  }
+
+private:
+  template <class Event> void post(const std::shared_ptr<Download>& download, Event event) {
+    platform::MainQueue::shared().async([state = _state, download, event] {
+      if (const auto manager = state.lock())
+        for (const auto& listener : manager->listeners.audienceOf(*download))
+          event(*manager, *listener);
+    });
+  }
+
+  static void tellFinished(ManagerState& manager, const std::shared_ptr<Download>& download) {
+    if (!download->claimFinishedEvent())
+      return;
+    // Finishing is what applications end upon, so the record is stored by then.
+    if (const auto owner = manager.ownerOf(*download))
+      owner->storeItems();
+    for (const auto& listener : manager.listeners.audienceOf(*download))
+      listener->downloadDidFinish(download);
+  }
+
+  const std::weak_ptr<ManagerState> _state;
+};
+
+bool sameOwner(const std::weak_ptr<DownloadDelegate>& a, const std::weak_ptr<DownloadDelegate>& b) {
+  return !a.owner_before(b) && !b.owner_before(a);
+}
+
+} // namespace
+
+void ListenerList::add(const std::weak_ptr<DownloadDelegate>& listener) {
+  std::lock_guard lock(_mutex);
+  if (std::none_of(_listeners.begin(), _listeners.end(),
+                   [&](const auto& held) { return sameOwner(held, listener); }))
+    _listeners.push_back(listener);
+}
+
+void ListenerList::remove(const std::shared_ptr<DownloadDelegate>& listener) {
+  std::lock_guard lock(_mutex);
+  std::erase_if(_listeners, [&](const auto& held) { return sameOwner(held, listener) || held.expired(); });
+}
+
+std::vector<std::shared_ptr<DownloadDelegate>> ListenerList::audienceOf(const Download& download) {
+  std::vector<std::shared_ptr<DownloadDelegate>> audience;
+  {
+    std::lock_guard lock(_mutex);
+    for (const auto& held : _listeners)
+      if (auto listener = held.lock())
+        audience.push_back(std::move(listener));
+  }
+  if (auto own = download.delegate().lock();
+      own && std::find(audience.begin(), audience.end(), own) == audience.end())
+    audience.push_back(std::move(own));
+  return audience;
+}
+
+std::shared_ptr<ManagerState> ManagerState::create(std::shared_ptr<HostEnvironment> environment) {
+  auto state = std::make_shared<ManagerState>();
+  state->environment = std::move(environment);
+  state->session = std::make_shared<Session>("main");
+  state->components = std::make_shared<ComponentRegistry>();
+  // The context is kept by plug-ins and by this object: an owning reference back would keep both for ever.
+  class Dispatchers final : public QVPluginDispatchers {
+  public:
+    explicit Dispatchers(std::weak_ptr<ManagerState> state) : _state(std::move(state)) {}
+    std::shared_ptr<DownloaderDispatcherProtocol>
+    createDownloaderDispatcher(const std::shared_ptr<Session>&) override {
+      return std::make_shared<SessionDispatcher>(_state);
+    }
+
+  private:
+    std::weak_ptr<ManagerState> _state;
+  };
+  state->context = std::make_shared<QVPluginContext>(std::make_shared<Dispatchers>(state), state->components);
+  return state;
+}
+
+std::shared_ptr<BaseDownloader> ManagerState::downloader(ContentType contentType) {
+  const auto factory = components->factory(contentType, session);
+  if (!factory)
+    return nullptr;
+  {
+    std::lock_guard lock(mutex);
+    if (const auto it = byFactory.find(factory.get()); it != byFactory.end())
+      return it->second;
+  }
+  auto created = factory->create(session, contentType);
+  if (!created)
+    return nullptr;
+  bool isNew = false;
+  {
+    std::lock_guard lock(mutex);
+    created = byFactory.emplace(factory.get(), created).first->second;
+    isNew = byName.emplace(created->name(), created).second;
+  }
+  if (isNew)
+    created->settleInterruptedDownloads();
+  return created;
+}
+
+std::vector<std::shared_ptr<BaseDownloader>> ManagerState::allDownloaders() {
+  std::vector<std::shared_ptr<BaseDownloader>> all;
+  for (ContentType type : allContentTypes)
+    if (auto found = downloader(type); found && std::find(all.begin(), all.end(), found) == all.end())
+      all.push_back(std::move(found));
+  return all;
+}
+
+std::vector<std::shared_ptr<BaseDownloader>> ManagerState::knownDownloaders() {
+  std::vector<std::shared_ptr<BaseDownloader>> all;
+  std::lock_guard lock(mutex);
+  for (const auto& [name, downloader] : byName)
+    all.push_back(downloader);
+  return all;
+}
+
+std::shared_ptr<BaseDownloader> ManagerState::ownerOf(const Download& download) {
+  std::lock_guard lock(mutex);
+  const auto it = byName.find(download.downloaderName());
+  return it == byName.end() ? nullptr : it->second;
+}
+
+bool ManagerState::joinPreparation(const std::shared_ptr<Download>& download,
+                                   DownloadManager::Completion completion) {
+  std::lock_guard lock(mutex);
+  auto [it, first] = preparations.try_emplace(download);
+  it->second.push_back(std::move(completion));
+  return first;
+}
+
+std::vector<DownloadManager::Completion>
+ManagerState::endPreparation(const std::shared_ptr<Download>& download) {
+  std::lock_guard lock(mutex);
+  auto node = preparations.extract(download);
+  return node.empty() ? std::vector<DownloadManager::Completion>() : std::move(node.mapped());
+}
+
+} // namespace halvix

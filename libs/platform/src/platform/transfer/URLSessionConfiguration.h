@@ -1,0 +1,57 @@
+#pragma once
+
+#include "platform/transfer/URLRequest.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace platform {
+
+class TransferService;
+
+/// How a session behaves. Plain values, copied when a session is opened.
+struct URLSessionConfiguration {
+  /// The name under which a background session's tasks outlive the process; empty for a session whose tasks
+  /// end with it.
+  std::string identifier;
+
+  bool sessionSendsLaunchEvents = false;
+  bool allowsCellularAccess = true;
+  bool discretionary = false;
+
+  /// Added to every request; a request's own header of the same name wins.
+  HTTPHeaders HTTPAdditionalHeaders;
+
+  /// Most connections at once to one host, over all sessions of the service that share the setting.
+  int HTTPMaximumConnectionsPerHost = 8;
+
+  /// A running transfer that receives nothing for this long fails with NSURLErrorTimedOut. Time spent waiting
+  /// for a connection of the cap does not count.
+  std::chrono::milliseconds timeoutIntervalForRequest{60'000};
+
+  /// Times that the service itself tries again after a failure that another try may mend (lost connection,
+  /// 429, 503 with a bearable Retry-After) before the error is reported.
+  int retryLimit = 3;
+
+  /// Largest body that a data task takes into memory, in bytes; more fails with
+  /// NSURLErrorDataLengthExceedsMaximum.
+  std::int64_t maximumDataLength = 256LL << 20;
+
+  /// The service that hosts the session; none: the process's default.
+  std::shared_ptr<TransferService> service;
+
+  /// An ordinary session.
+  static URLSessionConfiguration defaultSessionConfiguration() { return {}; }
+
+  /// A session whose tasks are journaled under `identifier`.
+  static URLSessionConfiguration backgroundSessionConfigurationWithIdentifier(std::string identifier) {
+    URLSessionConfiguration configuration;
+    configuration.identifier = std::move(identifier);
+    return configuration;
+  }
+};
+
+} // namespace platform

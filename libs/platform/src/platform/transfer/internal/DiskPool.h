@@ -1,0 +1,34 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace platform::transfer {
+
+/// A few threads for work that waits for the disk. Items start in the order in which they were given and
+/// may run side by side; who needs an order gives the next item when the one before has ended. Thread-safe.
+class DiskPool {
+public:
+  explicit DiskPool(unsigned threads);
+  ~DiskPool() { stop(); }
+
+  void add(std::function<void()> work);
+
+  /// Runs what was given and ends the threads; later items run on the caller's thread.
+  void stop();
+
+private:
+  void run();
+
+  std::mutex _mutex;
+  std::condition_variable _wake;
+  std::deque<std::function<void()>> _items;
+  bool _stopping = false;
+  std::vector<std::thread> _threads;
+};
+
+} // namespace platform::transfer

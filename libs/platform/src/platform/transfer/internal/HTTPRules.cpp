@@ -1,0 +1,191 @@
+#include "platform/transfer/internal/HTTPRules.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace platform::transfer {
+
+namespace {
+
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
+    text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
+    text.remove_suffix(1);
+  return text;
+}
+
+char lowered(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool startsWithNoCase(std::string_view text, std::string_view lowerPrefix) {
+  return text.size() >= lowerPrefix.size() && std::equal(lowerPrefix.begin(), lowerPrefix.end(), text.begin(),
+                                                         [](char a, char b) { return a == lowered(b); });
+}
+
+std::size_t findNoCase(std::string_view text, std::string_view lowerNeedle) {
+  for (std::size_t i = 0; i + lowerNeedle.size() <= text.size(); ++i)
+    if (startsWithNoCase(text.substr(i), lowerNeedle))
+      return i;
+  return std::string_view::npos;
+}
+
+std::time_t parseDate(const std::string& text) {
+  return text.empty() ? -1 : curl_getdate(text.c_str(), nullptr);
+}
+
+} // namespace
+
+std::optional<std::int64_t> parseLength(std::string_view text) {
+  text = trimmed(text);
+  std::int64_t value = 0;
+  auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || failure != std::errc{} || end != text.data() + text.size() || value < 0)
+    return std::nullopt;
+  return value;
+}
+
+std::optional<ByteRange> parseRange(std::string_view text) {
+  text = trimmed(text);
+  if (!startsWithNoCase(text, "bytes="))
+    return std::nullopt;
+  text = trimmed(text.substr(6));
+  auto dash = text.find('-');
+  if (dash == std::string_view::npos || text.find(',') != std::string_view::npos)
+    return std::nullopt;
+  auto before = trimmed(text.substr(0, dash)), after = trimmed(text.substr(dash + 1));
+  ByteRange range;
+  if (before.empty()) {
+    auto length = parseLength(after);
+    if (!length)
+      return std::nullopt;
+    range.suffix = *length;
+    return range;
+  }
+  auto first = parseLength(before);
+  if (!first)
+    return std::nullopt;
+  range.first = *first;
+  if (!after.empty()) {
+    auto last = parseLength(after);
+    if (!last || *last < *first)
+      return std::nullopt;
+    range.last = *last;
+  }
+  return range;
+}
+
+std::optional<ContentRange> parseContentRange(std::string_view text) {
+  text = trimmed(text);
+  if (!startsWithNoCase(text, "bytes"))
+    return std::nullopt;
+  text.remove_prefix(5);
+  // Some servers write "bytes=" or "bytes:" here.
+  if (!text.empty() && (text.front() == '=' || text.front() == ':'))
+    text.remove_prefix(1);
+  text = trimmed(text);
+  auto slash = text.find('/');
+  if (slash == std::string_view::npos)
+    return std::nullopt;
+  auto span = trimmed(text.substr(0, slash)), total = trimmed(text.substr(slash + 1));
+  ContentRange range;
+  if (total != "*") {
+    auto length = parseLength(total);
+    if (!length)
+      return std::nullopt;
+    range.total = *length;
+  }
+  if (span == "*")
+    return range;
+  auto dash = span.find('-');
+  if (dash == std::string_view::npos)
+    return std::nullopt;
+  auto first = parseLength(span.substr(0, dash)), last = parseLength(span.substr(dash + 1));
+  if (!first || !last || *last < *first || (range.total >= 0 && *last >= range.total))
+    return std::nullopt;
+  range.first = *first;
+  range.last = *last;
+  return range;
+}
+
+std::optional<std::chrono::seconds> parseRetryAfter(std::string_view text, std::time_t now) {
+  if (auto seconds = parseLength(text))
+    return std::chrono::seconds(std::min<std::int64_t>(*seconds, 1LL << 40));
+  auto date = parseDate(std::string(trimmed(text)));
+  if (date < 0)
+    return std::nullopt;
+  return std::chrono::seconds(std::max<std::time_t>(0, date - now));
+}
+
+std::optional<std::string> Validators::ifRange() const {
+  if (hasStrongETag())
+    return etag;
+  if (lastModifiedStrong && !lastModified.empty())
+    return lastModified;
+  return std::nullopt;
+}
+
+Validators validatorsOf(const HTTPHeaders& headers) {
+  Validators validators;
+  validators.etag = headerValue(headers, "ETag");
+  validators.lastModified = headerValue(headers, "Last-Modified");
+  auto modified = parseDate(validators.lastModified), sent = parseDate(headerValue(headers, "Date"));
+  validators.lastModifiedStrong = modified >= 0 && sent >= 0 && sent - modified >= 60;
+  return validators;
+}
+
+std::optional<ChallengeOffer> parseChallenge(std::string_view text) {
+  ChallengeOffer offer;
+  // A scheme stands at the start, after a comma, or where two headers were joined; quoted text is skipped.
+  std::size_t chosen = std::string_view::npos;
+  bool quoted = false, atStart = true;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '"' && (i == 0 || text[i - 1] != '\\'))
+      quoted = !quoted;
+    if (quoted)
+      continue;
+    if (atStart && text[i] != ' ') {
+      auto rest = text.substr(i);
+      if (startsWithNoCase(rest, "digest ") && offer.scheme != "digest") {
+        offer.scheme = "digest";
+        chosen = i;
+      } else if ((startsWithNoCase(rest, "basic ") || trimmed(rest).size() == 5) &&
+                 startsWithNoCase(rest, "basic") && offer.scheme.empty()) {
+        offer.scheme = "basic";
+        chosen = i;
+      }
+      atStart = false;
+    }
+    if (text[i] == ',')
+      atStart = true;
+  }
+  if (offer.scheme.empty())
+    return std::nullopt;
+  auto rest = text.substr(chosen);
+  auto realm = findNoCase(rest, "realm=\"");
+  if (realm != std::string_view::npos)
+    for (std::size_t i = realm + 7; i < rest.size() && rest[i] != '"'; ++i) {
+      if (rest[i] == '\\' && i + 1 < rest.size())
+        ++i;
+      offer.realm += rest[i];
+    }
+  return offer;
+}
+
+std::string originOf(const URL& url) {
+  std::string scheme = url.scheme().value_or(""), host = url.host().value_or("");
+  std::transform(scheme.begin(), scheme.end(), scheme.begin(), lowered);
+  std::transform(host.begin(), host.end(), host.begin(), lowered);
+  int port = url.port() ? *url.port() : scheme == "https" ? 443 : 80;
+  return scheme + "://" + host + ":" + std::to_string(port);
+}
+
+std::string headerValue(const HTTPHeaders& headers, std::string_view name) {
+  auto found = headers.find(name);
+  return found == headers.end() ? std::string() : found->second;
+}
+
+} // namespace platform::transfer

@@ -1,0 +1,323 @@
+#include "platform/transfer/internal/PartialStore.h"
+
+#include "platform/foundation/Base64.h"
+#include "platform/foundation/FileManager.h"
+#include "platform/foundation/StringHash.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace platform::transfer {
+
+namespace {
+
+// Two transfers of one request at once are rare; orphans are looked for in the first few places only.
+constexpr int SearchedSlots = 4;
+constexpr int MostSlots = 4096;
+
+std::string slotName(const std::string& key, int slot) {
+  return key + "-" + std::to_string(slot);
+}
+
+/// Opens and locks; -1 when it is not there or in use.
+int openLocked(const std::string& path) {
+  int descriptor = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  if (descriptor < 0)
+    return -1;
+  struct stat held {
+  }, named{};
+  if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0 || ::fstat(descriptor, &held) != 0 ||
+      ::stat(path.c_str(), &named) != 0 || held.st_ino != named.st_ino) {
+    ::close(descriptor);
+    return -1;
+  }
+  return descriptor;
+}
+
+enum class Described { Yes, No, Newer };
+
+Described readDescription(const std::string& path, PartialDescription& description) {
+  auto bytes = FileManager::contentsAtPath(path);
+  bool newer = false;
+  if (bytes && parsePartialDescription({reinterpret_cast<const char*>(bytes->data()), bytes->size()},
+                                       description, newer))
+    return Described::Yes;
+  return newer ? Described::Newer : Described::No;
+}
+
+std::int64_t trustedLength(const PartialDescription& description, std::int64_t fileSize) {
+  // A file longer than what it is part of was written to by somebody else.
+  const bool plausible = description.total < 0 || fileSize <= description.total - description.base;
+  return plausible && description.boot == bootIdentifier() ? fileSize
+                                                           : std::min(fileSize, description.synced);
+}
+
+constexpr char MarkSeparator = '~';
+constexpr std::size_t LongestName = 255;
+
+std::string nameText(const std::string& text) {
+  auto encoded = base64Encoded(Data(text.begin(), text.end()));
+  std::replace(encoded.begin(), encoded.end(), '/', '_');
+  return encoded;
+}
+
+std::string textOfName(std::string encoded) {
+  std::replace(encoded.begin(), encoded.end(), '_', '/');
+  auto bytes = base64Decoded(encoded);
+  return bytes ? std::string(reinterpret_cast<const char*>(bytes->data()), bytes->size()) : std::string();
+}
+
+/// The marks of a finished body: owner and number, key, base, total, ETag, date and its strength.
+std::vector<std::string> marksOf(const std::string& name) {
+  std::vector<std::string> marks;
+  for (std::size_t from = 0, to = 0; to != std::string::npos; from = to + 1) {
+    to = name.find(MarkSeparator, from);
+    marks.push_back(name.substr(from, to == std::string::npos ? to : to - from));
+  }
+  return marks;
+}
+constexpr std::size_t MarkCount = 7;
+
+std::string ownerOfFinished(const std::string& name) {
+  return name.substr(0, name.substr(0, name.find(MarkSeparator)).rfind('-'));
+}
+
+} // namespace
+
+PartialStore::PartialStore(std::string directory, std::string process, const OwnerLocks& locks)
+    : _partials(directory + "/partials"), _finished(directory + "/finished"), _process(std::move(process)),
+      _locks(locks) {
+  // Asked now and once: while the locks of the dead are swept away they look held for a moment.
+  for (const auto& name : FileManager::contentsOfDirectoryAtPath(_finished))
+    if (auto marks = marksOf(name); marks.size() == MarkCount && !_locks.isHeld(ownerOfFinished(name)))
+      _left.emplace(marks[1], name);
+}
+
+std::string PartialStore::keyOf(const std::string& method, const std::string& url, const std::string& range) {
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx",
+                static_cast<unsigned long long>(stringHash(method + "\n" + url + "\n" + range)));
+  return text;
+}
+
+bool PartialStore::mayHoldOrphan(const std::string& key) const {
+  for (int slot = 0; slot < SearchedSlots; ++slot)
+    if (::access(partPath(slotName(key, slot)).c_str(), F_OK) == 0)
+      return true;
+  std::lock_guard guard(_leftMutex);
+  return _left.contains(key);
+}
+
+std::shared_ptr<PartialFile> PartialStore::create(const std::string& key, int* failure) const {
+  *failure = EEXIST;
+  for (int slot = 0; slot < MostSlots; ++slot) {
+    auto name = slotName(key, slot);
+    int descriptor = ::open(partPath(name).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (descriptor < 0 && errno == EEXIST)
+      continue;
+    if (descriptor < 0) {
+      *failure = errno;
+      return nullptr;
+    }
+    // A description may have outlived its file.
+    if (removeFile(descriptionPath(name)) == 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+      *failure = 0;
+      return std::make_shared<PartialFile>(_partials, name, descriptor, false);
+    }
+    ::close(descriptor);
+  }
+  return nullptr;
+}
+
+std::optional<Claim> PartialStore::claim(const std::string& name, const std::string* owner,
+                                         const std::string& method, const std::string& url,
+                                         const std::string& range) const {
+  int descriptor = openLocked(partPath(name));
+  if (descriptor < 0)
+    return std::nullopt;
+  auto file = std::make_shared<PartialFile>(_partials, name, descriptor, true);
+  Claim claim;
+  auto described = readDescription(descriptionPath(name), claim.description);
+  if (described == Described::Newer)
+    return std::nullopt;
+  struct stat attributes {};
+  ::fstat(descriptor, &attributes);
+  const auto& description = claim.description;
+  if (described == Described::No) {
+    // Killed in its first moments; nobody can ever tell what it is.
+    file->remove();
+    return std::nullopt;
+  }
+  if (description.method != method || description.url != url || description.range != range)
+    return std::nullopt;
+  bool own = owner && description.owner == *owner;
+  if (!own && _locks.isHeld(description.owner))
+    return std::nullopt;
+  auto length = trustedLength(description, attributes.st_size);
+  if (length <= 0 || !description.validators.ifRange()) {
+    file->remove();
+    return std::nullopt;
+  }
+  file->setLength(length);
+  claim.file = std::move(file);
+  return claim;
+}
+
+std::optional<Claim> PartialStore::adopt(const std::string& method, const std::string& url,
+                                         const std::string& range) const {
+  auto key = keyOf(method, url, range);
+  for (int slot = 0; slot < SearchedSlots; ++slot)
+    if (auto found = claim(slotName(key, slot), nullptr, method, url, range))
+      return found;
+  return salvage(key, method, url, range);
+}
+
+std::optional<Claim> PartialStore::salvage(const std::string& key, const std::string& method,
+                                           const std::string& url, const std::string& range) const {
+  for (;;) {
+    std::string left;
+    {
+      std::lock_guard guard(_leftMutex);
+      auto node = _left.extract(key);
+      if (node.empty())
+        return std::nullopt;
+      left = std::move(node.mapped());
+    }
+    const auto path = _finished + "/" + left;
+    int descriptor = openLocked(path);
+    if (descriptor < 0)
+      continue;
+    std::string name;
+    for (int slot = 0; name.empty() && slot < MostSlots; ++slot) {
+      // A description may have outlived the file that it belonged to.
+      if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, partPath(slotName(key, slot)).c_str(),
+                      RENAME_NOREPLACE) == 0)
+        name = slotName(key, slot);
+      else if (errno != EEXIST)
+        break;
+    }
+    if (name.empty() || removeFile(descriptionPath(name)) != 0) {
+      ::close(descriptor);
+      continue;
+    }
+    const auto marks = marksOf(left);
+    Claim claim;
+    claim.description.method = method;
+    claim.description.url = url;
+    claim.description.range = range;
+    claim.description.base = std::atoll(marks[2].c_str());
+    claim.description.total = std::atoll(marks[3].c_str());
+    claim.description.validators.etag = textOfName(marks[4]);
+    claim.description.validators.lastModified = textOfName(marks[5]);
+    claim.description.validators.lastModifiedStrong = marks[6] == "s";
+    claim.file = std::make_shared<PartialFile>(_partials, name, descriptor, true);
+    struct stat attributes {};
+    if (::fstat(descriptor, &attributes) != 0 || attributes.st_size <= 0 ||
+        !claim.description.validators.ifRange()) {
+      claim.file->remove();
+      continue;
+    }
+    claim.file->setLength(attributes.st_size);
+    return claim;
+  }
+}
+
+std::optional<Claim> PartialStore::reclaim(const std::string& name, const std::string& owner,
+                                           const std::string& method, const std::string& url,
+                                           const std::string& range) const {
+  if (name.find('/') != std::string::npos || !name.starts_with(keyOf(method, url, range)))
+    return std::nullopt;
+  return claim(name, &owner, method, url, range);
+}
+
+std::optional<PartialStore::Held> PartialStore::peek(const std::string& name) const {
+  Held held;
+  auto attributes = FileManager::attributesOfItemAtPath(partPath(name));
+  if (!attributes || readDescription(descriptionPath(name), held.description) != Described::Yes)
+    return std::nullopt;
+  held.bytes = trustedLength(held.description, attributes->size);
+  return held;
+}
+
+void PartialStore::release(const std::string& name, const std::string& owner) const {
+  int descriptor = openLocked(partPath(name));
+  if (descriptor < 0)
+    return;
+  PartialFile file(_partials, name, descriptor, true);
+  PartialDescription description;
+  if (readDescription(descriptionPath(name), description) != Described::Yes || description.owner != owner)
+    return;
+  struct stat attributes {};
+  ::fstat(descriptor, &attributes);
+  file.setLength(trustedLength(description, attributes.st_size));
+  description.owner.clear();
+  file.syncAndDescribe(description, file.generation());
+}
+
+void PartialStore::discard(const std::string& name, const std::string& owner) const {
+  int descriptor = name.find('/') == std::string::npos ? openLocked(partPath(name)) : -1;
+  if (descriptor < 0)
+    return;
+  PartialFile file(_partials, name, descriptor, true);
+  PartialDescription description;
+  auto described = readDescription(descriptionPath(name), description);
+  if (described == Described::Newer ||
+      (described == Described::Yes && description.owner != owner && _locks.isHeld(description.owner)))
+    return;
+  file.remove();
+}
+
+std::string PartialStore::newFinishedPath() const {
+  return _finished + "/" + _process + "-" + std::to_string(_number++);
+}
+
+std::string PartialStore::newFinishedPath(const std::string& name,
+                                          const PartialDescription& description) const {
+  auto path = newFinishedPath();
+  const auto& validators = description.validators;
+  if (!validators.ifRange())
+    return path;
+  std::string marked = path;
+  for (const auto& mark :
+       {name.substr(0, name.rfind('-')), std::to_string(description.base), std::to_string(description.total),
+        nameText(validators.etag), nameText(validators.lastModified),
+        std::string(validators.lastModifiedStrong ? "s" : "w")})
+    marked += MarkSeparator + mark;
+  return marked.size() - _finished.size() - 1 <= LongestName ? marked : path;
+}
+
+int PartialStore::createFinished(const std::string& path, int* failure) const {
+  int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  *failure = descriptor < 0 ? errno : 0;
+  return descriptor;
+}
+
+void PartialStore::sweep(std::chrono::hours lifetime) const {
+  const auto oldest = static_cast<std::int64_t>(std::time(nullptr)) - std::chrono::seconds(lifetime).count();
+  for (const auto& entry : FileManager::contentsOfDirectoryAtPath(_partials)) {
+    auto attributes = FileManager::attributesOfItemAtPath(_partials + "/" + entry);
+    if (!attributes || attributes->modifiedSeconds > oldest)
+      continue;
+    auto name = entry.substr(0, entry.rfind('.'));
+    if (!entry.ends_with(".part")) {
+      if (!FileManager::fileExistsAtPath(partPath(name)))
+        removeFile(_partials + "/" + entry);
+      continue;
+    }
+    discard(name, {});
+  }
+  for (const auto& entry : FileManager::contentsOfDirectoryAtPath(_finished)) {
+    auto attributes = FileManager::attributesOfItemAtPath(_finished + "/" + entry);
+    if (attributes && attributes->modifiedSeconds <= oldest && !_locks.isHeld(ownerOfFinished(entry)))
+      removeFile(_finished + "/" + entry);
+  }
+}
+
+} // namespace platform::transfer

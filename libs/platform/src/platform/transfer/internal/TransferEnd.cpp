@@ -1,0 +1,216 @@
+// The part of Transfer that ends it: storing a whole body, and keeping or dropping what is held of another.
+
+#include "platform/transfer/internal/Network.h"
+#include "platform/transfer/internal/ResumeData.h"
+#include "platform/transfer/internal/Session.h"
+#include "platform/transfer/internal/Transfer.h"
+#include "platform/transfer/internal/TransferErrors.h"
+
+#include <curl/curl.h>
+
+#include <cerrno>
+#include <unistd.h>
+#include <utility>
+
+namespace platform::transfer {
+
+void Transfer::finishBody() {
+  if (!_task.isDownload()) {
+    auto data = _memory ? std::exchange(_memory, nullptr) : std::make_shared<Data>();
+    end({nullptr, {}, std::move(data), nullptr});
+    return;
+  }
+  if (_sink == Sink::Page) {
+    storePage();
+    return;
+  }
+  if (!_file && !openPartial()) {
+    fail(std::exchange(_failure, nullptr));
+    return;
+  }
+  if (_decision.expectedTotal >= 0 && held() != _decision.expectedTotal) {
+    tryAgainOrFail(errorForCurlCode(CURLE_PARTIAL_FILE, _task.request().url(), ""));
+    return;
+  }
+  storeFile();
+}
+
+void Transfer::storeFile() {
+  _phase = Phase::Storing;
+  _network.bodyWaits();
+  auto result = std::make_shared<int>(0);
+  auto path =
+      _network.store().newFinishedPath(_file->name(), _resumable ? _description : PartialDescription());
+  const auto length = held();
+  onDisk([file = _file, path, result] { *result = file->finish(path); },
+         [result, path, length](Transfer& self) {
+           self._network.bodyIsStored();
+           self._phase = Phase::Idle;
+           if (*result != 0) {
+             self.fail(writeError(*result, self._file->path(), -1));
+             return;
+           }
+           self._file.reset();
+           const auto wanted = self._task.wanted();
+           if (wanted == Wanted::Cancel || wanted == Wanted::CancelKeep) {
+             removeFile(path);
+             self.end({cancelledError(self._task.request().url())});
+             return;
+           }
+           self._task.setComplete(length, path);
+           self.end({nullptr, path, nullptr, nullptr});
+         });
+}
+
+void Transfer::storePage() {
+  if (_pageDescriptor < 0 && !openPage()) {
+    fail(std::exchange(_failure, nullptr));
+    return;
+  }
+  _phase = Phase::Storing;
+  _network.bodyWaits();
+  auto result = std::make_shared<int>(0);
+  auto path = std::exchange(_pagePath, {});
+  onDisk(
+      [descriptor = std::exchange(_pageDescriptor, -1), result] {
+        *result = ::fdatasync(descriptor) == 0 ? 0 : errno;
+        ::close(descriptor);
+      },
+      [result, path, length = _pageLength](Transfer& self) {
+        self._network.bodyIsStored();
+        self._phase = Phase::Idle;
+        if (*result != 0) {
+          removeFile(path);
+          self.fail(writeError(*result, path, -1));
+          return;
+        }
+        self._task.setComplete(length, path);
+        // What is held of the resource itself does not end with an error page.
+        if (self._file && self._resumable && self.held() > 0) {
+          self._phase = Phase::Storing;
+          self.onDisk(
+              [file = self._file, description = self.describe(true)] {
+                file->syncAndDescribe(description, file->generation());
+                file->close();
+              },
+              [path](Transfer& later) {
+                later.end({nullptr, path, nullptr, nullptr});
+              });
+          return;
+        }
+        self.dropFile();
+        self.end({nullptr, path, nullptr, nullptr});
+      });
+}
+
+void Transfer::fail(ErrorRef error) {
+  dropPage();
+  keepAndEnd(std::move(error), true);
+}
+
+void Transfer::keepAndEnd(ErrorRef error, bool forAnybody) {
+  const bool worthKeeping = _file && held() > 0 && _resumable && _description.validators.ifRange();
+  if (!_file && !_parkedName.empty()) {
+    // Suspended earlier: closed, and described as this session's.
+    auto name = std::exchange(_parkedName, {});
+    const auto length = _task.received();
+    if (!forAnybody) {
+      end({std::move(error)});
+      return;
+    }
+    _phase = Phase::Storing;
+    onDisk(
+        [&store = _network.store(), name, owner = _task.session()->owner()] { store.release(name, owner); },
+        [error = std::move(error), name, length](Transfer& self) {
+          auto data = self.resumeData(name, length);
+          self.end({withResumeData(error, data), {}, nullptr, data});
+        });
+    return;
+  }
+  if (!_file && !_task.partialToTake.empty() && _task.isDownload()) {
+    // Never looked at yet: it still is what it was.
+    auto data = forAnybody ? resumeData(_task.partialToTake, _task.received()) : nullptr;
+    auto name = _task.partialToTake;
+    if (!forAnybody) {
+      end({std::move(error)});
+      return;
+    }
+    _phase = Phase::Storing;
+    onDisk(
+        [&store = _network.store(), name, owner = _task.session()->owner()] { store.release(name, owner); },
+        [error = std::move(error), data](Transfer& self) {
+          self.end({withResumeData(error, data), {}, nullptr, data});
+        });
+    return;
+  }
+  if (!worthKeeping) {
+    dropFile();
+    end({std::move(error)});
+    return;
+  }
+  _phase = Phase::Storing;
+  auto result = std::make_shared<int>(0);
+  onDisk([file = _file, description = describe(forAnybody), result] { *result = file->settle(description); },
+         [error = std::move(error), forAnybody, result](Transfer& self) {
+           DataRef data;
+           if (forAnybody && *result == 0)
+             data = self.resumeData(self._file->name(), self._file->length());
+           self._file.reset();
+           self.end({withResumeData(error, data), {}, nullptr, data});
+         });
+}
+
+void Transfer::suspendNow() {
+  if (!_file)
+    return;
+  if (held() == 0 || !_resumable || !_description.validators.ifRange()) {
+    dropFile();
+    return;
+  }
+  _phase = Phase::Storing;
+  onDisk([file = _file, description = describe(false)] { file->settle(description); },
+         [](Transfer& self) {
+           self._parkedName = self._file->name();
+           self._file.reset();
+           self._phase = Phase::Idle;
+           self.reconcile();
+         });
+}
+
+void Transfer::end(Outcome outcome) {
+  _phase = Phase::Ended;
+  auto task = _task.shared_from_this();
+  _network.retire(_task);
+  task->session()->end(task, std::move(outcome));
+}
+
+DataRef Transfer::resumeData(const std::string& name, std::int64_t length) const {
+  if (!_task.isDownload() || name.empty())
+    return nullptr;
+  return serializeResumeData({_task.request(), name, length, _task.expected()});
+}
+
+PartialDescription Transfer::describe(bool forAnybody) const {
+  auto description = _description;
+  description.owner = forAnybody ? std::string() : _task.session()->owner();
+  description.taskIdentifier = _task.identifier();
+  return description;
+}
+
+void Transfer::dropFile() {
+  if (_file) {
+    _file->remove();
+    _file.reset();
+    _task.setPartial({});
+  }
+}
+
+void Transfer::dropPage() {
+  if (_pageDescriptor >= 0)
+    ::close(std::exchange(_pageDescriptor, -1));
+  if (!_pagePath.empty())
+    removeFile(std::exchange(_pagePath, {}));
+  _pageLength = 0;
+}
+
+} // namespace platform::transfer

@@ -1,0 +1,260 @@
+// The half of Transfer that reads responses: what a head means for what is held, and where body bytes go.
+
+#include "platform/transfer/internal/Network.h"
+#include "platform/transfer/internal/Session.h"
+#include "platform/transfer/internal/Transfer.h"
+#include "platform/transfer/internal/TransferErrors.h"
+
+#include <cerrno>
+#include <ctime>
+#include <unistd.h>
+#include <utility>
+
+namespace platform::transfer {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t MostRedirects = 20;
+// A body that is of no use is read to its end when it is short, which keeps the connection.
+constexpr std::int64_t MostDrained = 64 * 1024;
+// Delegates hear of progress this often at most; the first bytes of a response are told at once.
+constexpr std::chrono::milliseconds ReportInterval{50};
+// What a short transfer holds is not worth a description; one that lives longer gets one.
+constexpr std::chrono::milliseconds FirstSync{250};
+
+} // namespace
+
+bool Transfer::exchangeHead(ResponseHead head) {
+  auto decision = decide(_asked, head, _network.options().retryAfterLimit, std::time(nullptr));
+  _decision = decision;
+  return accept(std::move(decision), std::move(head));
+}
+
+bool Transfer::accept(Decision decision, ResponseHead head) {
+  const auto& url = _hop ? *_hop : _task.request().url();
+  const auto status = decision.verdict == Verdict::HoldsAll ? 206 : head.status;
+  _head = std::make_shared<const HTTPURLResponse>(url, status, head.headers);
+  _sink = Sink::Nowhere;
+  switch (decision.verdict) {
+  case Verdict::Append:
+  case Verdict::FromZero:
+  case Verdict::StatusBody:
+    return acceptBody(decision, head);
+  case Verdict::HoldsAll:
+    _task.setResponse(_head, held(), held());
+    _decision.bodyLength = -1; // the error text that came with it does not matter
+    return true;
+  case Verdict::Restart:
+    return giveUpHeld(decision.reason);
+  case Verdict::AskByDate:
+    if (std::exchange(_dateTried, true)) {
+      // Asked by date before: whatever this server does, it does not go on.
+      _asked.byDate = true;
+      _decision = decide(_asked, head, _network.options().retryAfterLimit, std::time(nullptr));
+      return acceptBody(_decision, head);
+    }
+    _byDate = true;
+    _next = Next::Again;
+    return false;
+  case Verdict::Redirect:
+    return follow(head);
+  case Verdict::Challenge:
+    if (_leftOrigin)
+      return acceptBody(decision, head);
+    _next = Next::Challenge;
+    _sink = _task.isDownload() ? Sink::Page : Sink::Memory;
+    return true;
+  case Verdict::Later:
+    if (_tries >= _task.session()->configuration().retryLimit)
+      return acceptBody(decision, head);
+    ++_tries;
+    _next = Next::Delay;
+    _nextDelay = decision.delay;
+    return true;
+  }
+  return true;
+}
+
+bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
+  if (!_task.isDownload()) {
+    const auto most = _task.session()->configuration().maximumDataLength;
+    if (decision.bodyLength > most)
+      return breakOff(urlError(NSURLErrorDataLengthExceedsMaximum, _task.request().url(),
+                               "The answer is longer than the " + std::to_string(most) +
+                                   " bytes that are taken into memory"));
+    _sink = Sink::Memory;
+    _memory = std::make_shared<Data>();
+    if (decision.bodyLength > 0)
+      _memory->reserve(static_cast<std::size_t>(decision.bodyLength));
+    _task.setResponse(_head, 0, decision.expectedTotal);
+    return true;
+  }
+  _lastReport = {};
+  if (decision.verdict == Verdict::Append) {
+    _sink = Sink::Partial;
+    auto validators = validatorsOf(head.headers);
+    if (_description.validators.etag.empty())
+      _description.validators.etag = validators.etag;
+    if (decision.entityTotal >= 0)
+      _description.total = decision.entityTotal;
+    _task.setResponse(_head, held(), decision.expectedTotal);
+    if (std::exchange(_announceResume, false))
+      _task.session()->postResumed(_task.shared_from_this(), held(), decision.expectedTotal);
+    _nextSync = Clock::now() + FirstSync;
+    return true;
+  }
+  if (decision.verdict == Verdict::FromZero && decision.resumable) {
+    _announceResume = false;
+    if (_file)
+      if (int failure = _file->clear())
+        return breakOff(writeError(failure, _file->path(), decision.bodyLength));
+    const auto& request = _task.request();
+    _description = {};
+    _description.method = request.HTTPMethod();
+    _description.url = request.url().absoluteString();
+    _description.range = _asked.ownRange;
+    _description.validators = validatorsOf(head.headers);
+    _description.base = decision.base;
+    _description.total = decision.entityTotal;
+    _resumable = true;
+    _syncedLength = 0;
+    _byDate = _dateTried = false;
+    _nextSync = Clock::now() + FirstSync;
+    _sink = Sink::Partial;
+  } else {
+    _sink = Sink::Page;
+    // The resource itself, but in a form that is never continued: what was held of it is outdated.
+    if (decision.verdict == Verdict::FromZero)
+      dropFile();
+  }
+  _task.setResponse(_head, 0, decision.expectedTotal);
+  return true;
+}
+
+bool Transfer::giveUpHeld(const std::string& reason) {
+  if (std::exchange(_restarted, true))
+    return breakOff(urlError(NSURLErrorBadServerResponse, _task.request().url(),
+                             "The server's answer does not fit the request: " + reason));
+  if (_file)
+    if (int failure = _file->clear())
+      return breakOff(writeError(failure, _file->path(), -1));
+  _resumable = false;
+  _announceResume = false;
+  _next = Next::Again;
+  return false;
+}
+
+bool Transfer::follow(const ResponseHead& head) {
+  const auto from = _hop ? *_hop : _task.request().url();
+  auto location = headerValue(head.headers, "Location");
+  auto target = URL::URLWithString(location, &from);
+  if (!target)
+    return breakOff(urlError(NSURLErrorRedirectToNonExistentLocation, from,
+                             "The server redirects to \"" + location + "\", which is no URL"));
+  if (!target->isHTTP())
+    return breakOff(urlError(NSURLErrorUnsupportedURL, *target,
+                             "The server redirects to a URL that is neither http nor https"));
+  if ((head.status == 303 && _hopMethod != "HEAD") ||
+      ((head.status == 301 || head.status == 302) && _hopMethod == "POST"))
+    _hopMethod = "GET";
+  if (_visited.size() > MostRedirects || _visited.contains(_hopMethod + " " + target->absoluteString()))
+    return breakOff(urlError(NSURLErrorHTTPTooManyRedirects, _task.request().url(),
+                             "The server redirects too often, or in a circle"));
+  _leftOrigin = _leftOrigin || originOf(*target) != originOf(from);
+  _hop = target;
+  _next = Next::Redirect;
+  return true;
+}
+
+bool Transfer::exchangeBody(const char* bytes, std::size_t count) {
+  const auto size = static_cast<std::int64_t>(count);
+  _got += size;
+  if (_sink == Sink::Nowhere)
+    return _got <= MostDrained;
+  if (_decision.bodyLength >= 0 && _got > _decision.bodyLength)
+    return breakOff(urlError(NSURLErrorBadServerResponse, _task.request().url(),
+                             "The server sent more than it had announced"));
+  if (_sink == Sink::Memory) {
+    if (!_memory)
+      _memory = std::make_shared<Data>();
+    if (_got > _task.session()->configuration().maximumDataLength)
+      return breakOff(urlError(NSURLErrorDataLengthExceedsMaximum, _task.request().url(),
+                               "The answer is longer than what is taken into memory"));
+    _memory->insert(_memory->end(), bytes, bytes + count);
+    _task.setHeld(_got);
+    return true;
+  }
+  int failure = 0;
+  if (_sink == Sink::Page) {
+    if (_pageDescriptor < 0 && !openPage())
+      return false;
+    failure = writePage(bytes, count);
+  } else {
+    if (!_file && !openPartial())
+      return false;
+    failure = _file->append(bytes, count);
+  }
+  if (failure != 0)
+    return breakOff(writeError(failure, _sink == Sink::Page ? _pagePath : _file->path(),
+                               _decision.bodyLength >= 0 ? _decision.bodyLength - _got + size : -1));
+  if (_next == Next::Challenge)
+    return true; // the delegate may never see this page
+  _task.setHeld(received());
+  if (_got == size || _lastReport == Clock::time_point{})
+    reportProgress(Clock::now());
+  return true;
+}
+
+std::int64_t Transfer::received() const {
+  return _sink == Sink::Page ? _pageLength : held();
+}
+
+void Transfer::reportProgress(Clock::time_point now) {
+  if (now - _lastReport < ReportInterval || !_task.hasUnreportedBytes() || !_task.claimProgressEvent())
+    return;
+  _lastReport = now;
+  _task.session()->postProgress(_task.shared_from_this());
+}
+
+bool Transfer::breakOff(ErrorRef error) {
+  _failure = std::move(error);
+  return false;
+}
+
+bool Transfer::openPartial() {
+  int failure = 0;
+  _file = _network.store().create(
+      PartialStore::keyOf(_description.method, _description.url, _description.range), &failure);
+  if (!_file)
+    return breakOff(writeError(failure, _network.options().directory, _decision.bodyLength));
+  _task.setPartial(_file->name());
+  return true;
+}
+
+bool Transfer::openPage() {
+  _pagePath = _network.store().newFinishedPath();
+  int failure = 0;
+  _pageDescriptor = _network.store().createFinished(_pagePath, &failure);
+  _pageLength = 0;
+  if (_pageDescriptor < 0)
+    return breakOff(writeError(failure, _network.options().directory, _decision.bodyLength));
+  return true;
+}
+
+int Transfer::writePage(const char* bytes, std::size_t count) {
+  while (count > 0) {
+    auto written = ::write(_pageDescriptor, bytes, count);
+    if (written < 0 && errno == EINTR)
+      continue;
+    if (written < 0)
+      return errno;
+    bytes += written;
+    count -= static_cast<std::size_t>(written);
+    _pageLength += written;
+  }
+  return 0;
+}
+
+} // namespace platform::transfer

@@ -1,0 +1,152 @@
+#!/usr/bin/env python3
+"""Runs `tolvane inspect` and `resources` over a directory of real manifests and compares with known-good lists.
+
+  scripts/check-corpus.py BINARY CORPUS_DIRECTORY [KIND]
+
+Fails on a crash, a hang (over 20 s) or more than 2 GiB of memory. Differences from the known-good lists are counted by
+cause; the causes that this system intends are told apart from those that deserve a look.
+"""
+import collections
+import concurrent.futures
+import json
+import os
+import re
+import resource
+import subprocess
+import sys
+import tarfile
+
+LIMIT = 2 << 30
+
+
+def limited():
+    resource.setrlimit(resource.RLIMIT_AS, (LIMIT, LIMIT))
+
+
+def run(arguments):
+    try:
+        done = subprocess.run(arguments, capture_output=True, timeout=20, preexec_fn=limited)
+        return done.returncode, done.stdout, done.stderr.decode(errors="replace").strip()
+    except subprocess.TimeoutExpired:
+        return -999, b"", "hang"
+
+
+def key(resource):
+    offset, length = resource["offset"], resource["length"]
+    if offset == 0 and length is None:
+        return f"{resource['url']}|"
+    return f"{resource['url']}|{offset}-{'' if length is None else offset + length - 1}"
+
+
+def merged(keys):
+    """Runs of one file become their covering range, as a download fetches them."""
+    result = []
+    for entry in keys:
+        url, span = entry.rsplit("|", 1)
+        first, last = (0, None) if span == "" else (int(span.split("-")[0]), span.split("-")[1])
+        last = None if last in (None, "") else int(last)
+        if result and result[-1][0] == url:
+            before = result[-1]
+            before[1] = min(before[1], first)
+            before[2] = None if before[2] is None or last is None else max(before[2], last)
+        else:
+            result.append([url, first, last])
+    return [f"{url}|" if first == 0 and last is None else f"{url}|{first}-{'' if last is None else last}"
+            for url, first, last in result]
+
+
+def cause(text, ours, theirs, single):
+    """Why two lists differ; the intended ones first."""
+    if single:
+        files = {entry.rsplit("|", 1)[0] for entry in theirs}
+        if len(ours) == 1 and ours[0].endswith("|") and files <= {ours[0][:-1]}:
+            return "intended: single-segment bases are fetched whole"
+        return "look: single-segment base"
+    if re.search(r'\br="-', text):
+        return "intended: a negative repeat lists nothing"
+    if re.search(r"</(\w+:)?BaseURL>\s*<(\w+:)?BaseURL", text):
+        return "intended: only the first BaseURL of a level counts"
+    if any("\x01" in entry or "%01" in entry for entry in ours):
+        return "intended: a template without an initialization attribute"
+    if "xlink:href" in text:
+        return "look: xlink"
+    if sorted(ours) == sorted(theirs):
+        return "look: order"
+    if len(ours) != len(theirs):
+        return f"look: count {len(ours)} against {len(theirs)}"
+    return "look: addresses"
+
+
+def examine(job):
+    binary, path, golden = job
+    status, _, error = run([binary, "inspect", path, "--json"])
+    bad = status not in (0, 1)
+    if bad:
+        return path, "CRASH" if status != -999 else "HANG", f"status {status}: {error[:300]}", []
+    differences = []
+    base = golden["base"] if golden else "https://cdn.example/vod/dir/manifest.mpd"
+    status2, out, error2 = run([binary, "resources", path, "--base", base, "--json"])
+    if status2 not in (0, 1):
+        return path, "CRASH" if status2 != -999 else "HANG", f"resources status {status2}: {error2[:300]}", []
+    if status2 == 1:
+        return path, "rejected", error2[:200], (["rejected: " + error2[:120]] if golden and not golden.get("dynamic") else [])
+    if golden and not golden.get("dynamic"):
+        with open(path, encoding="utf-8", errors="replace") as file:
+            text = file.read()
+        ours = {}
+        for number, movie in enumerate(json.loads(out)["movies"]):
+            for track in movie["tracks"]:
+                for quality in track["qualities"]:
+                    ours.setdefault(quality["id"], []).append([key(r) for r in quality["resources"]])
+        for representation in golden["representations"]:
+            if not representation.get("initAgreed"):
+                continue
+            theirs = ([representation["init"]] if representation.get("init") else []) + (representation["segments"] or [])
+            theirs = merged(theirs)
+            lists = ours.get(representation["repId"] or "", [])
+            if any(entry == theirs for entry in lists):
+                differences.append("same")
+            elif not lists:
+                differences.append("look: representation not listed (other content type or period)")
+            else:
+                why = cause(text, lists[0], theirs, representation["segments"] is None)
+                differences.append(why)
+                if os.environ.get("SHOW") and why.startswith(os.environ["SHOW"]):
+                    print(path, representation["repId"], "\n  ours  ", lists[0][:3], len(lists[0]), "\n  theirs", theirs[:3], len(theirs))
+    return path, "ok", "", differences
+
+
+def main(binary, corpus, kind="dash"):
+    golden = {}
+    archive = os.path.join(corpus, "golden.tar.gz")
+    if os.path.exists(archive):
+        with tarfile.open(archive) as tar:
+            for member in tar:
+                if member.isfile() and member.name.startswith(f"golden/{kind}/"):
+                    golden[member.name[len("golden/"):-len(".json")]] = json.load(tar.extractfile(member))
+    jobs = []
+    for folder, _, files in os.walk(os.path.join(corpus, kind)):
+        for name in sorted(files):
+            path = os.path.join(folder, name)
+            jobs.append((binary, path, golden.get(os.path.relpath(path, corpus))))
+    verdicts, reasons, differences, failed = collections.Counter(), collections.Counter(), collections.Counter(), 0
+    with concurrent.futures.ThreadPoolExecutor(max_workers=os.cpu_count()) as pool:
+        for path, verdict, reason, found in pool.map(examine, jobs):
+            verdicts[verdict] += 1
+            differences.update(found)
+            if verdict in ("CRASH", "HANG"):
+                failed += 1
+                print(f"{verdict}: {path}: {reason}")
+            elif verdict == "rejected":
+                reasons[re.sub(r"^.*?: ", "", re.sub(r"/\S+", "…", reason), count=1)] += 1
+                if os.environ.get("SHOW") == "rejected":
+                    print(path, reason)
+    for title, counts in (("files", verdicts), ("rejections", reasons), ("representations against the known-good lists", differences)):
+        print(f"{title}:")
+        for text, count in counts.most_common():
+            print(f"  {count:6} {text}")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(*sys.argv[1:]))

@@ -1,0 +1,171 @@
+// A library over several processes: interrupted, killed, resumed, cancelled, removed, held by another
+// process.
+
+#include "apps/tolvane/Process.h"
+#include "tests/app/Program.h"
+
+#include <csignal>
+#include <filesystem>
+#include <gtest/gtest.h>
+
+using namespace support;
+using nlohmann::json;
+using tolvane::Process;
+
+namespace {
+
+constexpr int segments = 40;
+
+class Library : public testing::Test, public ProgramFixture {
+protected:
+  void SetUp() override {
+    std::string list;
+    for (int i = 0; i < segments; ++i) {
+      server.serve(path(i), {std::string(20'000, static_cast<char>('a' + i % 26)) + std::to_string(i),
+                             "\"e" + std::to_string(i) + "\"", ""});
+      list += "<SegmentURL media=\"" + std::to_string(i) + ".m4s\"/>";
+    }
+    server.serve("/movie.mpd", {"<MPD mediaPresentationDuration=\"PT40S\"><Period><AdaptationSet "
+                                "mimeType=\"video/mp4\"><Representation "
+                                "id=\"v\" bandwidth=\"160000\" height=\"36\"><SegmentList>" +
+                                    list + "</SegmentList></Representation></AdaptationSet></Period></MPD>",
+                                "", "", "application/dash+xml"});
+  }
+  static std::string path(int i) { return "/" + std::to_string(i) + ".m4s"; }
+
+  /// Starts a download that stands still half-way through segment 20, and waits until it does.
+  std::unique_ptr<Process> startAndHold(GateRef gate) {
+    Fault stall;
+    stall.stallAfter = 10'000;
+    stall.gate = gate;
+    server.once(path(20), stall);
+    auto process = std::make_unique<Process>(
+        std::vector<std::string>{programPath(), "download", server.url("/movie.mpd"), "--title", "A movie",
+                                 "--progress", "none", "--library", library()},
+        directory / "out", directory / "err");
+    EXPECT_TRUE(gate->waitUntilReached());
+    // The other three lanes run on to the end; then only the held segment is missing.
+    for (int i = 0; i < segments; ++i)
+      EXPECT_TRUE(server.waitForRequests(path(i), 1));
+    return process;
+  }
+
+  void expectWhole() {
+    for (int i = 0; i < segments; ++i)
+      EXPECT_EQ(readFile(downloadDirectory() + path(i)).size(), 20'000 + std::to_string(i).size()) << i;
+    EXPECT_EQ(list()[0]["state"], "success");
+  }
+
+  std::string identifier() const { return list()[0]["id"].get<std::string>(); }
+};
+
+} // namespace
+
+TEST_F(Library, AnInterruptKeepsEverythingAndResumeGoesOn) {
+  auto gate = makeGate();
+  auto process = startAndHold(gate);
+  process->signal(SIGINT);
+  EXPECT_EQ(process->wait(), 130) << readFile(directory / "err");
+  EXPECT_EQ(list()[0]["state"], "paused");
+  EXPECT_EQ(list()[0]["title"], "A movie");
+
+  ProgramResult resumed = run({"resume", identifier().substr(0, 20), "--progress", "none"});
+  EXPECT_EQ(resumed.status, 0) << resumed.err;
+  expectWhole();
+  // The other lanes may have been busy with the last segments when the signal came.
+  int repeated = 0;
+  for (int i = 0; i < segments; ++i)
+    repeated += server.requests(path(i)).size() > 1;
+  EXPECT_LE(repeated, 4) << "only what was in flight is asked for again";
+  EXPECT_EQ(server.requests(path(20))[1].header("Range").rfind("bytes=", 0), 0u)
+      << "the bytes that were there are not fetched again";
+}
+
+TEST_F(Library, AKilledDownloadIsListedAsInterruptedAndAdoptsWhatItHas) {
+  auto gate = makeGate();
+  auto process = startAndHold(gate);
+
+  ProgramResult second = run({"download", server.url("/movie.mpd")});
+  EXPECT_EQ(second.status, 1);
+  EXPECT_NE(second.err.find("process"), std::string::npos) << second.err;
+  EXPECT_EQ(list()[0]["state"], "running") << "listing works beside a writer";
+
+  process->signal(SIGKILL);
+  process->wait();
+  EXPECT_NE(run({"list"}).out.find("interrupted"), std::string::npos);
+  EXPECT_EQ(run({"verify", identifier()}).status, 1);
+
+  ProgramResult resumed = run({"resume", "--all", "--progress", "none"});
+  EXPECT_EQ(resumed.status, 0) << resumed.err;
+  expectWhole();
+  EXPECT_EQ(run({"verify", identifier()}).status, 0);
+  EXPECT_NE(run({"resume", "--all"}).out.find("nothing to resume"), std::string::npos);
+}
+
+TEST_F(Library, CancelKeepsFilesAndRemoveDeletesThem) {
+  auto gate = makeGate();
+  auto process = startAndHold(gate);
+  process->signal(SIGTERM);
+  EXPECT_EQ(process->wait(), 130);
+
+  std::string id = identifier();
+  EXPECT_EQ(run({"cancel", id}).status, 0);
+  EXPECT_EQ(list()[0]["state"], "idle");
+  EXPECT_TRUE(std::filesystem::exists(downloadDirectory() + "/0.m4s"));
+
+  std::string folder = downloadDirectory();
+  EXPECT_EQ(run({"remove", id, "nonsense"}).status, 1) << "one unknown identifier and nothing is touched";
+  EXPECT_TRUE(std::filesystem::exists(folder));
+  EXPECT_EQ(run({"remove", id}).status, 0);
+  EXPECT_FALSE(std::filesystem::exists(folder));
+  EXPECT_TRUE(list().empty());
+}
+
+TEST_F(Library, VerifyNamesWhatIsMissingAndWhatIsShort) {
+  ASSERT_EQ(run({"download", server.url("/movie.mpd"), "--progress", "plain"}).status, 0);
+  std::filesystem::remove(downloadDirectory() + "/7.m4s");
+  writeFile(downloadDirectory() + "/8.m4s", "");
+  ProgramResult result = run({"verify", identifier()});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.out.find("missing 7.m4s"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("damaged 8.m4s"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("38 of 40"), std::string::npos) << result.out;
+}
+
+TEST_F(Library, MachineReadableOutputHasTheStatedShape) {
+  ProgramResult result = run({"download", server.url("/movie.mpd"), "--progress", "json", "--jobs", "2"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_LE(server.peakRequests(), 2u);
+  json entry = list()[0];
+  for (const char* key : {"id", "url", "title", "contentType", "state", "progress", "downloadedBytes",
+                          "expectedBytes", "localPath", "error"})
+    EXPECT_TRUE(entry.contains(key)) << key;
+  EXPECT_EQ(entry["contentType"], "dash");
+  EXPECT_EQ(entry["title"], nullptr);
+  EXPECT_EQ(entry["localPath"], downloadDirectory() + "/manifest.mpd");
+
+  json inspected = json::parse(runProgram({"inspect", server.url("/movie.mpd"), "--json"}).out);
+  json quality = inspected["movies"][0]["tracks"][0]["qualities"][0];
+  EXPECT_EQ(inspected["movies"][0]["duration"], 40.0);
+  EXPECT_EQ(inspected["movies"][0]["tracks"][0]["language"], nullptr);
+  EXPECT_EQ(quality["estimatedBytes"], 800'000);
+  EXPECT_EQ(quality["codec"], nullptr);
+  EXPECT_EQ(quality["height"], 36);
+}
+
+TEST_F(Library, HeadersReachEveryRequestAndAreKeptForResume) {
+  auto gate = makeGate();
+  Fault stall;
+  stall.stallAfter = 10;
+  stall.gate = gate;
+  server.once(path(20), stall);
+  Process process({programPath(), "download", server.url("/movie.mpd"), "--header", "X-Token: secret: 1",
+                   "--library", library(), "--progress", "none"},
+                  directory / "out");
+  ASSERT_TRUE(gate->waitUntilReached());
+  process.signal(SIGKILL);
+  process.wait();
+  ASSERT_EQ(run({"resume", "--all", "--progress", "none"}).status, 0);
+  for (const ServerRequest& request : server.requests())
+    EXPECT_EQ(request.header("X-Token"), "secret: 1") << request.method << " " << request.target;
+}

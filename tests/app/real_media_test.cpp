@@ -1,0 +1,149 @@
+// Presentations as ffmpeg packs them, downloaded, killed, resumed, and played without the server.
+
+#include "apps/tolvane/Process.h"
+#include "tests/app/Program.h"
+#include "tests/support/Command.h"
+#include "tests/support/MediaFactory.h"
+#include "tests/support/NginxServer.h"
+
+#include <csignal>
+#include <filesystem>
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+using namespace support;
+using nlohmann::json;
+
+namespace {
+
+std::string nameOf(const testing::TestParamInfo<Addressing>& info) {
+  static const char* const names[] = {"NumberTemplate", "TimeTemplate", "SegmentList", "SingleFile"};
+  return names[static_cast<int>(info.param)];
+}
+
+class RealMedia : public testing::TestWithParam<Addressing> {
+protected:
+  void SetUp() override {
+    ASSERT_TRUE(canMakeMedia() && NginxServer::isInstalled()) << "install ffmpeg and nginx";
+    MediaOptions options;
+    options.addressing = GetParam();
+    media = makeDASHMedia(options);
+  }
+
+  ProgramResult run(std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"--library", directory / "library"});
+    return runProgram(arguments);
+  }
+
+  std::string copyDirectory() {
+    for (const auto& entry : fs::recursive_directory_iterator(directory / "library"))
+      if (entry.path().filename() == "manifest.mpd")
+        return entry.path().parent_path().string();
+    return {};
+  }
+
+  /// What is stored is what the origin has. The packager may have written segments beyond what it lists.
+  void expectIdenticalCopy() {
+    for (const std::string& name : filesBelow(copyDirectory())) {
+      if (name == "QVMovieDownloadSetProperties.json")
+        continue;
+      const std::string origin = media.directory + "/" + (name == "manifest.mpd" ? media.manifest : name);
+      EXPECT_TRUE(readFile(copyDirectory() + "/" + name) == readFile(origin)) << name;
+    }
+  }
+
+  /// Each quality's files, one behind the other, are a stream that decodes to its whole length.
+  void expectPlays() {
+    const json presentation = json::parse(runProgram({"resources", copyDirectory() + "/manifest.mpd",
+                                                      "--base", "http://host/manifest.mpd", "--json"})
+                                              .out);
+    for (const json& track : presentation["movies"][0]["tracks"])
+      for (const json& quality : track["qualities"]) {
+        std::string stream;
+        for (const json& resource : quality["resources"])
+          stream += readFile(copyDirectory() + "/" + resource["path"].get<std::string>());
+        const std::string file = directory.write("stream.mp4", stream), log = directory / "decoded";
+        EXPECT_NO_THROW(runCommand(
+            {"ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", file, "-progress", log, "-f", "null", "-"},
+            directory.path()))
+            << quality["id"];
+        const std::string text = readFile(log);
+        const std::size_t at = text.rfind("out_time_us=");
+        ASSERT_NE(at, std::string::npos);
+        EXPECT_GT(std::stoll(text.substr(at + 12)), 3'800'000) << quality["id"];
+        std::filesystem::remove(log);
+      }
+  }
+
+  /// Addresses that `resources` lists, sorted.
+  static std::multiset<std::string> listed(const std::string& url) {
+    std::multiset<std::string> uris;
+    const json presentation = json::parse(runProgram({"resources", url, "--json"}).out);
+    for (const json& track : presentation["movies"][0]["tracks"])
+      for (const json& quality : track["qualities"])
+        for (const json& resource : quality["resources"]) {
+          std::string address = resource["url"];
+          uris.insert(address.substr(address.find('/', 8)));
+        }
+    return uris;
+  }
+
+  Media media;
+  TemporaryDirectory directory;
+};
+
+} // namespace
+
+TEST_P(RealMedia, TheServerIsAskedForTheListedResourcesAndTheCopyPlaysWithoutIt) {
+  {
+    NginxServer server(media.directory);
+    const std::string url = server.url("/" + media.manifest);
+    ProgramResult result = run({"download", url, "--video", "all", "--audio", "all", "--progress", "none"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    std::multiset<std::string> asked;
+    for (const AccessLogEntry& entry : server.accessLog())
+      if (entry.method == "GET" && entry.uri != "/" + media.manifest)
+        asked.insert(entry.uri);
+    EXPECT_EQ(asked, listed(url));
+    expectIdenticalCopy();
+  }
+  expectPlays();
+}
+
+TEST_P(RealMedia, AKilledDownloadGoesOnInAnotherProcess) {
+  FaultServer server;
+  for (const auto& entry : fs::directory_iterator(media.directory)) {
+    const std::string name = entry.path().filename().string();
+    server.serve("/" + name, {readFile(entry.path().string()), "\"" + name + "\"", ""});
+  }
+  const std::string url = server.url("/" + media.manifest);
+  const auto uris = listed(url);
+  ASSERT_FALSE(uris.empty());
+  Fault stall;
+  stall.stallAfter = 500;
+  stall.gate = makeGate();
+  server.once(*std::next(uris.begin(), static_cast<std::ptrdiff_t>(uris.size() / 2)), stall);
+
+  const std::vector<std::string> download{"download", url,   "--video",    "all",
+                                          "--audio",  "all", "--progress", "none"};
+  {
+    std::vector<std::string> command{programPath()};
+    command.insert(command.end(), download.begin(), download.end());
+    command.insert(command.end(), {"--library", directory / "library"});
+    tolvane::Process first(command, directory / "out");
+    ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "out");
+    ASSERT_TRUE(first.running());
+    first.signal(SIGKILL);
+    first.wait();
+  }
+  ProgramResult result = run(download);
+  ASSERT_EQ(result.status, 0) << result.err;
+  expectIdenticalCopy();
+  expectPlays();
+  EXPECT_EQ(json::parse(run({"list", "--json"}).out)[0]["state"], "success");
+}
+
+INSTANTIATE_TEST_SUITE_P(, RealMedia,
+                         testing::Values(Addressing::NumberTemplate, Addressing::TimeTemplate,
+                                         Addressing::SegmentList, Addressing::SingleFile),
+                         nameOf);

@@ -1,0 +1,143 @@
+#pragma once
+
+#include "tests/support/Expectation.h"
+#include "tests/support/FaultServer.h"
+#include "tests/support/NginxServer.h"
+#include "tests/support/RecordingSessionDelegate.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include "platform/transfer/TransferService.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+#include <thread>
+
+namespace transfer_tests {
+
+using namespace platform;
+using namespace support;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::SizeIs;
+using testing::StartsWith;
+
+inline constexpr const char* OldDate = "Mon, 05 Jan 2015 10:00:00 GMT";
+
+inline std::string bytes(std::size_t count, unsigned seed = 1) {
+  std::string text(count, '\0');
+  for (auto& c : text)
+    c = static_cast<char>((seed = seed * 1664525u + 1013904223u) >> 24);
+  return text;
+}
+
+inline HTTPTransferServiceOptions optionsFor(const std::string& directory) {
+  HTTPTransferServiceOptions options;
+  options.directory = directory;
+  options.retryDelay = std::chrono::milliseconds(1);
+  return options;
+}
+
+/// A service in a directory of its own, a session of it, and a scripted server.
+class TransferServiceTest : public testing::Test {
+protected:
+  ~TransferServiceTest() override {
+    session.reset();
+    if (service)
+      service->shutdown();
+  }
+
+  void open(const std::string& identifier = {}) {
+    if (!service)
+      service = makeHTTPTransferService(optionsFor(directory / "service"));
+    ASSERT_TRUE(service);
+    configuration.identifier = identifier;
+    configuration.service = service;
+    delegate = std::make_shared<RecordingSessionDelegate>();
+    ErrorRef error;
+    session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
+    ASSERT_TRUE(session) << error->localizedDescription();
+  }
+
+  /// What a new process finds: the service and its session are gone, the directory is not.
+  void restart(const std::string& identifier = {}) {
+    session.reset();
+    service->shutdown();
+    service.reset();
+    configuration.service.reset();
+    open(identifier);
+  }
+
+  URLRequest request(const std::string& path, const std::string& range = {}) const {
+    URLRequest made(*URL::URLWithString(server.url(path)));
+    if (!range.empty())
+      made.setValueForHTTPHeaderField(range, "Range");
+    return made;
+  }
+
+  DownloadTaskRef start(const std::string& path, const std::string& range = {}) {
+    auto task = session->downloadTaskWithRequest(request(path, range));
+    task->resume();
+    return task;
+  }
+
+  RecordingSessionDelegate::TaskRecord finish(const DownloadTaskRef& task) {
+    EXPECT_TRUE(delegate->waitForCompletions(++awaited));
+    return delegate->task(task->taskIdentifier());
+  }
+
+  static void expectWhole(const RecordingSessionDelegate::TaskRecord& record, const std::string& content) {
+    ASSERT_THAT(record.completions, SizeIs(1));
+    EXPECT_FALSE(record.completions[0]) << record.completions[0]->localizedDescription();
+    ASSERT_THAT(record.finishedAt, SizeIs(1));
+    EXPECT_TRUE(record.content == content);
+    ASSERT_FALSE(record.progress.empty());
+    EXPECT_EQ(record.progress.back().total, static_cast<std::int64_t>(content.size()));
+    EXPECT_THAT(record.order, EndsWith("wfc"));
+  }
+
+  static void expectError(const RecordingSessionDelegate::TaskRecord& record, std::int64_t code) {
+    ASSERT_THAT(record.completions, SizeIs(1));
+    ASSERT_TRUE(record.completions[0]);
+    EXPECT_EQ(record.completions[0]->code(), code) << record.completions[0]->localizedDescription();
+    EXPECT_TRUE(record.completions[0]->domain().isIdenticalTo(NSURLErrorDomain));
+    EXPECT_THAT(record.finishedAt, SizeIs(0));
+  }
+
+  static DataRef resumeDataOf(const RecordingSessionDelegate::TaskRecord& record) {
+    auto data = record.completions.at(0)->value<DataRef>(NSURLSessionDownloadTaskResumeData);
+    return data ? *data : nullptr;
+  }
+
+  std::size_t filesBelow(const std::string& name) const {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(directory / "service/" + name))
+      count += entry.is_regular_file();
+    return count;
+  }
+
+  /// Downloads until `held` bytes have come, then breaks the connection for good; answers the resume data.
+  DataRef breakAt(const std::string& path, std::size_t held, const std::string& range = {}) {
+    configuration.retryLimit = 0;
+    if (!session)
+      open();
+    Fault cut;
+    cut.cutAfter = held;
+    server.once(path, cut);
+    auto record = finish(start(path, range));
+    expectError(record, NSURLErrorNetworkConnectionLost);
+    return resumeDataOf(record);
+  }
+
+  TemporaryDirectory directory;
+  FaultServer server;
+  std::shared_ptr<TransferService> service;
+  URLSessionConfiguration configuration;
+  std::shared_ptr<RecordingSessionDelegate> delegate;
+  std::shared_ptr<URLSession> session;
+  std::size_t awaited = 0;
+};
+
+} // namespace transfer_tests

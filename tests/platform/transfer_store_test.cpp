@@ -1,0 +1,333 @@
+// What outlives the process: the journal, the partial files, the locks.
+
+#include "tests/support/Expectation.h"
+#include "tests/support/FaultServer.h"
+#include "tests/support/RecordingSessionDelegate.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include "platform/transfer/TransferService.h"
+#include "platform/transfer/internal/Journal.h"
+#include "platform/transfer/internal/PartialStore.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+
+using namespace platform;
+using namespace platform::transfer;
+using namespace support;
+using testing::SizeIs;
+
+namespace {
+
+constexpr const char* OldDate = "Mon, 05 Jan 2015 10:00:00 GMT";
+
+class StoreTest : public testing::Test {
+protected:
+  StoreTest() : locks(directory / "locks"), store(directory.path(), "p-1", locks) {
+    for (const char* name : {"locks", "partials", "finished"})
+      std::filesystem::create_directory(directory / name);
+  }
+
+  /// A closed partial file of 10 bytes; answers its name.
+  std::string leave(PartialDescription description) {
+    int failure = 0;
+    auto file = store.create(PartialStore::keyOf("GET", "http://host/a", ""), &failure);
+    EXPECT_EQ(file->append("0123456789", 10), 0);
+    description.url = "http://host/a";
+    description.validators.etag = description.validators.etag.empty() ? "\"1\"" : description.validators.etag;
+    EXPECT_EQ(file->settle(description), 0);
+    return file->name();
+  }
+  std::optional<Claim> adopt() { return store.adopt("GET", "http://host/a", ""); }
+
+  TemporaryDirectory directory;
+  OwnerLocks locks;
+  PartialStore store;
+};
+
+TEST_F(StoreTest, AdoptsOnlyWhatNobodyHas) {
+  int holder = 0, failure = 0;
+  auto lock = locks.take("s-1", &holder, &failure);
+  ASSERT_TRUE(lock);
+  EXPECT_FALSE(locks.take("s-1", &holder, &failure));
+  EXPECT_EQ(holder, ::getpid());
+  PartialDescription description;
+  description.owner = "s-1";
+  auto name = leave(description);
+  EXPECT_FALSE(adopt());
+  EXPECT_FALSE(store.reclaim(name, "s-2", "GET", "http://host/a", ""));
+  EXPECT_FALSE(store.reclaim(name, "s-1", "GET", "http://host/b", ""));
+  lock.reset();
+  auto claim = adopt();
+  ASSERT_TRUE(claim);
+  EXPECT_EQ(claim->file->length(), 10);
+  EXPECT_FALSE(adopt()); // it is open
+  int another = 0;
+  EXPECT_NE(store.create(PartialStore::keyOf("GET", "http://host/a", ""), &another)->name(), name);
+}
+
+TEST_F(StoreTest, TrustsThePageCacheOnlyWithinOneBoot) {
+  PartialDescription description;
+  auto name = leave(description);
+  auto path = directory / "partials/" + name + ".json";
+  auto text = readFile(path);
+  text.replace(text.find(bootIdentifier()), 4, "0000");
+  text.replace(text.find("[[0,10]]"), 8, "[[0,4]]");
+  std::ofstream(path) << text;
+  auto claim = adopt();
+  ASSERT_TRUE(claim);
+  EXPECT_EQ(claim->file->length(), 4);
+  EXPECT_EQ(claim->file->append("xy", 2), 0);
+  EXPECT_EQ(readFile(claim->file->path()), "0123xy");
+}
+
+TEST_F(StoreTest, LeavesNewerFormatsAloneAndDropsWhatTellsNothing) {
+  auto name = leave({});
+  auto path = directory / "partials/" + name;
+  auto text = readFile(path + ".json");
+  std::ofstream(path + ".json") << "{\"version\":2}";
+  EXPECT_FALSE(adopt());
+  store.sweep(std::chrono::hours(0));
+  EXPECT_TRUE(std::filesystem::exists(path + ".part"));
+  std::ofstream(path + ".json") << text.substr(0, text.size() / 2);
+  EXPECT_FALSE(adopt());
+  EXPECT_FALSE(std::filesystem::exists(path + ".part"));
+
+  leave({});
+  store.sweep(std::chrono::hours(1));
+  EXPECT_TRUE(adopt());
+  store.sweep(std::chrono::hours(0));
+  EXPECT_FALSE(adopt());
+}
+
+TEST_F(StoreTest, ADescriptionNeverSpeaksOfBytesThatAreGone) {
+  int failure = 0;
+  auto file = store.create("key", &failure);
+  file->append("old", 3);
+  PartialDescription description;
+  description.validators.etag = "\"old\"";
+  auto generation = file->generation();
+  EXPECT_EQ(file->syncAndDescribe(description, generation), 0);
+  EXPECT_EQ(file->clear(), 0);
+  file->append("new", 3);
+  EXPECT_EQ(file->syncAndDescribe(description, generation), 0); // was under way when it was cleared
+  EXPECT_FALSE(store.peek(file->name()));
+}
+
+struct Row final : JournaledTask {
+  explicit Row(std::uint64_t number) { row.identifier = number; }
+  const std::string& journalSession() const override { return session; }
+  std::uint64_t journalIdentifier() const override { return row.identifier; }
+  std::optional<TaskRow> journalRow(bool withRequest) override {
+    auto copy = row;
+    copy.request = withRequest ? "{}" : "";
+    return gone ? std::nullopt : std::optional(copy);
+  }
+  std::string session = "name";
+  TaskRow row;
+  bool gone = false;
+};
+
+TEST_F(StoreTest, JournalsTheNewestState) {
+  auto path = directory / "journal.db";
+  auto kept = std::make_shared<Row>(1), dropped = std::make_shared<Row>(2);
+  {
+    auto journal = Journal::open(path, nullptr);
+    journal->reserveIdentifiers("name", 50);
+    journal->touch(kept);
+    journal->touch(dropped);
+    EXPECT_THAT(journal->loadSession("name", nullptr)->tasks, SizeIs(2));
+    kept->row.description = "";
+    kept->row.partial = "file";
+    dropped->gone = true;
+    journal->touch(kept);
+    journal->touch(dropped);
+  }
+  auto journal = Journal::open(path, nullptr);
+  auto session = journal->loadSession("name", nullptr);
+  ASSERT_TRUE(session);
+  EXPECT_EQ(session->nextTask, 50u);
+  ASSERT_THAT(session->tasks, SizeIs(1));
+  EXPECT_EQ(session->tasks[0].description, "");
+  EXPECT_EQ(session->tasks[0].partial, "file");
+  EXPECT_EQ(session->tasks[0].request, "{}");
+  EXPECT_THAT(journal->loadSession("other", nullptr)->tasks, SizeIs(0));
+  journal->forgetSessions(std::time(nullptr) + 1, [](const std::string&) { return false; });
+  EXPECT_THAT(journal->loadSession("name", nullptr)->tasks, SizeIs(0));
+  EXPECT_EQ(journal->loadSession("name", nullptr)->nextTask, 50u);
+}
+
+TEST_F(StoreTest, RefusesANewerJournalAndSetsAGarbledOneAside) {
+  auto path = directory / "journal.db";
+  sqlite3* database = nullptr;
+  sqlite3_open(path.c_str(), &database);
+  sqlite3_exec(database, "PRAGMA user_version = 7; CREATE TABLE future(x)", nullptr, nullptr, nullptr);
+  sqlite3_close(database);
+  auto before = readFile(path);
+  ErrorRef error;
+  EXPECT_FALSE(Journal::open(path, &error));
+  ASSERT_TRUE(error);
+  EXPECT_THAT(error->localizedDescription(), testing::HasSubstr("version 7"));
+  EXPECT_EQ(readFile(path), before);
+
+  const std::string garbage = "this is no database, however long one looks at it";
+  std::ofstream(path) << garbage;
+  EXPECT_TRUE(Journal::open(path, nullptr));
+  std::size_t aside = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(directory.path()))
+    aside +=
+        entry.path().string().find(".damaged-") != std::string::npos && readFile(entry.path()) == garbage;
+  EXPECT_EQ(aside, 1u);
+}
+
+// ---- Processes that die
+
+/// A child process, made while this one has a single thread, that waits for a URL to work on.
+class Child {
+public:
+  template <class Body> explicit Child(Body&& body) {
+    int ends[2];
+    if (::pipe(ends) != 0)
+      throw std::runtime_error("pipe");
+    _process = ::fork();
+    if (_process == 0) {
+      char url[256] = {};
+      ::close(ends[1]);
+      if (::read(ends[0], url, sizeof url - 1) > 0)
+        body(URLRequest(*URL::URLWithString(url)));
+      ::_exit(3);
+    }
+    ::close(ends[0]);
+    _input = ends[1];
+  }
+  ~Child() {
+    kill();
+    ::close(_input);
+  }
+  void start(const std::string& url) { EXPECT_GT(::write(_input, url.data(), url.size()), 0); }
+  pid_t process() const { return _process; }
+  int wait() {
+    int status = 0;
+    if (_process > 0)
+      ::waitpid(std::exchange(_process, -1), &status, 0);
+    return status;
+  }
+  void kill() {
+    if (_process > 0)
+      ::kill(_process, SIGKILL);
+    wait();
+  }
+
+private:
+  pid_t _process = -1;
+  int _input = -1;
+};
+
+HTTPTransferServiceOptions optionsFor(const std::string& directory) {
+  HTTPTransferServiceOptions options;
+  options.directory = directory;
+  options.retryDelay = std::chrono::milliseconds(1);
+  return options;
+}
+
+TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
+  auto configuration = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
+  Child child([&](const URLRequest& request) {
+    configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
+    auto session = URLSession::sessionWithConfiguration(configuration, {}, nullptr);
+    auto task = session->downloadTaskWithRequest(request);
+    task->setTaskDescription("kept");
+    task->resume();
+    ::pause();
+  });
+  const std::string content(600'000, 'x');
+  FaultServer server;
+  auto gate = makeGate();
+  Fault stall;
+  stall.stallAfter = 400'000;
+  stall.gate = gate;
+  server.serve("/a", {content, "\"1\"", OldDate});
+  server.once("/a", stall);
+  child.start(server.url("/a"));
+  ASSERT_TRUE(gate->waitUntilReached(1));
+  // The description of what is held is written a moment after the bytes.
+  auto described = [&] {
+    for (const auto& entry : std::filesystem::directory_iterator(directory / "partials"))
+      if (entry.path().extension() == ".json" &&
+          readFile(entry.path()).find("[[0,400000]]") != std::string::npos)
+        return true;
+    return false;
+  };
+  while (!described())
+    ::sched_yield();
+
+  auto service = makeHTTPTransferService(optionsFor(directory.path()));
+  configuration.service = service;
+  auto delegate = std::make_shared<RecordingSessionDelegate>();
+  ErrorRef error;
+  EXPECT_FALSE(URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), NSURLErrorBackgroundSessionInUseByAnotherProcess);
+  EXPECT_THAT(error->localizedDescription(), testing::HasSubstr(std::to_string(child.process())));
+
+  child.kill();
+  auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
+  ASSERT_TRUE(session) << error->localizedDescription();
+  ASSERT_TRUE(delegate->waitForCompletions(1));
+  auto record = delegate->tasks().begin()->second;
+  EXPECT_FALSE(record.completions.at(0));
+  EXPECT_TRUE(record.content == content);
+  EXPECT_EQ(server.requests("/a").back().header("Range"), "bytes=400000-");
+  service->shutdown();
+}
+
+TEST_F(StoreTest, AFailedWriteIsOneClearErrorAndKeepsTheRest) {
+  const std::string content(600'000, 'x');
+  // The limit holds for the whole process, so a child meets it. SIGXFSZ must not end it.
+  Child child([&](const URLRequest& request) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    auto configuration = URLSessionConfiguration::defaultSessionConfiguration();
+    configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
+    auto delegate = std::make_shared<RecordingSessionDelegate>();
+    auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr);
+    auto task = session->downloadTaskWithRequest(request);
+    rlimit small{300'000, before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    task->resume();
+    if (!delegate->waitForCompletions(1))
+      ::_exit(10);
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    auto failure = delegate->tasks().begin()->second.completions.at(0);
+    if (!failure || failure->code() != NSURLErrorCannotWriteToFile || !failure->underlyingError() ||
+        failure->underlyingError()->code() != EFBIG)
+      ::_exit(11);
+    auto data = failure->value<DataRef>(NSURLSessionDownloadTaskResumeData);
+    if (!data || !*data)
+      ::_exit(12);
+    task = session->downloadTaskWithResumeData(**data);
+    task->resume();
+    if (!delegate->waitForCompletions(2) || delegate->task(task->taskIdentifier()).content != content ||
+        delegate->task(task->taskIdentifier()).resumedAt.size() != 1)
+      ::_exit(13);
+    ::_exit(0);
+  });
+  FaultServer server;
+  server.serve("/a", {content, "\"1\"", OldDate});
+  child.start(server.url("/a"));
+  auto status = child.wait();
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+} // namespace

@@ -1,0 +1,211 @@
+#include "qvc/ByteArray.h"
+#include "qvc/FastString.h"
+#include "qvc/Uuid.h"
+#include "qvc/streams/MemoryStream.h"
+#include "qvc/streams/NullStream.h"
+#include "tests/qvc/CapturedLog.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+namespace qvc {
+namespace {
+
+/// Failures are logged, which is not what these tests look at.
+struct StreamTest : testing::Test {
+  debug::CapturedLog log;
+};
+
+ByteArray bytes(const char* hex) {
+  return FastString::hexToArray(hex);
+}
+
+uint64_t position(Stream& stream) {
+  uint64_t pos = 0;
+  EXPECT_EQ(stream.getPos(pos), qvc_Success);
+  return pos;
+}
+
+TEST_F(StreamTest, readsIntegersInEitherOrder) {
+  MemoryStream stream(bytes("010203fffffe0102030405060708"));
+  uint32_t unsigned24 = 0;
+  int32_t signed24 = 0;
+  uint64_t wide = 0;
+  EXPECT_EQ(stream.readUINT24(&unsigned24), qvc_Success);
+  EXPECT_EQ(unsigned24, 0x010203u);
+  EXPECT_EQ(stream.readINT24(&signed24), qvc_Success);
+  EXPECT_EQ(signed24, -2);
+  EXPECT_EQ(stream.readUINT64(&wide), qvc_Success);
+  EXPECT_EQ(wide, 0x0102030405060708u);
+
+  stream.setByteOrder(ByteOrder::LittleEndian);
+  EXPECT_EQ(stream.seek(0), qvc_Success);
+  int64_t fromShort = 0;
+  uint8_t narrow = 0;
+  EXPECT_EQ(stream.readUINT24(&unsigned24), qvc_Success);
+  EXPECT_EQ(unsigned24, 0x030201u);
+  EXPECT_EQ(stream.readINT16(&fromShort), qvc_Success);
+  EXPECT_EQ(fromShort, -1) << "extended by its sign";
+  EXPECT_EQ(stream.skip(1), qvc_Success);
+  EXPECT_EQ(stream.readUINT16(&narrow), qvc_Success);
+  EXPECT_EQ(narrow, 1) << "the low byte of 0x0201";
+}
+
+TEST_F(StreamTest, aFailedReaderKeepsWhatItReadAndLogsTwice) {
+  MemoryStream stream(bytes("0000000100000002"));
+  uint32_t values[3] = {9, 9, 9};
+  EXPECT_EQ(stream.readUINT32(values, 3), qvc_IOError);
+  EXPECT_EQ(values[0], 1u);
+  EXPECT_EQ(values[1], 2u);
+  EXPECT_EQ(values[2], 9u);
+  const auto& entries = log.entries();
+  ASSERT_GE(entries.size(), 2u);
+  EXPECT_EQ(entries.back().function, "readUINT32");
+  EXPECT_EQ(entries[entries.size() - 2].function, "readWidth");
+  EXPECT_EQ(entries.back().code, qvc_IOError);
+  stream.close();
+  EXPECT_EQ(stream.readUINT8(values, 0), qvc_Success) << "nothing to read needs no open stream";
+  EXPECT_EQ(stream.readUINT8(values, 1), qvc_PermissionDenied);
+}
+
+TEST_F(StreamTest, shortReadsSucceedOnlyWhenTheCallerCanTell) {
+  char buffer[10];
+  uint64_t done = 99;
+  MemoryStream stream(bytes("01020304"));
+  EXPECT_EQ(stream.read(buffer, 10, &done), qvc_Success);
+  EXPECT_EQ(done, 4u);
+  EXPECT_EQ(stream.read(buffer, 10, &done), qvc_IOError) << "at the end";
+  EXPECT_EQ(done, 0u);
+  EXPECT_EQ(stream.read(buffer, 0), qvc_Success);
+  stream.seek(0);
+  EXPECT_EQ(stream.read(buffer, 10), qvc_IOError);
+  EXPECT_EQ(position(stream), 4u) << "after a partial copy";
+
+  ByteArray out("old");
+  stream.seek(-2, SeekMode::FromEnd);
+  EXPECT_EQ(stream.read(out, UINT64_MAX), qvc_Success) << "memory is taken only for what is there";
+  EXPECT_EQ(out, bytes("0304"));
+  EXPECT_EQ(stream.read(out, 1), qvc_IOError);
+  EXPECT_TRUE(out.isEmpty());
+  EXPECT_EQ(stream.readAll(out), qvc_Success);
+  stream.seek(1);
+  EXPECT_EQ(stream.readAll(out), qvc_Success);
+  EXPECT_EQ(out, bytes("020304"));
+}
+
+TEST_F(StreamTest, anOwnedBlockGrowsAndIsCut) {
+  MemoryStream stream;
+  EXPECT_EQ(stream.write(bytes("010203")), qvc_Success);
+  EXPECT_EQ(stream.seek(1), qvc_Success);
+  EXPECT_EQ(stream.write(bytes("aabbcc")), qvc_Success);
+  EXPECT_EQ(position(stream), 4u);
+  EXPECT_EQ(ByteArray(stream.data(), 4), bytes("01aabbcc"));
+  stream.seek(2);
+  EXPECT_EQ(stream.truncate(), qvc_Success);
+  uint64_t size = 0;
+  EXPECT_EQ(stream.getSize(size), qvc_Success);
+  EXPECT_EQ(size, 2u);
+  EXPECT_EQ(stream.resize(1), qvc_Success);
+  EXPECT_EQ(position(stream), 1u);
+  EXPECT_EQ(stream.resize(UINT64_MAX), qvc_OutOfMemory);
+  EXPECT_EQ(stream.setAllocSize(100), qvc_Success);
+  EXPECT_EQ(stream.data()[0], 1);
+}
+
+TEST_F(StreamTest, wrappedMemoryKeepsItsSize) {
+  uint8_t memory[3] = {};
+  MemoryStream stream(memory, sizeof memory);
+  uint64_t done = 0;
+  EXPECT_EQ(stream.write(bytes("01020304"), &done), qvc_Success);
+  EXPECT_EQ(done, 3u);
+  EXPECT_EQ(memory[2], 3);
+  EXPECT_EQ(stream.write(bytes("05"), &done), qvc_Success);
+  EXPECT_EQ(done, 0u);
+  EXPECT_EQ(stream.write(bytes("05")), qvc_PermissionDenied);
+  EXPECT_EQ(stream.truncate(), qvc_PermissionDenied);
+  EXPECT_EQ(stream.resize(9), qvc_PermissionDenied);
+  stream.wrapMemory(static_cast<const void*>("const"), 5);
+  EXPECT_EQ(stream.write(bytes("05")), qvc_PermissionDenied);
+}
+
+TEST_F(StreamTest, seeksStopAtTheEnds) {
+  NullStream null(10);
+  MemoryStream memory(ByteArray(size_t{10}));
+  for (Stream* stream : {static_cast<Stream*>(&null), static_cast<Stream*>(&memory)}) {
+    EXPECT_EQ(stream->seek(4, SeekMode::FromStart), qvc_Success);
+    EXPECT_EQ(stream->seek(-5, SeekMode::FromCurrent), qvc_OutOfRange);
+    EXPECT_EQ(position(*stream), 0u);
+    EXPECT_EQ(stream->seek(1, SeekMode::FromEnd), qvc_OutOfRange);
+    EXPECT_EQ(position(*stream), 10u);
+    EXPECT_EQ(stream->seek(-3, SeekMode::FromEnd), qvc_Success);
+    EXPECT_EQ(position(*stream), 7u);
+    EXPECT_EQ(stream->seek(INT64_MAX, SeekMode::FromCurrent), qvc_OutOfRange);
+    EXPECT_EQ(stream->seek(INT64_MIN, SeekMode::FromStart), qvc_OutOfRange);
+    EXPECT_EQ(position(*stream), 0u);
+  }
+  NullStream empty;
+  EXPECT_EQ(empty.seek(-5), qvc_Success);
+  EXPECT_EQ(position(empty), 0u);
+}
+
+TEST_F(StreamTest, nullStreamDiscards) {
+  NullStream stream;
+  uint64_t done = 0;
+  EXPECT_EQ(stream.write("abc", 3, &done), qvc_Success);
+  EXPECT_EQ(done, 3u);
+  char buffer[3];
+  EXPECT_EQ(stream.read(buffer, 3, &done), qvc_Success);
+  EXPECT_EQ(done, 0u);
+}
+
+TEST_F(StreamTest, modesAreKept) {
+  MemoryStream stream(bytes("01"));
+  EXPECT_EQ(stream.open(Stream::Read), qvc_AlreadyInitialized);
+  EXPECT_EQ(stream.close(), qvc_Success);
+  EXPECT_EQ(stream.close(), qvc_PermissionDenied);
+  uint64_t size = 7;
+  EXPECT_EQ(stream.getSize(size), qvc_PermissionDenied);
+  EXPECT_EQ(stream.open(0), qvc_InvalidArguments);
+  EXPECT_EQ(stream.open(Stream::Read), qvc_Success);
+  EXPECT_EQ(stream.write(bytes("02")), qvc_PermissionDenied);
+  stream.close();
+  EXPECT_EQ(stream.open(Stream::Write, ContentCreation::Create), qvc_Success);
+  EXPECT_EQ(stream.getSize(size), qvc_Success);
+  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(stream.read(&size, 0), qvc_PermissionDenied);
+}
+
+TEST_F(StreamTest, uuidsReadEveryForm) {
+  const Uuid dashed("00112233-4455-6677-8899-aabbccddeeff");
+  EXPECT_EQ(Uuid("0x00112233445566778899AABBCCDDEEFF"), dashed);
+  EXPECT_EQ(dashed.toString(), "00112233-4455-6677-8899-aabbccddeeff");
+  EXPECT_EQ(dashed.toHEX(), "00112233445566778899AABBCCDDEEFF");
+  EXPECT_EQ(Uuid(dashed.toByteArray()), dashed);
+  EXPECT_EQ(Uuid("0011-22").toHEX(), "00112200000000000000000000000000");
+  EXPECT_EQ(Uuid("00112233445566778899AABBCCDDEEFF0102"), dashed) << "what is too much is dropped";
+  EXPECT_TRUE(Uuid("").isNil() && Uuid().isNil());
+  EXPECT_ANY_THROW(Uuid("not hexadecimal"));
+  EXPECT_TRUE(Uuid("01") < Uuid("80") && Uuid("80") > Uuid("01"));
+}
+
+TEST_F(StreamTest, uuidsTurnAroundAndTravel) {
+  const Uuid uuid("00112233-4455-6677-8899-aabbccddeeff");
+  EXPECT_EQ(Uuid::playreadyToCenc(uuid).toString(), "33221100-5544-7766-8899-aabbccddeeff");
+  EXPECT_EQ(Uuid(uuid).playreadyToCenc().playreadyToCenc(), uuid);
+  MemoryStream stream;
+  EXPECT_EQ(uuid.writeToStream(stream), qvc_Success);
+  stream.seek(0);
+  Uuid read;
+  EXPECT_EQ(read.readFromStream(stream), qvc_Success);
+  EXPECT_EQ(read, uuid);
+  EXPECT_EQ(read.readFromStream(stream), qvc_IOError);
+  EXPECT_EQ(read, uuid);
+  std::set<Uuid> random;
+  for (int i = 0; i < 50; ++i)
+    random.insert(Uuid::generateRandom());
+  EXPECT_EQ(random.size(), 50u);
+}
+
+} // namespace
+} // namespace qvc

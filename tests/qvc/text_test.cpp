@@ -1,0 +1,236 @@
+#include "qvc/Base64.h"
+#include "qvc/ByteArray.h"
+#include "qvc/FastString.h"
+#include "qvc/ParserHelpers.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <stdexcept>
+#include <unordered_set>
+
+namespace qvc {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(FastString, compareCountsACommonPartOfExactlyMaxLenAsEqual) {
+  EXPECT_EQ(FastString("abc").compare("abcd", true, 3), 0);
+  EXPECT_EQ(FastString("abcd").compare("abc", true, 3), 0);
+  EXPECT_EQ(FastString("abcx").compare("abcd", true, 3), 1) << "maxLen must not shorten the comparison";
+  EXPECT_EQ(FastString("abc").compare("abcd", true, 2), -1);
+  EXPECT_EQ(FastString("abc").compare("abcd"), -1);
+  EXPECT_EQ(FastString("").compare("a"), -1);
+  EXPECT_EQ(FastString("a").compare(static_cast<const char*>(nullptr)), 1);
+  EXPECT_EQ(FastString("").compare(""), 0);
+  EXPECT_EQ(FastString("\xC3\xA9").compare("z", false), 1) << "bytes compare unsigned";
+}
+
+TEST(FastString, ignoresCaseOfAsciiOnly) {
+  EXPECT_TRUE(FastString("abc").equals("ABC", false));
+  EXPECT_FALSE(FastString("abc").equals("ABC", true));
+  EXPECT_FALSE(FastString("\xC3\xA9").equals("\xC3\x89", false));
+  EXPECT_TRUE(FastString("HTTP://x").startsWith("http:", false));
+  EXPECT_FALSE(FastString("ab").startsWith("abc", true));
+  EXPECT_TRUE(FastString("a.MPD").endsWith(".mpd", false));
+  EXPECT_FALSE(FastString("mpd").endsWith(".mpd", false));
+}
+
+TEST(FastString, aZeroByteEndsTheOtherOperandOfEqualityButNotOfOrder) {
+  const FastString whole(std::string("a\0b", 3));
+  EXPECT_TRUE(FastString("a") == whole);
+  EXPECT_FALSE(whole == FastString("a"));
+  EXPECT_FALSE(whole == whole);
+  EXPECT_EQ(FastString("a") == whole, FastString("a").compare(whole) == 0);
+  EXPECT_TRUE(FastString("a") < whole);
+  EXPECT_TRUE("a" == FastString("a") && FastString("a") != "b");
+}
+
+TEST(FastString, isAKey) {
+  std::map<FastString, int> ordered{{"b", 1}, {"a", 2}, {"B", 3}};
+  EXPECT_EQ(ordered.begin()->first, "B");
+  std::unordered_set<FastString> set{"x", "y"};
+  EXPECT_TRUE(set.contains("x") && !set.contains("X"));
+}
+
+TEST(FastString, readsLeadingIntegers) {
+  size_t consumed = 99;
+  EXPECT_EQ(FastString("-5").toUInt(10, &consumed), 0u);
+  EXPECT_EQ(consumed, 0u);
+  EXPECT_EQ(FastString("-5").toInt(10, &consumed), -5);
+  EXPECT_EQ(consumed, 2u);
+  EXPECT_EQ(FastString(" 42px").toUInt(10, &consumed), 42u);
+  EXPECT_EQ(consumed, 3u);
+  EXPECT_EQ(FastString("0x1F").toUInt(16), 31u);
+  EXPECT_EQ(FastString("x").toInt(10, &consumed), 0);
+  EXPECT_EQ(consumed, 0u);
+  EXPECT_EQ(FastString("").toInt(), 0);
+  EXPECT_EQ(FastString("18446744073709551615").toUInt(), UINT64_MAX);
+  EXPECT_THROW(FastString("99999999999999999999").toInt(), std::out_of_range);
+  EXPECT_THROW(FastString("99999999999999999999").toUInt(), std::out_of_range);
+  EXPECT_EQ(FastString::fromUInt(255, 16, true), "255");
+  EXPECT_EQ(FastString::fromInt(-7), "-7");
+}
+
+TEST(FastString, readsDoublesIndependentlyOfTheLocale) {
+  size_t consumed = 99;
+  EXPECT_EQ(FastString("1,5").toDouble(10, true, &consumed), 1.5);
+  EXPECT_EQ(consumed, 3u);
+  EXPECT_EQ(FastString("1,5").toDouble(10, false, &consumed), 1.0);
+  EXPECT_EQ(consumed, 1u);
+  EXPECT_EQ(FastString(" 2.5e1;").toDouble(10, false, &consumed), 25.0);
+  EXPECT_EQ(consumed, 6u);
+  EXPECT_EQ(FastString("abc").toDouble(10, false, &consumed), 0.0);
+  EXPECT_EQ(consumed, 0u);
+  EXPECT_EQ(FastString("1e999").toDouble(10, false, &consumed), 0.0);
+  EXPECT_EQ(consumed, 0u);
+  EXPECT_EQ(parserhelpers::_parse<float>(".5S", &consumed), 0.5f);
+  EXPECT_EQ(consumed, 2u);
+}
+
+TEST(FastString, formatsBeyondItsFirstBufferAndInUtf8) {
+  const std::string longText(1000, 'x');
+  EXPECT_EQ(FastString::format("%s", longText.c_str()), longText.c_str());
+  EXPECT_EQ(FastString::format("%d", 12345), "12345") << "five characters from a format of two";
+  EXPECT_EQ(FastString::format("%ls", L"\u00e9"), "\xC3\xA9");
+  EXPECT_EQ(FastString::format(L"\u00e9 %s %d", "a", 3), "\xC3\xA9 a 3");
+  EXPECT_EQ(FastString::format(U"%03d", 7), "007");
+  const wchar_t noText[] = {wchar_t(0xD800), 0};
+  EXPECT_EQ(FastString::format("%ls", noText), "") << "an argument that printf refuses";
+}
+
+TEST(FastString, convertsFromOtherWidths) {
+  EXPECT_EQ(FastString(L"a\u20ac"), "a\xE2\x82\xAC");
+  EXPECT_EQ(FastString(L'\u00e9', 3).sizeU8(), 3u);
+  const char16_t pair[] = {0xD83D, 0xDE00};
+  EXPECT_EQ(FastString(pair, 2), "\xF0\x9F\x98\x80");
+  EXPECT_ANY_THROW(FastString(pair, 1)) << "a lone surrogate";
+  EXPECT_ANY_THROW(FastString(L"\xD800"));
+  const uint8_t units[] = {'h', 0, 'i', 0, 0, 0};
+  EXPECT_EQ(FastString(ByteArray(units, 6), true, false).size(), 2u);
+  EXPECT_EQ(FastString(ByteArray(units, 6), false, false).size(), 3u);
+  EXPECT_EQ(FastString("ab\0\0", 4, false).size(), 2u);
+  EXPECT_EQ(FastString("a" + FastString("b") + U"\u00e9" + 'c').toStdWString(), L"ab\u00e9c");
+}
+
+TEST(FastString, slicesWithinItsBounds) {
+  const FastString text("abcdef");
+  EXPECT_EQ(text.subString(4, 10), "ef");
+  EXPECT_EQ(text.subString(7), "");
+  EXPECT_EQ(text.subStringRange(2, 4), "cd");
+  EXPECT_EQ(text.subStringRange(4, 2), "");
+  EXPECT_EQ(text.left(2) + text.right(2) + text.right(99), "abefabcdef");
+  const FastString wide("a\xC3\xA9\xE2\x82\xAC!");
+  EXPECT_EQ(wide.subStringU8(1, 2), "\xC3\xA9\xE2\x82\xAC");
+  EXPECT_EQ(wide.subStringRangeU8(3), "!");
+  EXPECT_EQ(text.indexOf("c", 3), FastString::npos);
+  EXPECT_TRUE(text.contains("cde"));
+  EXPECT_EQ(FastString("a/b/c").lastIndexOf('/'), 3u);
+  EXPECT_EQ(FastString().first(), '\0');
+}
+
+TEST(FastString, edits) {
+  EXPECT_EQ(FastString("aaa").replaceAllCopy("a", "aa"), "aaaaaa");
+  EXPECT_EQ(FastString("abab").replaceAllCopy("ab", ""), "");
+  EXPECT_EQ(FastString("abc").replaceAllCopy("", "x"), "abc");
+  FastString text("bc");
+  text.pushFront('a').pushBack('d', 2).insert(99, "e").erase(99).replace(1, 1, "BB");
+  EXPECT_EQ(text, "aBBcdde");
+  EXPECT_EQ(text.popBack(3).popFront(), "BBc");
+  EXPECT_EQ(text.popFront(99), "");
+}
+
+TEST(FastString, trimsAndRemovesByteOrderMarksInTheirOrder) {
+  const FastString withMark("\xEF\xBB\xBF \t text\r\n");
+  EXPECT_EQ(withMark.trim(), "text");
+  EXPECT_EQ(FastString(" \n").trim(), "");
+  FastString wide(std::string("\xFF\xFE\0\0x", 5));
+  EXPECT_EQ(wide.stripBOM().size(), 3u) << "taken for the UTF-16 mark";
+  FastString big(std::string("\0\0\xFE\xFFx", 5));
+  EXPECT_EQ(big.stripBOM(), "x");
+  std::string plain = " a b ";
+  EXPECT_EQ(ltrim(plain), "a b ");
+  EXPECT_EQ(rtrim(plain), "a b");
+}
+
+TEST(FastString, explodesAndQuotes) {
+  EXPECT_THAT(FastString("a,b").explode(','), ElementsAre("a", "b"));
+  EXPECT_THAT(FastString(",a,b,").explode(','), ElementsAre("a", "b"));
+  EXPECT_THAT(FastString("a,,b").explode(','), ElementsAre("a", "", "b"));
+  EXPECT_THAT(FastString("ab").explode(','), ElementsAre("ab"));
+  EXPECT_THAT(FastString("a").explode(','), IsEmpty());
+  EXPECT_EQ(FastString("").quote('"'), "\"\"");
+  EXPECT_EQ(FastString("\"a").quote('"'), "\"a\"");
+  EXPECT_EQ(FastString("\"a\"").dequote('"'), "a");
+  EXPECT_EQ(FastString("\"").dequote('"'), "");
+}
+
+TEST(FastString, convertsHexadecimal) {
+  EXPECT_EQ(FastString::arrayToHex(ByteArray("\x0A\xFF")), "0aff");
+  EXPECT_EQ(FastString::arrayToHex(ByteArray("\x0A\xFF"), true), "0AFF");
+  EXPECT_TRUE("\x0A\xFF\x07" == FastString::hexToArray("0aFF7"));
+  EXPECT_EQ(FastString::charToHex(5), "05");
+  EXPECT_EQ(FastString::hexToChar("fe"), 0xFE);
+  try {
+    FastString::hexToArray("00zz");
+    FAIL();
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "stream decode failure");
+  }
+}
+
+TEST(FastString, tellsTextFromBinary) {
+  EXPECT_TRUE(FastString::isText("a\r\n\t\xC3", 5));
+  EXPECT_TRUE(FastString::isText("\x1B[a", 3)) << "escape is neutral";
+  EXPECT_FALSE(FastString::isText("\x07\x08", 2)) << "neutral alone is no text";
+  EXPECT_FALSE(FastString::isText("a\0b", 3));
+  EXPECT_FALSE(FastString::isText("", 0));
+  const ByteArray bytes = FastString(std::string("a\0b", 3)).toByteArray(false, true);
+  EXPECT_EQ(bytes.size(), 2u) << "up to the first zero byte, with the terminator";
+}
+
+TEST(ByteArray, editsWithinItsBounds) {
+  ByteArray bytes("abcabc");
+  EXPECT_TRUE("bc" == bytes.subArray(1, 2));
+  EXPECT_TRUE("bc" == bytes.subArrayRange(4));
+  EXPECT_TRUE(bytes.subArray(9).isEmpty());
+  bytes.removeAll('b');
+  bytes.pushFront('x', 2);
+  bytes.pushBack('y');
+  EXPECT_TRUE("xxacacy" == bytes);
+  bytes.popFront(2);
+  bytes.popBack();
+  EXPECT_TRUE("acac" == bytes);
+  bytes.shrinkToFit();
+  bytes.append(bytes.data() + 1, 3);
+  EXPECT_TRUE("acaccac" == bytes) << "a source inside the array that grows";
+  EXPECT_TRUE("ab" == ByteArray::concat(ByteArray("a"), ByteArray("b")));
+  EXPECT_EQ(ByteArray(size_t{3})[2], 0);
+  bytes.popFront(99);
+  EXPECT_TRUE(bytes == ByteArray());
+}
+
+TEST(Base64, roundTripsEveryRemainder) {
+  for (const auto& [plain, encoded] : std::map<std::string, const char*>{{"", ""},
+                                                                         {"f", "Zg=="},
+                                                                         {"fo", "Zm8="},
+                                                                         {"foo", "Zm9v"},
+                                                                         {"foob", "Zm9vYg=="},
+                                                                         {"\xFB\xFF", "+/8="}}) {
+    EXPECT_EQ(Base64::byteArrayToBase64(ByteArray(plain)), encoded);
+    EXPECT_EQ(Base64::base64ToByteArray(encoded).toStdString(), plain);
+  }
+}
+
+TEST(Base64, skipsWhatIsNotInTheAlphabet) {
+  EXPECT_TRUE("Hello" == Base64::base64ToByteArray("SGVs\nbG8="));
+  EXPECT_TRUE("Hello" == Base64::base64ToByteArray(" S-G_Vs\x80"
+                                                   "bG8"));
+  EXPECT_TRUE("foo" == Base64::base64ToByteArray("Zm9vY")) << "a lone character yields nothing";
+  EXPECT_TRUE(Base64::base64ToByteArray("====").isEmpty());
+}
+
+} // namespace
+} // namespace qvc

@@ -1,0 +1,121 @@
+#include "tests/support/EntityResponse.h"
+
+#include <algorithm>
+#include <charconv>
+
+namespace support {
+
+using platform::HTTPHeaders;
+
+namespace {
+
+struct ByteRange {
+  std::size_t first = 0;
+  std::size_t length = 0;
+};
+
+enum class RangeKind { None, Satisfiable, Unsatisfiable };
+
+RangeKind parseRange(const ServerRequest& request, const Entity& entity, ByteRange& range) {
+  const std::string text = request.header("Range");
+  range = {0, entity.content.size()};
+  if (!text.starts_with("bytes=") || text.find(',') != std::string::npos)
+    return RangeKind::None;
+  if (const std::string validator = request.header("If-Range");
+      !validator.empty() && validator != (validator.ends_with('"') ? entity.etag : entity.lastModified))
+    return RangeKind::None;
+  const std::size_t total = entity.content.size();
+  const std::size_t dash = text.find('-');
+  if (dash == std::string::npos)
+    return RangeKind::None;
+  const char* const end = text.data() + text.size();
+  std::size_t first = 0;
+  std::size_t last = total == 0 ? 0 : total - 1;
+  const bool hasFirst = std::from_chars(text.data() + 6, text.data() + dash, first).ec == std::errc();
+  std::size_t number = 0;
+  const bool hasLast = std::from_chars(text.data() + dash + 1, end, number).ec == std::errc();
+  if (!hasFirst && !hasLast)
+    return RangeKind::None;
+  if (!hasFirst)
+    first = total - std::min(number, total);
+  else if (hasLast)
+    last = std::min(last, number);
+  if (first >= total || last < first)
+    return RangeKind::Unsatisfiable;
+  range = {first, last - first + 1};
+  return RangeKind::Satisfiable;
+}
+
+bool sendBody(ServerConnection& connection, std::string_view body, const Fault& fault) {
+  std::size_t limit = body.size();
+  if (fault.cutAfter)
+    limit = std::min(limit, *fault.cutAfter);
+  const auto sendPart = [&](std::string_view part) {
+    return part.empty() || (fault.chunked ? connection.sendChunk(part) : connection.send(part));
+  };
+  std::size_t sent = 0;
+  if (fault.stallAfter) {
+    sent = std::min(limit, *fault.stallAfter);
+    if (!sendPart(body.substr(0, sent)) || !connection.wait(*fault.gate))
+      return false;
+  }
+  while (sent < limit) {
+    const std::size_t step = fault.dripBytes != 0 ? std::min(fault.dripBytes, limit - sent) : limit - sent;
+    if (fault.dripBytes != 0 && !connection.wait(*fault.gate))
+      return false;
+    if (!sendPart(body.substr(sent, step)))
+      return false;
+    sent += step;
+  }
+  if (fault.cutAfter)
+    return false;
+  if (fault.extraBytes != 0 && !sendPart(std::string(fault.extraBytes, 'X')))
+    return false;
+  return !fault.chunked || connection.sendChunk({});
+}
+
+} // namespace
+
+void serveEntity(const Entity& entity, const Fault& fault, const ServerRequest& request,
+                 ServerConnection& connection) {
+  HTTPHeaders headers{{"Content-Type", entity.contentType}, {"Accept-Ranges", "bytes"}};
+  if (!entity.etag.empty())
+    headers["ETag"] = entity.etag;
+  if (!entity.lastModified.empty())
+    headers["Last-Modified"] = entity.lastModified;
+  const std::string total = std::to_string(entity.content.size());
+
+  ByteRange range{0, entity.content.size()};
+  const RangeKind kind = fault.ignoreRange ? RangeKind::None : parseRange(request, entity, range);
+  int status = 200;
+  if (kind == RangeKind::Unsatisfiable) {
+    status = 416;
+    range = {};
+    headers["Content-Range"] = "bytes */" + total;
+  } else if (kind == RangeKind::Satisfiable) {
+    status = 206;
+    headers["Content-Range"] = "bytes " + std::to_string(range.first) + "-" +
+                               std::to_string(range.first + range.length - 1) + "/" + total;
+  }
+  if (fault.contentRange)
+    headers["Content-Range"] = *fault.contentRange;
+  if (fault.chunked)
+    headers["Transfer-Encoding"] = "chunked";
+  else
+    headers["Content-Length"] = std::to_string(range.length);
+  for (const auto& [name, value] : fault.headers)
+    headers[name] = value;
+
+  if (!connection.sendHead(fault.status.value_or(status), headers) || request.method == "HEAD")
+    return;
+  const bool whole =
+      sendBody(connection, std::string_view(entity.content).substr(range.first, range.length), fault);
+  if (whole && !fault.closeAfter && fault.extraBytes == 0)
+    return;
+  if (fault.cutAfter && fault.cut == Fault::Cut::Reset)
+    connection.reset();
+  else
+    connection.close();
+}
+
+} // namespace support

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+namespace support {
+
+/// How long a test waits for something that must come. Only a broken test or system reaches it.
+inline constexpr std::chrono::seconds WaitBound{60};
+
+/// Something that happens on another thread a known number of times. Thread-safe.
+class Expectation {
+public:
+  explicit Expectation(std::size_t times = 1) : _wanted(times) {}
+
+  void fulfil() {
+    std::lock_guard lock(_mutex);
+    ++_count;
+    _changed.notify_all();
+  }
+
+  /// Waits until it was fulfilled as often as wanted; false when the bound passed first.
+  [[nodiscard]] bool wait() { return wait(_wanted); }
+  [[nodiscard]] bool wait(std::size_t times) {
+    std::unique_lock lock(_mutex);
+    return _changed.wait_for(lock, WaitBound, [&] { return _count >= times; });
+  }
+
+  std::size_t count() const {
+    std::lock_guard lock(_mutex);
+    return _count;
+  }
+
+private:
+  const std::size_t _wanted;
+  mutable std::mutex _mutex;
+  std::condition_variable _changed;
+  std::size_t _count = 0;
+};
+
+/// A value that arrives from another thread, once; later ones are counted and dropped. Thread-safe.
+template <class T> class Arrival {
+public:
+  void arrive(T value) {
+    std::lock_guard lock(_mutex);
+    if (++_count == 1)
+      _value = std::move(value);
+    _changed.notify_all();
+  }
+
+  /// The value, or nothing when the bound passed first.
+  [[nodiscard]] std::optional<T> wait() {
+    std::unique_lock lock(_mutex);
+    _changed.wait_for(lock, WaitBound, [&] { return _count > 0; });
+    return _value;
+  }
+
+  bool hasArrived() const { return count() > 0; }
+  std::size_t count() const {
+    std::lock_guard lock(_mutex);
+    return _count;
+  }
+
+private:
+  mutable std::mutex _mutex;
+  std::condition_variable _changed;
+  std::size_t _count = 0;
+  std::optional<T> _value;
+};
+
+/// State that one thread changes and another waits for. Thread-safe.
+template <class T> class Watched {
+public:
+  template <class Change> void change(Change&& change) {
+    std::lock_guard lock(_mutex);
+    change(_value);
+    _changed.notify_all();
+  }
+
+  /// Waits until `condition` holds; false when the bound passed first.
+  template <class Condition> [[nodiscard]] bool waitUntil(Condition&& condition) const {
+    std::unique_lock lock(_mutex);
+    return _changed.wait_for(lock, WaitBound, [&] { return condition(_value); });
+  }
+
+  T copy() const {
+    std::lock_guard lock(_mutex);
+    return _value;
+  }
+
+private:
+  mutable std::mutex _mutex;
+  mutable std::condition_variable _changed;
+  T _value{};
+};
+
+} // namespace support

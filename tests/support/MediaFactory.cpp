@@ -1,0 +1,125 @@
+#include "tests/support/MediaFactory.h"
+
+#include "tests/support/Command.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <stdexcept>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace support {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Held by the process that makes a presentation; the others wait for it.
+class FileLock {
+public:
+  explicit FileLock(const std::string& path)
+      : _file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    if (_file < 0 || ::flock(_file, LOCK_EX) != 0)
+      throw std::runtime_error("cannot lock " + path);
+  }
+  ~FileLock() { ::close(_file); }
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+private:
+  const int _file;
+};
+
+std::vector<std::string> addressingArguments(Addressing addressing) {
+  switch (addressing) {
+  case Addressing::NumberTemplate:
+    return {"-use_template", "1", "-use_timeline", "0"};
+  case Addressing::TimeTemplate:
+    return {"-use_template",   "1",
+            "-use_timeline",   "1",
+            "-media_seg_name", "chunk-stream$RepresentationID$-$Time$.m4s"};
+  case Addressing::SegmentList:
+    return {"-use_template", "0", "-use_timeline", "0"};
+  case Addressing::SingleFile:
+    return {"-use_template", "0", "-use_timeline", "0", "-single_file", "1"};
+  }
+  return {};
+}
+
+std::string nameOf(const MediaOptions& options) {
+  static constexpr const char* names[] = {"number", "time", "list", "single"};
+  std::string name = names[static_cast<int>(options.addressing)];
+  name += "-" + std::to_string(options.seconds) + "s-" + std::to_string(options.segmentSeconds) + "s";
+  for (int height : options.heights)
+    name += "-" + std::to_string(height);
+  for (const auto& language : options.languages)
+    name += "-" + language;
+  return name;
+}
+
+std::vector<std::string> encodeCommand(const MediaOptions& options) {
+  const std::string seconds = std::to_string(options.seconds);
+  const std::string segment = std::to_string(options.segmentSeconds);
+  const std::string keyFrames = std::to_string(25 * options.segmentSeconds);
+  std::vector<std::string> command{"ffmpeg", "-nostdin", "-loglevel", "error", "-y"};
+  const auto add = [&](std::initializer_list<std::string> more) {
+    command.insert(command.end(), more.begin(), more.end());
+  };
+  add({"-f", "lavfi", "-i", "testsrc2=size=320x180:rate=25:duration=" + seconds});
+  for (std::size_t i = 0; i < options.languages.size(); ++i)
+    add({"-f", "lavfi", "-i", "sine=frequency=" + std::to_string(440 + 220 * i) + ":duration=" + seconds});
+  std::string sets;
+  std::size_t stream = 0;
+  for (std::size_t i = 0; i < options.heights.size(); ++i, ++stream) {
+    const int height = options.heights[i];
+    const std::string number = std::to_string(i);
+    add({"-map", "0:v", "-s:v:" + number,
+         std::to_string(height * 16 / 9 / 2 * 2) + "x" + std::to_string(height), "-b:v:" + number,
+         std::to_string(height) + "k"});
+  }
+  if (!options.heights.empty()) {
+    sets = "id=0,streams=v";
+    add({"-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-g", keyFrames, "-keyint_min",
+         keyFrames, "-sc_threshold", "0"});
+  }
+  for (std::size_t i = 0; i < options.languages.size(); ++i, ++stream) {
+    add({"-map", std::to_string(i + 1) + ":a", "-metadata:s:a:" + std::to_string(i),
+         "language=" + options.languages[i]});
+    sets += (sets.empty() ? "id=" : " id=") + std::to_string(i + (options.heights.empty() ? 0 : 1)) +
+            ",streams=" + std::to_string(stream);
+  }
+  // The encoder starts before zero, which names the first file differently from what the manifest says.
+  if (!options.languages.empty())
+    add({"-c:a", "aac", "-b:a", "32k", "-bsf:a", "setts=pts=PTS+1024:dts=DTS+1024"});
+  add({"-fflags", "+bitexact", "-flags", "+bitexact", "-f", "dash", "-seg_duration", segment,
+       "-adaptation_sets", sets});
+  for (const auto& argument : addressingArguments(options.addressing))
+    command.push_back(argument);
+  command.push_back("manifest.mpd");
+  return command;
+}
+
+} // namespace
+
+bool canMakeMedia() {
+  return !findProgram("ffmpeg").empty();
+}
+
+Media makeDASHMedia(const MediaOptions& options, const std::string& cacheDirectory) {
+  const fs::path cache = cacheDirectory.empty() ? fs::path(TEST_MEDIA_DIRECTORY) : fs::path(cacheDirectory);
+  const fs::path target = cache / nameOf(options);
+  fs::create_directories(cache);
+  const FileLock lock(target.string() + ".lock");
+  if (!fs::exists(target)) {
+    const fs::path unfinished = target.string() + ".unfinished";
+    fs::remove_all(unfinished);
+    fs::create_directories(unfinished);
+    runCommand(encodeCommand(options), unfinished.string());
+    fs::rename(unfinished, target);
+  }
+  Media media;
+  media.directory = target.string();
+  return media;
+}
+
+} // namespace support

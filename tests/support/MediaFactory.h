@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace support {
+
+/// How a presentation's manifest addresses its segments.
+enum class Addressing {
+  NumberTemplate, ///< SegmentTemplate with $Number$ and a duration
+  TimeTemplate,   ///< SegmentTemplate with $Time$ and a SegmentTimeline
+  SegmentList,    ///< a file for each segment, all listed
+  SingleFile,     ///< one file for each representation, segments listed as byte ranges of it
+};
+
+struct MediaOptions {
+  Addressing addressing = Addressing::NumberTemplate;
+  int seconds = 4;
+  int segmentSeconds = 1;
+  std::vector<int> heights{90, 180};                ///< one video representation each, 16:9
+  std::vector<std::string> languages{"eng", "deu"}; ///< one audio adaptation set each
+};
+
+struct Media {
+  std::string directory;
+  std::string manifest = "manifest.mpd"; ///< name in the directory
+};
+
+/// A DASH presentation of a test pattern and sine tones, made by ffmpeg.
+///
+/// The files are kept for later runs, below `cacheDirectory` (empty: in the build directory), and shared: do
+/// not change them. Several processes may ask for one presentation at once. Raises std::runtime_error when
+/// ffmpeg is missing or fails.
+Media makeDASHMedia(const MediaOptions& options = {}, const std::string& cacheDirectory = {});
+
+/// True when ffmpeg is there to make media with.
+bool canMakeMedia();
+
+} // namespace support

@@ -1,0 +1,399 @@
+#include "tests/support/ScriptedCore.h"
+
+#include "platform/foundation/JSON.h"
+
+#include <nlohmann/json.hpp>
+
+#include <charconv>
+#include <filesystem>
+
+namespace support {
+
+using namespace platform;
+using scripted::cancelledError;
+using State = URLSessionTaskState;
+using Lock = std::lock_guard<std::mutex>;
+
+template <class Interface>
+ScriptedTaskOf<Interface>::ScriptedTaskOf(std::shared_ptr<scripted::Core> core,
+                                          std::shared_ptr<scripted::SessionState> session,
+                                          std::uint64_t identifier, URLRequest request)
+    : _core(std::move(core)), _session(std::move(session)), _identifier(identifier),
+      _request(std::move(request)) {
+  if (!_request.url().isHTTP())
+    _failsWhenStarted = makeError(NSURLErrorDomain, NSURLErrorUnsupportedURL, std::string("unsupported URL"));
+}
+
+template <class Interface>
+std::shared_ptr<const HTTPURLResponse> ScriptedTaskOf<Interface>::response() const {
+  Lock lock(_core->mutex);
+  return _response;
+}
+
+template <class Interface> State ScriptedTaskOf<Interface>::state() const {
+  Lock lock(_core->mutex);
+  return _state;
+}
+
+template <class Interface> ErrorRef ScriptedTaskOf<Interface>::error() const {
+  Lock lock(_core->mutex);
+  return _error;
+}
+
+template <class Interface> std::optional<std::string> ScriptedTaskOf<Interface>::taskDescription() const {
+  Lock lock(_core->mutex);
+  return _description;
+}
+
+template <class Interface>
+void ScriptedTaskOf<Interface>::setTaskDescription(std::optional<std::string> text) {
+  Lock lock(_core->mutex);
+  _calls.descriptions.push_back(text);
+  _description = std::move(text);
+}
+
+template <class Interface> std::int64_t ScriptedTaskOf<Interface>::countOfBytesReceived() const {
+  Lock lock(_core->mutex);
+  return _received;
+}
+
+template <class Interface> std::int64_t ScriptedTaskOf<Interface>::countOfBytesExpectedToReceive() const {
+  Lock lock(_core->mutex);
+  return _expected;
+}
+
+template <class Interface> void ScriptedTaskOf<Interface>::resume() {
+  Lock lock(_core->mutex);
+  ++_calls.resumed;
+  if (_state != State::Suspended || _ended)
+    return;
+  _state = State::Running;
+  if (_failsWhenStarted)
+    endLocked(_failsWhenStarted);
+  else
+    startLocked();
+}
+
+template <class Interface> void ScriptedTaskOf<Interface>::suspend() {
+  Lock lock(_core->mutex);
+  ++_calls.suspended;
+  if (_state == State::Running && !_ended)
+    _state = State::Suspended;
+}
+
+template <class Interface> void ScriptedTaskOf<Interface>::cancel() {
+  Lock lock(_core->mutex);
+  ++_calls.cancelled;
+  if (_ended)
+    return;
+  _state = State::Canceling;
+  endLocked(cancelledError(_request));
+}
+
+template <class Interface> TaskCalls ScriptedTaskOf<Interface>::calls() const {
+  Lock lock(_core->mutex);
+  return _calls;
+}
+
+template <class Interface> bool ScriptedTaskOf<Interface>::fail(const ErrorRef& error) {
+  Lock lock(_core->mutex);
+  return endLocked(error);
+}
+
+template <class Interface> bool ScriptedTaskOf<Interface>::fail(URLErrorCode code) {
+  UserInfo info{{NSURLErrorFailingURLStringErrorKey, _request.url().absoluteString()}};
+  return fail(makeError(NSURLErrorDomain, code, std::move(info)));
+}
+
+template <class Interface>
+bool ScriptedTaskOf<Interface>::challenge(const AuthenticationChallenge& challenge,
+                                          ChallengeCompletion answered) {
+  Lock lock(_core->mutex);
+  if (_ended)
+    return false;
+  _core->tellLocked(*_session, [task = self(), challenge, answered = std::move(answered)](
+                                   ScriptedSession& session, URLSessionDelegate* delegate) {
+    if (delegate)
+      delegate->URLSessionTaskDidReceiveChallenge(session, task, challenge, answered);
+    else
+      answered(AuthChallengeDisposition::PerformDefaultHandling, std::nullopt);
+  });
+  return true;
+}
+
+template <class Interface> bool ScriptedTaskOf<Interface>::isRunning() const {
+  return _state == State::Running && !_ended;
+}
+
+template <class Interface> bool ScriptedTaskOf<Interface>::endLocked(const ErrorRef& error) {
+  if (_ended)
+    return false;
+  _ended = true;
+  _outcome = error;
+  completeLocked();
+  return true;
+}
+
+template <class Interface> void ScriptedTaskOf<Interface>::respondLocked(int status, HTTPHeaders headers) {
+  if (auto length = headers.find("Content-Length"); length != headers.end()) {
+    std::int64_t value = 0;
+    const std::string& text = length->second;
+    if (std::from_chars(text.data(), text.data() + text.size(), value).ec == std::errc())
+      _expected = value;
+  }
+  _response = std::make_shared<HTTPURLResponse>(_request.url(), status, std::move(headers));
+}
+
+template class ScriptedTaskOf<URLSessionDownloadTask>;
+template class ScriptedTaskOf<URLSessionDataTask>;
+
+// Download tasks
+
+void ScriptedTask::cancelByProducingResumeData(std::function<void(DataRef)> completion) {
+  Lock lock(_core->mutex);
+  ++_calls.cancelled;
+  DataRef data;
+  if (!_ended)
+    data = _scriptedResumeData ? *_scriptedResumeData : makeResumeDataLocked();
+  _core->callLocked(*_session, [completion = std::move(completion), data] { completion(data); });
+  if (_ended)
+    return;
+  _state = State::Canceling;
+  endLocked(cancelledError(_request, data));
+}
+
+bool ScriptedTask::respond(int status, HTTPHeaders headers) {
+  Lock lock(_core->mutex);
+  if (!isRunning())
+    return false;
+  const bool goesOn = _resumeOffset > 0 && status == 206;
+  const std::int64_t expected = _expected;
+  _expected = NSURLSessionTransferSizeUnknown;
+  respondLocked(status, std::move(headers));
+  _received = goesOn ? _resumeOffset : 0;
+  if (goesOn)
+    _expected = _expected < 0 ? expected : _expected + _resumeOffset;
+  _reported = 0;
+  _firstOfResponse = true;
+  if (goesOn) {
+    auto task = std::static_pointer_cast<ScriptedTask>(self());
+    _core->tellLocked(*_session, [task, offset = _resumeOffset,
+                                  total = _expected](ScriptedSession& session, URLSessionDelegate* delegate) {
+      if (delegate)
+        delegate->URLSessionDownloadTaskDidResumeAtOffset(session, task, offset, total);
+    });
+  }
+  return true;
+}
+
+bool ScriptedTask::write(std::int64_t bytes, std::int64_t expectedTotal) {
+  {
+    Lock lock(_core->mutex);
+    if (!isRunning())
+      return false;
+    if (_response) {
+      _received += bytes;
+      if (expectedTotal >= 0)
+        _expected = expectedTotal;
+      progressLocked();
+      return true;
+    }
+  }
+  const bool partial = _resumeOffset > 0 || _request.valueForHTTPHeaderField("Range");
+  return respond(partial ? 206 : 200) && write(bytes, expectedTotal);
+}
+
+bool ScriptedTask::finish(std::string content) {
+  if (!response())
+    write(0);
+  Lock lock(_core->mutex);
+  if (!isRunning())
+    return false;
+  _content = std::move(content);
+  return finishLocked(static_cast<std::int64_t>(_content.size()));
+}
+
+bool ScriptedTask::finishWithFile(const std::string& path) {
+  if (!response())
+    write(0);
+  const auto size = static_cast<std::int64_t>(std::filesystem::file_size(path));
+  Lock lock(_core->mutex);
+  if (!isRunning())
+    return false;
+  _file = path;
+  return finishLocked(size);
+}
+
+bool ScriptedTask::resumeAt(std::int64_t offset, std::int64_t expectedTotal) {
+  {
+    Lock lock(_core->mutex);
+    if (!isRunning())
+      return false;
+    _resumeOffset = offset;
+    _expected = expectedTotal;
+  }
+  return respond(206);
+}
+
+void ScriptedTask::setResumeData(DataRef data) {
+  Lock lock(_core->mutex);
+  _scriptedResumeData = std::move(data);
+}
+
+void ScriptedTask::startLocked() {
+  if (_startWaiting || !_core->startHandler)
+    return;
+  _startWaiting = true;
+  auto task = std::static_pointer_cast<ScriptedTask>(self());
+  _core->callLocked(*_session, [task] {
+    std::function<void(ScriptedTask&)> handler;
+    {
+      Lock lock(task->_core->mutex);
+      task->_startWaiting = false;
+      if (task->isRunning())
+        handler = task->_core->startHandler;
+    }
+    if (handler)
+      handler(*task);
+  });
+}
+
+void ScriptedTask::progressLocked() {
+  if (_progressWaiting)
+    return;
+  _progressWaiting = true;
+  auto task = std::static_pointer_cast<ScriptedTask>(self());
+  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate* delegate) {
+    std::int64_t written = 0;
+    std::int64_t total = 0;
+    std::int64_t expected = 0;
+    {
+      Lock lock(task->_core->mutex);
+      task->_progressWaiting = false;
+      total = task->_received;
+      written = task->_firstOfResponse ? total : total - task->_reported;
+      expected = task->_expected;
+      task->_reported = total;
+      task->_firstOfResponse = false;
+    }
+    if (delegate)
+      delegate->URLSessionDownloadTaskDidWriteData(session, task, written, total, expected);
+  });
+}
+
+bool ScriptedTask::finishLocked(std::int64_t size) {
+  if (_received != size || (_firstOfResponse && !_progressWaiting)) {
+    _received = size;
+    _expected = size;
+    progressLocked();
+  }
+  _expected = size;
+  _finished = true;
+  auto task = std::static_pointer_cast<ScriptedTask>(self());
+  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate* delegate) {
+    std::string content;
+    std::optional<std::string> file;
+    {
+      Lock lock(task->_core->mutex);
+      content.swap(task->_content);
+      file.swap(task->_file);
+    }
+    const std::string location = file ? *file : scripted::writeTemporaryFile(*task->_core, content);
+    if (delegate)
+      delegate->URLSessionDownloadTaskDidFinishDownloadingToURL(session, task, location);
+    std::error_code ignored;
+    std::filesystem::remove(location, ignored);
+  });
+  return endLocked(nullptr);
+}
+
+void ScriptedTask::completeLocked() {
+  auto task = std::static_pointer_cast<ScriptedTask>(self());
+  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate* delegate) {
+    {
+      Lock lock(task->_core->mutex);
+      task->_state = State::Completed;
+      task->_error = task->_outcome;
+      if (task->_session->live.erase(task->_identifier) != 0)
+        task->_core->removedFromSessionLocked(*task->_session);
+    }
+    if (delegate)
+      delegate->URLSessionTaskDidCompleteWithError(session, task, task->_outcome);
+  });
+}
+
+DataRef ScriptedTask::makeResumeDataLocked() const {
+  if (_received <= 0)
+    return nullptr;
+  JSON headers = JSON::object();
+  for (const auto& [name, value] : _request.allHTTPHeaderFields())
+    headers[name] = value;
+  const std::string text = serializeJSON({{"scripted", 1},
+                                          {"url", _request.url().absoluteString()},
+                                          {"headers", headers},
+                                          {"received", _received},
+                                          {"expected", _expected}});
+  return std::make_shared<Data>(text.begin(), text.end());
+}
+
+// Data tasks
+
+bool ScriptedDataTask::answer(int status, std::string_view body, HTTPHeaders headers) {
+  Lock lock(_core->mutex);
+  if (!isRunning())
+    return false;
+  respondLocked(status, std::move(headers));
+  _body = std::make_shared<Data>(body.begin(), body.end());
+  _received = _expected = static_cast<std::int64_t>(body.size());
+  return endLocked(nullptr);
+}
+
+void ScriptedDataTask::startLocked() {
+  if (_startWaiting)
+    return;
+  _startWaiting = true;
+  auto task = std::static_pointer_cast<ScriptedDataTask>(self());
+  _core->callLocked(*_session, [task] {
+    std::function<void(ScriptedDataTask&)> handler;
+    std::optional<scripted::Core::ServedData> served;
+    {
+      Lock lock(task->_core->mutex);
+      task->_startWaiting = false;
+      if (!task->isRunning())
+        return;
+      handler = task->_core->dataStartHandler;
+      auto it = task->_core->served.find(task->_request.url().absoluteString());
+      if (it != task->_core->served.end())
+        served = it->second;
+    }
+    if (served)
+      task->answer(served->status, served->body);
+    else if (handler)
+      handler(*task);
+  });
+}
+
+void ScriptedDataTask::completeLocked() {
+  auto task = std::static_pointer_cast<ScriptedDataTask>(self());
+  _core->callLocked(*_session, [task] {
+    DataTaskCompletion completion;
+    DataRef body;
+    {
+      Lock lock(task->_core->mutex);
+      task->_state = State::Completed;
+      task->_error = task->_outcome;
+      completion.swap(task->_completion);
+      body.swap(task->_body);
+      if (task->_session->liveData.erase(task->_identifier) != 0)
+        task->_core->removedFromSessionLocked(*task->_session);
+    }
+    if (completion)
+      completion(body, task->_response, task->_outcome);
+  });
+  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate* delegate) {
+    if (delegate)
+      delegate->URLSessionTaskDidCompleteWithError(session, task, task->_outcome);
+  });
+}
+
+} // namespace support
