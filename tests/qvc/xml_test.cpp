@@ -66,6 +66,46 @@ TEST(XmlParser, ElementsTextAndWhatIsLeftOut) {
   EXPECT_EQ(parsed("<!DOCTYPE a [<!ENTITY e 'xy'>]><a b='1&e;2'/>").getAttributeValue("b", ""), "1xy2");
 }
 
+std::string described(const Element& element) {
+  if (element.getType() == Element::Type::Text)
+    return "'" + element.getValue().toStdString() + "'";
+  std::string text = "<" + element.getQualifiedName().toStdString();
+  text += "{" + element.getNamespaceURI().toStdString() + "}";
+  for (const Attribute& attribute : element.attributes()) {
+    text += " " + attribute.getName().getQualifiedName().toStdString();
+    text += "{" + attribute.getName().getNamespaceURI().toStdString() + "}";
+    text += "=" + attribute.getValue().toStdString();
+  }
+  for (const Element& child : element.children())
+    text += described(child);
+  return text + ">";
+}
+
+TEST(XmlParser, ADocumentTypeChangesHowADocumentIsReadButNotItsTree) {
+  CapturedLog log;
+  std::string deep;
+  for (int i = 0; i < 256; ++i)
+    deep.insert(0, "<a>").append("</a>");
+  std::string lines;
+  while (lines.size() < 6'000'000)
+    lines += "a line of a text that comes in many pieces\n";
+  for (const std::string& text :
+       {std::string("<a/>"), std::string("<a><![CDATA[x]]><!-- c --><![CDATA[y]]></a>"),
+        std::string("<a>x<![CDATA[]]>y<b/><![CDATA[z]]></a>"), std::string("<a><![CDATA[x]]><b/></a>"),
+        std::string("<a v='a&amp;b&lt;&#38;#38; &#10;\n\t'>a&amp;b&#x26;lt;<?p i?>&quot;</a>"),
+        std::string("<q:a q:b='1' xml:lang='en' b=''><xml:c xmlns='urn:d'/></q:a>"),
+        std::string("<a xmlns='u' xmlns:p='v' p:x='1'><p:b/><b xmlns=''/><p:b:c xmlns:p='w' p:y='2'/></a>"),
+        std::string("<a xmlns:p=''><p:b/><:c d:='1'/></a>"), std::string("<a>&undeclared;</a>"),
+        std::string("<a b='1' b='2'/>"), std::string("<a/>more"), deep, "<a>" + deep + "</a>",
+        "<a>" + lines + "<b/></a>", "<a>" + lines + lines + "</a>"}) {
+    Element direct, throughTree;
+    EXPECT_EQ(Parser::parse(FastString(text), direct),
+              Parser::parse(FastString("<!DOCTYPE a>" + text), throughTree))
+        << text.substr(0, 100);
+    EXPECT_EQ(described(direct), described(throughTree)) << text.substr(0, 100);
+  }
+}
+
 TEST(XmlParser, NamespacesDecideLookUps) {
   const Element root =
       parsed("<r xmlns='urn:d' xmlns:p='urn:x'><S p:id='1' id='2'/><p:S><S/></p:S><q:S/></r>");

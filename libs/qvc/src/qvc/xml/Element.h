@@ -104,6 +104,7 @@ public:
   bool isSameNode(const Element& other) const noexcept { return _node == other._node; }
 
 private:
+  friend class EventReader;
   friend class TreeBuilder;
   struct Private;
 

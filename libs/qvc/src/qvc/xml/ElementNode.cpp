@@ -78,6 +78,12 @@ Element::Private* Element::Private::make(NodeArena& arena, Type type) {
   return new (arena.allocate(sizeof(Private))) Private(&arena, type);
 }
 
+Element::Private* Element::Private::makeHeld(NodeArena& arena, Type type) {
+  Private* const node = make(arena, type);
+  node->holds.store(1, std::memory_order_relaxed);
+  return node;
+}
+
 void Element::Private::release(Private* node) noexcept {
   if (node->holds.fetch_sub(1, std::memory_order_acq_rel) != 1)
     return;
@@ -117,6 +123,30 @@ void Element::Private::addAttribute(const QName* attribute, std::string_view tex
   if (attributes.full())
     reserve(attributes, std::max<std::size_t>(1, attributes.capacity() * 2));
   attributes.append({attribute, copyOf(text)});
+}
+
+void Element::Private::reserveAttributes(std::size_t count, std::size_t textSize) {
+  // Each text has its zero byte.
+  attributes.relocate(arena->allocate(count * (sizeof(NamedValue) + 1) + textSize), count);
+}
+
+void Element::Private::addReservedAttribute(const QName* attribute, std::string_view text) noexcept {
+  char* memory = reinterpret_cast<char*>(attributes.data() + attributes.capacity());
+  if (attributes.size() != 0) {
+    const Text& before = (attributes.end() - 1)->value;
+    memory = const_cast<char*>(before.data) + before.size + 1;
+  }
+  std::memcpy(memory, text.data(), text.size());
+  memory[text.size()] = '\0';
+  attributes.append({attribute, {memory, text.size()}});
+}
+
+void Element::Private::adopt(std::span<Private* const> all) {
+  reserveChildren(all.size());
+  for (Private* const child : all) {
+    child->parent.store(this, std::memory_order_relaxed);
+    children.append(Element(child));
+  }
 }
 
 const QName* Element::Private::keep(QName kept) {

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -79,6 +80,8 @@ struct Element::Private {
   static Private* make(Type type, const QName* name);
   /// A node in an arena, to be counted among those the arena is sealed with.
   static Private* make(NodeArena& arena, Type type);
+  /// The same, held once by the caller.
+  static Private* makeHeld(NodeArena& arena, Type type);
 
   void retain() noexcept { holds.fetch_add(1, std::memory_order_relaxed); }
   static void release(Private* node) noexcept;
@@ -90,6 +93,13 @@ struct Element::Private {
   void addAttribute(const QName* attribute, std::string_view text);
   void reserveChildren(std::size_t count) { reserve(children, count); }
   void reserveAttributes(std::size_t count) { reserve(attributes, count); }
+  /// Room for `count` attributes whose texts have `textSize` bytes together, in one piece; only for a node of
+  /// an arena that has no attributes yet.
+  void reserveAttributes(std::size_t count, std::size_t textSize);
+  /// Within the room of the former.
+  void addReservedAttribute(const QName* attribute, std::string_view text) noexcept;
+  /// Takes the callers' holds on all nodes of `all` and makes them this node's only children.
+  void adopt(std::span<Private* const> all);
   /// A name that lives as long as this node.
   const QName* keep(QName kept);
 

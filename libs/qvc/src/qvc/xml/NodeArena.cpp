@@ -15,12 +15,10 @@ void NodeArena::release(std::size_t holds) noexcept {
     delete this;
 }
 
-void* NodeArena::allocate(std::size_t bytes) {
+void* NodeArena::allocateSlowly(std::size_t bytes) {
   std::unique_lock lock(_mutex, std::defer_lock);
   if (_sealed)
     lock.lock();
-  constexpr std::size_t alignment = alignof(std::max_align_t);
-  bytes = (bytes + alignment - 1) / alignment * alignment;
   if (static_cast<std::size_t>(_end - _next) >= bytes)
     return std::exchange(_next, _next + bytes);
 

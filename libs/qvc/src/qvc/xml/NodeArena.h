@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace qvc::xml {
@@ -27,17 +28,25 @@ public:
   /// Gives holds back; the last one frees the arena.
   void release(std::size_t holds) noexcept;
 
-  void* allocate(std::size_t bytes);
+  void* allocate(std::size_t bytes) {
+    bytes = (bytes + alignment - 1) / alignment * alignment;
+    if (!_sealed && static_cast<std::size_t>(_end - _next) >= bytes)
+      return std::exchange(_next, _next + bytes);
+    return allocateSlowly(bytes);
+  }
   /// Keeps a name as long as the arena lives.
   const QName* keep(QName name);
 
 private:
+  static constexpr std::size_t alignment = alignof(std::max_align_t);
   static constexpr std::size_t firstBlockSize = 4 * 1024;
   static constexpr std::size_t maxBlockSize =
       64 * 1024; // Larger ones would be mapped and unmapped each time.
 
   NodeArena() = default;
   ~NodeArena() = default;
+
+  void* allocateSlowly(std::size_t bytes);
 
   std::atomic<std::size_t> _holds{1};
   bool _sealed = false;

@@ -2,6 +2,7 @@
 
 #include "qvc/Log.h"
 #include "qvc/xml/Element.h"
+#include "qvc/xml/EventReader.h"
 #include "qvc/xml/LibXmlRuntime.h"
 #include "qvc/xml/TreeBuilder.h"
 
@@ -42,12 +43,27 @@ FastString withLibXmlError(const char* message) {
   return result;
 }
 
+enum class Reading {
+  Events, ///< Without libxml2's tree where that can be; what fails is told from the tree.
+  Tree,
+};
+
 _qvc_Result parseText(Element& out, const void* data, std::size_t size, const char* encoding, int options,
-                      const char* failure) {
+                      Reading reading, const char* failure) {
   ensureLibXmlRuntime();
   // An error of an earlier use of libxml2 on this thread must not be reported as this document's.
   xmlResetLastError();
   const QuietLibXml quiet;
+
+  if (reading == Reading::Events && size <= static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+    Element root =
+        EventReader().read(static_cast<const char*>(data), static_cast<int>(size), encoding, options);
+    if (!root.isNull()) {
+      out = std::move(root);
+      return qvc_Success;
+    }
+    xmlResetLastError();
+  }
 
   std::unique_ptr<xmlDoc, FreeDocument> document;
   if (size <= static_cast<std::size_t>(std::numeric_limits<int>::max()))
@@ -70,7 +86,7 @@ _qvc_Result parseText(Element& out, const void* data, std::size_t size, const ch
 _qvc_Result Parser::parse(Element& out, const void* data, std::size_t size, const char* encoding) {
   if (data == nullptr || size == 0)
     return debug::Log::error(unitName, emptyInput, qvc_InvalidFormat);
-  return parseText(out, data, size, encoding, documentOptions, "Cannot parse XML");
+  return parseText(out, data, size, encoding, documentOptions, Reading::Events, "Cannot parse XML");
 }
 
 _qvc_Result Parser::parse(const FastString& text, Element& out) {
@@ -89,7 +105,8 @@ _qvc_Result Parser::parseFragment(Element& out, const void* data, std::size_t si
       "<!DOCTYPE Fragment [<!ENTITY xml SYSTEM \"mem://%p:%zu/\">]><Fragment>&xml;</Fragment>",
       const_cast<void*>(data), size);
   const ReadableMemory readable(data, size);
-  return parseText(out, wrapper.data(), wrapper.size(), encoding, documentOptions | XML_PARSE_NOENT, failure);
+  return parseText(out, wrapper.data(), wrapper.size(), encoding, documentOptions | XML_PARSE_NOENT,
+                   Reading::Tree, failure);
 }
 
 } // namespace qvc::xml

@@ -13,8 +13,6 @@ namespace qvc::xml {
 
 namespace {
 
-/// Bytes that entity references and repeated namespace URIs may add to what the document itself holds.
-constexpr std::size_t expansionLimit = 10'000'000;
 /// libxml2 refuses deeper nesting of entities when it substitutes them itself.
 constexpr std::size_t maxEntityDepth = 40;
 

@@ -19,6 +19,9 @@ class QName;
 /// Converts one libxml2 tree into `Element`s; only for this folder's sources. Use one builder per tree.
 class TreeBuilder {
 public:
+  /// Bytes that entity references and repeated namespace URIs may add to what the document itself holds.
+  static constexpr std::size_t expansionLimit = 10'000'000;
+
   TreeBuilder();
   ~TreeBuilder();
 
