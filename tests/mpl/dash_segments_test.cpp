@@ -177,6 +177,16 @@ TEST(SegmentList, UrlsAndInheritance) {
   EXPECT_EQ(representation("<SegmentTemplate/>", inherited)->segmentBase().timescale(), 1);
 }
 
+TEST(SegmentAddressing, ManyReferencesResolveAsEachOne) {
+  mpl::ReferenceResolver resolver;
+  for (const char* base : {"", "http://h", "http://h/", "http://h:8/a/b.mpd?q#f", "a/b/", "/a/b",
+                           "file:///a/b", "urn:x", "//h/a", "#f", "http://h//a b/"})
+    for (const char* uri : {"v/1.m4s", "", "/v", "../v_1-2", "a:b", "v?q", "v#f", "a b", "%20", "//o/v"}) {
+      const mpl::ReferenceURI reference{uri, base};
+      EXPECT_EQ(resolver.resolve(reference), reference.resolve()) << uri << " at " << base;
+    }
+}
+
 TEST(SegmentAddressing, InheritedListsAreSharedNotCopied) {
   const auto mpd = MediaPresentationDescription::parse(
       "<MPD><Period duration='PT1S'><AdaptationSet>"

@@ -10,10 +10,10 @@ std::uint64_t notNegative(std::int64_t value) {
   return value < 0 ? 0 : static_cast<std::uint64_t>(value);
 }
 
-std::shared_ptr<QVRangedURL> makeResource(const mpl::RangedURI& uri,
+std::shared_ptr<QVRangedURL> makeResource(const mpl::RangedURI& uri, mpl::ReferenceResolver& resolver,
                                           std::shared_ptr<const std::string> baseURL) {
   return QVRangedURL::rangedURLWithOffset(notNegative(uri.range.start), notNegative(uri.range.length),
-                                          uri.reference.resolve().toStdString(), std::move(baseURL));
+                                          resolver.resolve(uri.reference).toStdString(), std::move(baseURL));
 }
 
 } // namespace
@@ -36,8 +36,9 @@ QVResourceListRef QVDASHResourceListBuilder::fillResourcesWithBaseURL(const std:
 
 QVResourceList QVDASHResourceListBuilder::_listResources() const {
   QVResourceList resources;
+  mpl::ReferenceResolver resolver;
   if (const mpl::RangedURI initialization = _representation->getInitialization(); !initialization.isEmpty())
-    resources.push_back(makeResource(initialization, _baseURL));
+    resources.push_back(makeResource(initialization, resolver, _baseURL));
   if (_representation->type() == mpl::dash::SegmentBase::Multi)
     fillResourcesFromMulti(resources,
                            static_cast<const mpl::dash::MultiSegmentRepresentation&>(*_representation));
@@ -64,6 +65,8 @@ void QVDASHResourceListBuilder::fillResourcesFromMulti(
   if (count > maximumResources - resources.size())
     throw platform::Exception("QVPlaylistFactoryException", "Too many segments in representation");
   resources.reserve(resources.size() + count);
+  mpl::ReferenceResolver resolver;
   for (std::int64_t number = first; number <= last; ++number)
-    resources.push_back(makeResource(index.getSegmentURL(static_cast<std::int32_t>(number)), _baseURL));
+    resources.push_back(
+        makeResource(index.getSegmentURL(static_cast<std::int32_t>(number)), resolver, _baseURL));
 }

@@ -17,4 +17,16 @@ struct ReferenceURI {
   bool operator==(const ReferenceURI&) const = default;
 };
 
+/// Resolves many references of one presentation, most of which share a base. Not synchronised.
+class ReferenceResolver {
+public:
+  /// The same as `reference.resolve()`.
+  qvc::FastString resolve(const ReferenceURI& reference);
+
+private:
+  SharedText _base; ///< That of the last reference.
+  /// What stands before a plain relative path resolved against `_base`.
+  qvc::FastString _directory;
+};
+
 } // namespace mpl

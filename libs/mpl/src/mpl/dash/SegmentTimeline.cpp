@@ -25,6 +25,8 @@ SegmentTimelineElement SegmentTimeline::at(std::uint64_t index) const {
 }
 
 SegmentTimelineElement SegmentTimeline::operator[](std::uint64_t index) const {
+  if (_runs.size() == _size)
+    return elementOf(_runs[index], index);
   const auto next =
       std::upper_bound(_runs.begin(), _runs.end(), index,
                        [](std::uint64_t position, const Run& run) { return position < run.first; });

@@ -19,8 +19,8 @@ struct SegmentTimelineElement {
 ///
 /// A manifest writes a repeated segment once, and that is how it is kept: memory follows the manifest, not
 /// the number of segments, which may be in the billions. Iteration is constant per element, access by
-/// position logarithmic in the number of runs. Start times that leave the type stay at its limit. Immutable
-/// once filled; may then be read from any thread.
+/// position logarithmic in the number of runs, constant when none repeats. Start times that leave the type
+/// stay at its limit. Immutable once filled; may then be read from any thread.
 class SegmentTimeline {
 public:
   class Iterator;
