@@ -10,16 +10,10 @@
 
 namespace {
 
-/// The type's own code is what a quality gets when the manifest names no encoding.
-std::string knownFourCC(const QVQuality& quality) {
-  const std::string& code = quality.fourCC();
-  return code == "vide" || code == "audi" || code == "text" ? std::string() : code;
-}
-
 template <class R>
 void fillCommon(R& rendition, const std::shared_ptr<QVQuality>& quality, const QualityStateProvider& state) {
   rendition.bitrate = quality->bitrate();
-  rendition.fourCC = knownFourCC(*quality);
+  rendition.fourCC = quality->knownFourCC();
   QualityState known = state ? state(quality) : QualityState{};
   if (known.expectedBytes >= 0)
     rendition.estimatedSize = known.expectedBytes;

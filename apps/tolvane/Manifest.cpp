@@ -2,6 +2,7 @@
 
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylist.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
+#include "TolvaneDownloader/DASHDownloader/Internal/QVRangedURL.h"
 #include "apps/tolvane/Commands.h"
 #include "apps/tolvane/Host.h"
 
@@ -35,11 +36,10 @@ std::shared_ptr<QVPlaylist> fetch(const std::string& url, const platform::HTTPHe
 } // namespace
 
 std::string resourceBase(const std::string& manifestURL) {
-  auto url = platform::URL::URLWithString(manifestURL);
+  const auto url = platform::URL::URLWithString(manifestURL);
   if (!url || !url->scheme())
     throw Failure("'" + manifestURL + "' is no absolute URL", statusUsage);
-  std::string base = url->withoutQuery().deletingLastPathComponent().absoluteString();
-  return base.empty() || base.back() != '/' ? base + "/" : base;
+  return QVRangedURL::baseURLForManifest(manifestURL);
 }
 
 Manifest readManifest(const std::string& source, const std::string& base,

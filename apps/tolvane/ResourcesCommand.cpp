@@ -36,15 +36,10 @@ json describe(const QVRangedURL& resource) {
           {"path", path ? json(*path) : json()}};
 }
 
-std::string codecOf(const QVQuality& quality) {
-  const std::string& code = quality.fourCC();
-  return code == "vide" || code == "audi" || code == "text" ? std::string() : code;
-}
-
 json describe(const std::shared_ptr<QVQuality>& quality, const std::string& base) {
   auto video = std::dynamic_pointer_cast<QVVideoQuality>(quality);
   json object = qualityJSON(quality->identifier(), quality->bitrate(), video ? video->width() : 0,
-                            video ? video->height() : 0, codecOf(*quality));
+                            video ? video->height() : 0, quality->knownFourCC());
   json& resources = object["resources"] = json::array();
   if (auto list = quality->resourceBuilder()->fillResourcesWithBaseURL(base))
     for (const auto& resource : *list)

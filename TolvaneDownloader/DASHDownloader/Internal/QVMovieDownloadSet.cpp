@@ -9,13 +9,13 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylist.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVQuality.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVQualityDownloadInfo.h"
+#include "TolvaneDownloader/DASHDownloader/Internal/QVRangedURL.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVResourceDownloadInfo.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVResourcePath.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVTrack.h"
 
 #include "platform/foundation/Exception.h"
 #include "platform/foundation/FileManager.h"
-#include "platform/foundation/URL.h"
 
 #include <algorithm>
 
@@ -28,14 +28,6 @@ constexpr const char* storedManifestName = "manifest.mpd";
 
 [[noreturn]] void raise(const char* reason) {
   throw platform::Exception("QVMovieDownloadSetException", reason);
-}
-
-std::string baseURLOf(const std::string& sourceURL) {
-  const auto url = platform::URL::URLWithString(sourceURL);
-  std::string base = url ? url->withoutQuery().deletingLastPathComponent().absoluteString() : std::string();
-  if (base.empty() || base.back() != '/')
-    base += '/';
-  return base;
 }
 
 template <class Element> bool contains(const std::vector<Element>& list, const Element& element) {
@@ -94,7 +86,7 @@ QVMovieDownloadSet::QVMovieDownloadSet(Passkey, std::shared_ptr<QVPlaylist> play
                                        const std::string& sourceURL, const std::string& downloadId,
                                        std::weak_ptr<QVDownloadController> controller)
     : _playlist(std::move(playlist)), _movie(_playlist->movies().front()), _downloadPath(downloadPath),
-      _sourceURL(sourceURL), _baseURL(baseURLOf(sourceURL)), _downloadId(downloadId),
+      _sourceURL(sourceURL), _baseURL(QVRangedURL::baseURLForManifest(sourceURL)), _downloadId(downloadId),
       _controller(std::move(controller)), _properties(propertiesOf(sourceURL, downloadPath, manifestName)),
       _uuid(downloadId) {}
 

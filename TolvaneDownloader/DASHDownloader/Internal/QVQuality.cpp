@@ -48,6 +48,10 @@ std::shared_ptr<QVQuality> QVQuality::qualityWithResourceListBuilder(
                                                   std::move(parent)));
 }
 
+std::string QVQuality::knownFourCC() const {
+  return _fourCC == "vide" || _fourCC == "audi" || _fourCC == "text" ? std::string() : _fourCC;
+}
+
 QVResourceListRef QVQuality::fillResourcesWithBaseUrl(const std::string&) const {
   return nullptr;
 }

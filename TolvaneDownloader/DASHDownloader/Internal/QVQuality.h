@@ -44,6 +44,8 @@ public:
   /// A description for a reader, in the language of the locale at the time of building.
   const std::string& parameters() const { return _parameters; }
   const std::string& fourCC() const { return _fourCC; } ///< exactly four characters
+  /// The same, but empty for a type's default: what the manifest itself says of the encoding.
+  std::string knownFourCC() const;
   QVMediaType type() const { return _type; }
   const std::string& identifier() const { return _identifier; } ///< unique in its track
   const std::shared_ptr<QVResourceListBuilder>& resourceBuilder() const { return _resourceBuilder; }

@@ -15,6 +15,14 @@ QVRangedURL::rangedURLWithReferenceURL(std::string referenceURL, std::shared_ptr
   return rangedURLWithOffset(0, 0, std::move(referenceURL), std::move(baseURL));
 }
 
+std::string QVRangedURL::baseURLForManifest(const std::string& manifestURL) {
+  const auto url = platform::URL::URLWithString(manifestURL);
+  std::string base = url ? url->withoutQuery().deletingLastPathComponent().absoluteString() : std::string();
+  if (base.empty() || base.back() != '/')
+    base += '/';
+  return base;
+}
+
 std::optional<platform::URL> QVRangedURL::resolveURL() const {
   const auto base = _baseURL ? platform::URL::URLWithString(*_baseURL) : std::nullopt;
   return platform::URL::URLWithString(_referenceURL, base ? &*base : nullptr);

@@ -26,6 +26,10 @@ public:
   static std::shared_ptr<QVRangedURL> rangedURLWithReferenceURL(std::string referenceURL,
                                                                 std::shared_ptr<const std::string> baseURL);
 
+  /// The base of what a manifest lists: the manifest's URL without its query and without the last component
+  /// of its path, with a "/" at the end. "/" for a text that is no URL.
+  static std::string baseURLForManifest(const std::string& manifestURL);
+
   std::uint64_t offset() const { return _offset; } ///< first byte
   void setOffset(std::uint64_t offset) { _offset = offset; }
 
