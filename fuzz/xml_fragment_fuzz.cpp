@@ -6,6 +6,9 @@
 #include "qvc/xml/Element.h"
 #include "qvc/xml/Parser.h"
 
+#include <string>
+#include <string_view>
+
 using namespace qvc;
 using namespace qvc::xml;
 
@@ -21,6 +24,33 @@ void walk(const Element& element) {
   }
 }
 
+void requireSame(const Element& one, const Element& other) {
+  fuzzing::require(one.getType() == other.getType(), "the same type");
+  fuzzing::require(one.getQualifiedName().view() == other.getQualifiedName().view(), "the same name");
+  fuzzing::require(one.getNamespaceURI().view() == other.getNamespaceURI().view(), "the same namespace");
+  const auto attributes = one.attributes(), others = other.attributes();
+  fuzzing::require(attributes.size() == others.size(), "as many attributes");
+  for (std::size_t i = 0; i < attributes.size(); ++i)
+    fuzzing::require(attributes[i].getName() == others[i].getName() &&
+                         attributes[i].getValue().view() == others[i].getValue().view(),
+                     "the same attribute");
+  fuzzing::require(one.children().size() == other.children().size(), "as many children");
+  if (one.getType() == Element::Type::Text)
+    fuzzing::require(one.getValue().view() == other.getValue().view(), "the same text");
+  for (std::size_t i = 0; i < one.children().size(); ++i)
+    requireSame(one.children()[i], other.children()[i]);
+}
+
+/// A document with a type is read in another way, but one that declares nothing changes nothing.
+void compareWithTypedDocument(std::string_view text, const Element& root) {
+  if (text.starts_with("<?xml") || text.starts_with("\xef\xbb\xbf") || text.find("<!DOCTYPE") != text.npos)
+    return;
+  const std::string document = "<!DOCTYPE a>" + std::string(text);
+  Element typed;
+  if (Parser::parse(typed, document.data(), document.size(), nullptr) == qvc_Success)
+    requireSame(root, typed);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -34,7 +64,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzzing::require(fragment.isNull(), "a failure changes nothing");
   }
   Element root;
-  if (Parser::parse(root, data, size, nullptr) == qvc_Success)
+  if (Parser::parse(root, data, size, nullptr) == qvc_Success) {
     walk(root);
+    compareWithTypedDocument(fuzzing::textOf(data, size), root);
+  }
   return 0;
 }

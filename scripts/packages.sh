@@ -6,6 +6,7 @@ packages_build="g++ cmake ninja-build pkg-config python3-minimal ccache lld gett
   libxml2-dev libutfcpp-dev libcurl4-openssl-dev libsqlite3-dev libicu-dev nlohmann-json3-dev libxxhash-dev
   liburiparser-dev libcli11-dev ca-certificates"
 packages_demo="ffmpeg nginx-light"
+packages_fuzz="clang libclang-rt-dev"
 packages_check="libgtest-dev libgmock-dev clang clang-format clang-tidy openssl procps git"
 
 need_packages() {
