@@ -92,6 +92,7 @@ TEST_F(StoreTest, TrustsThePageCacheOnlyWithinOneBoot) {
   ASSERT_TRUE(claim);
   EXPECT_EQ(claim->file->length(), 4);
   EXPECT_EQ(claim->file->append("xy", 2), 0);
+  EXPECT_EQ(claim->file->flush(), 0);
   EXPECT_EQ(readFile(claim->file->path()), "0123xy");
 }
 

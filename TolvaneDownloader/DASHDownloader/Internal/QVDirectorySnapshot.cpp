@@ -1,5 +1,6 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVDirectorySnapshot.h"
 
+#include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -26,6 +27,11 @@ std::optional<std::int64_t> QVDirectorySnapshot::sizeOfFile(std::string_view rel
 }
 
 void QVDirectorySnapshot::walk(int directory, std::string& prefix, int depth) {
+  // A process that died may have placed files without syncing their directory, and they will be relied upon.
+  if (::fsync(directory) != 0 && errno != EINVAL && errno != EROFS) {
+    ::close(directory);
+    return;
+  }
   DIR* entries = ::fdopendir(directory);
   if (!entries) {
     ::close(directory);

@@ -7,7 +7,8 @@
 #include <unordered_map>
 
 /// What stood below a directory at one moment, from a single walk: a set asks for the total size and then for
-/// tens of thousands of single files. Links are not followed; what cannot be read counts as absent. A value.
+/// tens of thousands of single files. What it tells of is there to stay: its directory is synced. Links are
+/// not followed; what cannot be read or synced counts as absent. A value.
 class QVDirectorySnapshot {
 public:
   /// Walks the directory; a missing one is empty.

@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -178,6 +179,9 @@ private:
 
   void _handleCompletedResource(const std::shared_ptr<QVResourceDownloadInfo>& resource,
                                 const platform::DownloadTaskRef& task, const std::string& location);
+  /// Makes files placed in `directory` (and all before) outlive a power failure; not each of them by itself,
+  /// but before anything claims that a quality is there.
+  platform::ErrorRef _syncPlaced(const std::string& directory, bool now);
   void _handleFailedResource(const std::shared_ptr<QVResourceDownloadInfo>& resource,
                              const platform::URLSessionTask& task, const platform::ErrorRef& error);
   std::shared_ptr<QVMovieDownloadSet> _setOfResource(const QVResourceDownloadInfo& resource) const;
@@ -195,6 +199,8 @@ private:
   /// For the manifests: where they are fetched must be where the resources are.
   std::shared_ptr<platform::URLSession> _manifestSession;
   QVTaskTable _tasks;
+  std::set<std::string> _unsyncedDirectories; ///< in which files were placed since they were synced
+  std::size_t _numUnsynced = 0;               ///< such files
   std::vector<std::function<void()>> _backgroundCompletionHandlers;
   std::string _downloadPath;
   std::optional<platform::HTTPHeaders> _additionalHeaders;

@@ -21,6 +21,8 @@ using Lock = std::lock_guard<platform::OrderedRecursiveMutex>;
 namespace {
 
 constexpr std::chrono::milliseconds refreshPause{1000};
+// Files whose directory entry a power failure may undo; their bytes are then fetched again.
+constexpr std::size_t mostUnsynced = 256;
 
 /// Runs the handling of an event on a platform queue, where nobody could catch what it raises.
 template <class Handle> void guarded(const Handle& handle) {
@@ -97,9 +99,7 @@ void QVMovieDownloader::URLSessionDownloadTaskDidFinishDownloadingToURL(platform
       return;
     }
     // Looked at again: the progress of an empty body may never have been told, and only now is the size sure.
-    const auto attributes = platform::FileManager::attributesOfItemAtPath(location);
-    if (const auto error =
-            errorOfResponse(*task, *resource->resource(), attributes ? attributes->size : -1)) {
+    if (const auto error = errorOfResponse(*task, *resource->resource(), task->countOfBytesReceived())) {
       _handleFailedResource(resource, *task, error);
       return;
     }
@@ -156,23 +156,38 @@ void QVMovieDownloader::_handleCompletedResource(const std::shared_ptr<QVResourc
     _tasks.detach(*task);
     return;
   }
-  if (const auto standing = FileManager::attributesOfItemAtPath(target)) {
-    // A directory holds other resources; it is not in the way of a newer version of this one.
-    platform::ErrorRef error = standing->type == platform::FileAttributes::Type::Directory
-                                   ? platform::makePOSIXError(EISDIR, target)
-                                   : FileManager::removeItemAtPath(target);
-    if (error)
-      return _handleFailedResource(resource, *task, error);
-  } else if (const auto error = FileManager::createDirectoryAtPath(parentOf(target), true)) {
-    return _handleFailedResource(resource, *task, error);
+  // Replaces an older version. A directory there holds other resources, and is no version of this one: that
+  // fails by itself.
+  auto error = FileManager::moveItemAtPathUnsynced(location, target);
+  if (error && error->code() == ENOENT) {
+    error = FileManager::createDirectoryAtPath(parentOf(target), true);
+    if (!error)
+      error = FileManager::moveItemAtPathUnsynced(location, target);
   }
-  if (const auto error = FileManager::moveItemAtPath(location, target))
+  if (!error)
+    error = _syncPlaced(parentOf(target), resource->quality()->hasOneLeft());
+  if (error)
     return _handleFailedResource(resource, *task, error);
 
   set->resourceBytesDownloaded(resource, task->countOfBytesReceived(), task->countOfBytesExpectedToReceive());
   // The delegate may have cancelled the set just now; the file is found again when it is started.
   if (_tasks.resourceForTask(*task) == resource)
     set->resourceCompleteWithError(resource, nullptr);
+}
+
+platform::ErrorRef QVMovieDownloader::_syncPlaced(const std::string& directory, bool now) {
+  _unsyncedDirectories.insert(directory);
+  if (++_numUnsynced < mostUnsynced && !now)
+    return nullptr;
+  while (!_unsyncedDirectories.empty()) {
+    const auto first = _unsyncedDirectories.begin();
+    const auto error = platform::FileManager::syncDirectoryAtPath(*first);
+    if (error && error->code() != ENOENT) // removed meanwhile, with all that was in it
+      return error;
+    _unsyncedDirectories.erase(first);
+  }
+  _numUnsynced = 0;
+  return nullptr;
 }
 
 void QVMovieDownloader::_handleFailedResource(const std::shared_ptr<QVResourceDownloadInfo>& resource,

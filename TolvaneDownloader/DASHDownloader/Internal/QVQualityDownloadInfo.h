@@ -73,6 +73,9 @@ public:
   void resourceCompleteWithBytesPreloaded(const std::shared_ptr<QVResourceDownloadInfo>& resource,
                                           std::int64_t bytes);
 
+  /// Whether the end of one more resource finishes the quality.
+  bool hasOneLeft() const { return _numCompleted + 1 == _resources.size(); }
+
   std::size_t numActive() const { return _paused.size() + _running.size(); } ///< being fetched
   std::size_t numRunning() const { return _running.size(); }                 ///< of those, not paused
 

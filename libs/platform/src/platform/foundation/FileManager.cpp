@@ -262,8 +262,17 @@ ErrorRef FileManager::removeItemAtPath(const std::string& path) {
 }
 
 ErrorRef FileManager::moveItemAtPath(const std::string& from, const std::string& to) {
+  ErrorRef error = moveItemAtPathUnsynced(from, to);
+  return error ? error : syncDirectory(parentOf(to));
+}
+
+ErrorRef FileManager::syncDirectoryAtPath(const std::string& path) {
+  return syncDirectory(path);
+}
+
+ErrorRef FileManager::moveItemAtPathUnsynced(const std::string& from, const std::string& to) {
   if (::rename(from.c_str(), to.c_str()) == 0)
-    return syncDirectory(parentOf(to));
+    return nullptr;
   if (errno != EXDEV)
     return failure("move \"" + from + "\" to", to);
 
@@ -274,6 +283,7 @@ ErrorRef FileManager::moveItemAtPath(const std::string& from, const std::string&
   if (::rename(temporary.c_str(), to.c_str()) != 0)
     return failure("move \"" + from + "\" to", to);
   guard.keep();
+  // Never left to the caller: the source goes now.
   if (ErrorRef error = syncDirectory(parentOf(to)))
     return error;
   return removeItemAtPath(from);

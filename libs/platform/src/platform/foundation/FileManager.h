@@ -54,6 +54,11 @@ public:
   /// must have been synced by its writer when both stand on one file system.
   static ErrorRef moveItemAtPath(const std::string& from, const std::string& to);
 
+  /// The same for who moves many: the entry in the target's directory is on stable storage only after a call
+  /// of `syncDirectoryAtPath` for that directory.
+  static ErrorRef moveItemAtPathUnsynced(const std::string& from, const std::string& to);
+  static ErrorRef syncDirectoryAtPath(const std::string& path);
+
   static std::optional<Data> contentsAtPath(const std::string& path, ErrorRef* error = nullptr);
 
   /// Writes to a temporary name beside `path`, syncs, renames over it, syncs the directory.

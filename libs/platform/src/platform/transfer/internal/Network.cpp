@@ -49,7 +49,7 @@ bool Network::wake(const TaskStateRef& task) {
     if (_stopping)
       return false;
     _wokenTasks.push_back(task);
-    if (_wokenTasks.size() > 1)
+    if (std::exchange(_woken, true))
       return true;
   }
   curl_multi_wakeup(multiOf(_multi));
@@ -57,12 +57,20 @@ bool Network::wake(const TaskStateRef& task) {
 }
 
 bool Network::post(std::function<void()> work) {
+  return post(std::move(work), false);
+}
+
+bool Network::postSoon(std::function<void()> work) {
+  return post(std::move(work), true);
+}
+
+bool Network::post(std::function<void()> work, bool canWait) {
   {
     std::lock_guard guard(_mutex);
     if (_stopping)
       return false;
     _work.push_back(std::move(work));
-    if (_work.size() > 1)
+    if ((canWait && _wakesOften) || std::exchange(_woken, true))
       return true;
   }
   curl_multi_wakeup(multiOf(_multi));
@@ -104,7 +112,14 @@ void Network::run() {
     _retired.clear();
     if (stopping)
       break;
-    curl_multi_poll(multiOf(_multi), nullptr, 0, pollTimeout(now), nullptr);
+    auto timeout = pollTimeout(now);
+    {
+      std::lock_guard guard(_mutex);
+      _wakesOften = !_exchanges.empty() && _waitingBodies < MostWaitingBodies;
+      if (!_wakesOften && !_work.empty())
+        timeout = 0;
+    }
+    curl_multi_poll(multiOf(_multi), nullptr, 0, timeout, nullptr);
   }
   for (auto& [raw, task] : _live)
     task->transfer.reset();
@@ -123,6 +138,7 @@ bool Network::takeCommands() {
     tasks.swap(_wokenTasks);
     work.swap(_work);
     stopping = _stopping;
+    _woken = false;
   }
   for (auto& item : work) {
     item();

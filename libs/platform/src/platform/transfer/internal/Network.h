@@ -34,6 +34,8 @@ public:
   bool wake(const TaskStateRef& task);
   /// Runs `work` on the loop. False when the loop has ended: then it never runs.
   bool post(std::function<void()> work);
+  /// The same, but not worth waking the loop for while it wakes often by itself.
+  bool postSoon(std::function<void()> work);
   /// Ends the loop and joins its thread. The tasks must have ended.
   void stop();
 
@@ -66,6 +68,7 @@ private:
   };
   static std::string lineKey(const std::string& origin, int cap);
 
+  bool post(std::function<void()> work, bool canWait);
   void run();
   bool takeCommands();
   void grantPlaces();
@@ -82,6 +85,8 @@ private:
   std::mutex _mutex;
   std::vector<TaskStateRef> _wokenTasks;
   std::vector<std::function<void()>> _work;
+  bool _woken = false;      ///< something was said to the loop since it last took what was there
+  bool _wakesOften = false; ///< at every tick, and takes what was posted then
   bool _stopping = false;
 
   std::unordered_map<TaskState*, TaskStateRef> _live;

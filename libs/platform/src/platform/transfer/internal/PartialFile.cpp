@@ -1,14 +1,18 @@
 #include "platform/transfer/internal/PartialFile.h"
 
 #include "platform/foundation/JSON.h"
+#include "platform/transfer/internal/WriteBuffers.h"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <unistd.h>
+#include <utility>
 
 namespace platform::transfer {
 
@@ -113,31 +117,72 @@ bool parsePartialDescription(std::string_view text, PartialDescription& d, bool&
   return d.base >= 0 && d.synced >= 0;
 }
 
-PartialFile::PartialFile(std::string directory, std::string name, int descriptor, bool described)
-    : _directory(std::move(directory)), _name(std::move(name)), _descriptor(descriptor), _cut(described),
-      _described(described) {}
+PartialFile::PartialFile(std::string directory, std::string name, int descriptor, bool described,
+                         std::shared_ptr<WriteBuffers> buffers)
+    : _directory(std::move(directory)), _name(std::move(name)), _descriptor(descriptor),
+      _buffers(std::move(buffers)), _cut(described), _described(described) {}
 
 PartialFile::~PartialFile() {
   close();
 }
 
 void PartialFile::setLength(std::int64_t length) {
+  const bool keepsSomeInMemory = _buffer && length > _written && length <= _length;
   _length = length;
+  if (keepsSomeInMemory)
+    return;
+  dropBuffer();
+  _written = length;
   _cut = true;
 }
 
 int PartialFile::append(const char* bytes, std::size_t count) {
+  if (!_buffer && _buffers)
+    _buffer = _buffers->take();
+  if (!_buffer) {
+    const int failure = write(bytes, count);
+    _length = _written.load();
+    return failure;
+  }
+  constexpr auto size = static_cast<std::int64_t>(WriteBuffers::Size);
+  while (count > 0) {
+    // Ends where a multiple of the size does, which suits page cache and disk.
+    const auto some = std::min(count, static_cast<std::size_t>(size - _length % size));
+    std::memcpy(_buffer.get() + (_length - _written), bytes, some);
+    _length += static_cast<std::int64_t>(some);
+    bytes += some;
+    count -= some;
+    if (_length % size == 0)
+      if (int failure = flush())
+        return failure;
+  }
+  return 0;
+}
+
+int PartialFile::flush() {
+  const auto waiting = _length - _written;
+  const int failure = waiting > 0 ? write(_buffer.get(), static_cast<std::size_t>(waiting)) : 0;
+  _length = _written.load();
+  return failure;
+}
+
+int PartialFile::write(const char* bytes, std::size_t count) {
   if (_cut) {
-    if (::ftruncate(_descriptor, _length) != 0)
+    if (::ftruncate(_descriptor, _written) != 0)
       return errno;
     _cut = false;
   }
-  int failure = writeAll(_descriptor, bytes, count, _length);
+  int failure = writeAll(_descriptor, bytes, count, _written);
   if (failure == 0)
-    _length += static_cast<std::int64_t>(count);
+    _written += static_cast<std::int64_t>(count);
   else
     _cut = true; // a part of it may have been written
   return failure;
+}
+
+void PartialFile::dropBuffer() {
+  if (_buffer)
+    _buffers->giveBack(std::move(_buffer));
 }
 
 int PartialFile::clear() {
@@ -146,7 +191,8 @@ int PartialFile::clear() {
   if (_described && removeFile(descriptionPath()) != 0)
     return errno;
   _described = false;
-  _length = 0;
+  dropBuffer();
+  _length = _written = 0;
   _cut = false;
   return ::ftruncate(_descriptor, 0) == 0 ? 0 : errno;
 }
@@ -155,7 +201,7 @@ int PartialFile::syncAndDescribe(PartialDescription description, unsigned genera
   std::lock_guard guard(_mutex);
   if (_descriptor < 0 || generation != _generation)
     return 0;
-  description.synced = _length;
+  description.synced = _written;
   description.boot = bootIdentifier();
   if (::fdatasync(_descriptor) != 0)
     return errno;
@@ -165,6 +211,8 @@ int PartialFile::syncAndDescribe(PartialDescription description, unsigned genera
 
 int PartialFile::settle(const PartialDescription& description) {
   constexpr std::int64_t Tail = 64 * 1024;
+  flush(); // what cannot be written is not held
+  dropBuffer();
   const auto cutOff = [this] { return !_cut || ::ftruncate(_descriptor, _length) == 0 ? 0 : errno; };
   int failure = cutOff();
   if (failure == 0)
@@ -179,8 +227,18 @@ int PartialFile::settle(const PartialDescription& description) {
   return failure;
 }
 
+void PartialFile::startSync() {
+  std::lock_guard guard(_mutex);
+  _startFailure = flush();
+  ::sync_file_range(_descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
 int PartialFile::finish(const std::string& path) {
   std::lock_guard guard(_mutex);
+  const int failure = _startFailure != 0 ? std::exchange(_startFailure, 0) : flush();
+  dropBuffer();
+  if (failure != 0)
+    return failure;
   if (_cut && ::ftruncate(_descriptor, _length) != 0)
     return errno;
   _cut = false;
@@ -197,6 +255,7 @@ int PartialFile::finish(const std::string& path) {
 
 void PartialFile::close() {
   std::lock_guard guard(_mutex);
+  dropBuffer();
   if (_descriptor >= 0)
     ::close(_descriptor);
   _descriptor = -1;
@@ -204,6 +263,7 @@ void PartialFile::close() {
 
 void PartialFile::remove() {
   std::lock_guard guard(_mutex);
+  dropBuffer();
   if (_described)
     removeFile(descriptionPath());
   removeFile(path());

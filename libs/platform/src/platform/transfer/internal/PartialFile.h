@@ -10,6 +10,8 @@
 
 namespace platform::transfer {
 
+class WriteBuffers;
+
 /// What a partial file holds: enough to go on with it knowing nothing else. Kept beside it as
 /// `<name>.json`.
 struct PartialDescription {
@@ -30,11 +32,15 @@ std::string serializePartialDescription(const PartialDescription& description);
 bool parsePartialDescription(std::string_view text, PartialDescription& description, bool& newer);
 
 /// An open body file, locked against other processes and sessions. Writing is for one thread (the network
-/// thread); `syncAndDescribe`, `finish` and `leave` are for the disk threads.
+/// thread); `syncAndDescribe` is for the disk threads meanwhile, and so are `startSync`, `finish` and
+/// `settle` once nothing is written any more.
+///
+/// What is appended may wait in memory: `length` counts it, what is on the disk grows by large writes.
 class PartialFile {
 public:
   /// `described`: it is an old one, which may have a description and any length; else it is new and empty.
-  PartialFile(std::string directory, std::string name, int descriptor, bool described);
+  PartialFile(std::string directory, std::string name, int descriptor, bool described,
+              std::shared_ptr<WriteBuffers> buffers = nullptr);
   ~PartialFile(); ///< closes; the files stay
   PartialFile(const PartialFile&) = delete;
   PartialFile& operator=(const PartialFile&) = delete;
@@ -47,8 +53,10 @@ public:
   /// Takes `length` bytes as held; more that stand in the file are cut off at the first write.
   void setLength(std::int64_t length);
 
-  /// Appends; answers 0 or errno, after which the bytes before still count.
+  /// Appends; answers 0 or errno. `length` then tells how much of all that was appended still counts.
   int append(const char* bytes, std::size_t count);
+  /// Writes what waits in memory; answers as `append` does.
+  int flush();
 
   /// Forgets content and description, so that no old description ever stands beside new bytes.
   int clear();
@@ -56,13 +64,17 @@ public:
   /// Counts the calls of `clear`.
   unsigned generation() const { return _generation; }
 
-  /// Syncs what has been written, then replaces the description. Answers 0 or errno. Does nothing when
-  /// `clear` was called since `generation` was read: the description speaks of bytes that are gone.
+  /// Syncs what has been written (see `flush`), then replaces the description. Answers 0 or errno. Does
+  /// nothing when `clear` was called since `generation` was read: the description speaks of bytes that are
+  /// gone.
   int syncAndDescribe(PartialDescription description, unsigned generation);
 
   /// The same for good: closed afterwards. On a full disk the tail of the body makes room for the description
   /// without which the rest would be worthless.
   int settle(const PartialDescription& description);
+
+  /// Hands what has been written to the disk without waiting for it; makes a later sync short.
+  void startSync();
 
   /// Syncs and renames to `path`, dropping the description. Closed afterwards. Answers 0 or errno, then
   /// nothing was renamed.
@@ -73,15 +85,21 @@ public:
   void remove();
 
 private:
+  int write(const char* bytes, std::size_t count);
+  void dropBuffer();
   std::string descriptionPath() const { return _directory + "/" + _name + ".json"; }
 
   const std::string _directory;
   const std::string _name;
   std::mutex _mutex; ///< between describing on a disk thread and clearing on the network thread
   int _descriptor;
+  const std::shared_ptr<WriteBuffers> _buffers;
+  std::unique_ptr<char[]> _buffer; ///< the bytes from `_written` to `_length`
   std::atomic<std::int64_t> _length{0};
+  std::atomic<std::int64_t> _written{0};
+  int _startFailure = 0;
   std::atomic<unsigned> _generation{0};
-  bool _cut;       ///< the file may be longer than `_length`
+  bool _cut;       ///< the file may be longer than `_written`
   bool _described; ///< a description may stand on disk
 };
 

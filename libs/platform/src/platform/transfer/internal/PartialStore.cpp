@@ -3,6 +3,7 @@
 #include "platform/foundation/Base64.h"
 #include "platform/foundation/FileManager.h"
 #include "platform/foundation/StringHash.h"
+#include "platform/transfer/internal/WriteBuffers.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -93,7 +94,7 @@ std::string ownerOfFinished(const std::string& name) {
 
 PartialStore::PartialStore(std::string directory, std::string process, const OwnerLocks& locks)
     : _partials(directory + "/partials"), _finished(directory + "/finished"), _process(std::move(process)),
-      _locks(locks) {
+      _locks(locks), _buffers(std::make_shared<WriteBuffers>()) {
   // Asked now and once: while the locks of the dead are swept away they look held for a moment.
   for (const auto& name : FileManager::contentsOfDirectoryAtPath(_finished))
     if (auto marks = marksOf(name); marks.size() == MarkCount && !_locks.isHeld(ownerOfFinished(name)))
@@ -129,7 +130,7 @@ std::shared_ptr<PartialFile> PartialStore::create(const std::string& key, int* f
     // A description may have outlived its file.
     if (removeFile(descriptionPath(name)) == 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
       *failure = 0;
-      return std::make_shared<PartialFile>(_partials, name, descriptor, false);
+      return std::make_shared<PartialFile>(_partials, name, descriptor, false, _buffers);
     }
     ::close(descriptor);
   }
@@ -142,7 +143,7 @@ std::optional<Claim> PartialStore::claim(const std::string& name, const std::str
   int descriptor = openLocked(partPath(name));
   if (descriptor < 0)
     return std::nullopt;
-  auto file = std::make_shared<PartialFile>(_partials, name, descriptor, true);
+  auto file = std::make_shared<PartialFile>(_partials, name, descriptor, true, _buffers);
   Claim claim;
   auto described = readDescription(descriptionPath(name), claim.description);
   if (described == Described::Newer)
@@ -217,7 +218,7 @@ std::optional<Claim> PartialStore::salvage(const std::string& key, const std::st
     claim.description.validators.etag = textOfName(marks[4]);
     claim.description.validators.lastModified = textOfName(marks[5]);
     claim.description.validators.lastModifiedStrong = marks[6] == "s";
-    claim.file = std::make_shared<PartialFile>(_partials, name, descriptor, true);
+    claim.file = std::make_shared<PartialFile>(_partials, name, descriptor, true, _buffers);
     struct stat attributes {};
     if (::fstat(descriptor, &attributes) != 0 || attributes.st_size <= 0 ||
         !claim.description.validators.ifRange()) {

@@ -87,6 +87,7 @@ private:
   std::string _finished;
   std::string _process;
   const OwnerLocks& _locks;
+  const std::shared_ptr<WriteBuffers> _buffers;
   mutable std::atomic<std::uint64_t> _number{0};
   mutable std::mutex _leftMutex;
   mutable std::unordered_multimap<std::string, std::string> _left; ///< key to name below finished/

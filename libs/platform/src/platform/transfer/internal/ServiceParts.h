@@ -27,7 +27,7 @@ struct ServiceParts {
                std::unique_ptr<Journal> openJournal)
       : options(std::move(serviceOptions)), locks(options.directory + "/locks"),
         processLock(std::move(process)), journal(std::move(openJournal)),
-        store(options.directory, processLock->owner(), locks), disk(2), network(options, store, disk) {}
+        store(options.directory, processLock->owner(), locks), disk(3), network(options, store, disk) {}
 };
 
 } // namespace platform::transfer

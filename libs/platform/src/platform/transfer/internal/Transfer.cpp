@@ -359,6 +359,11 @@ void Transfer::tick(Clock::time_point now) {
   if (_sink != Sink::Partial || !_file || !_resumable || _syncing || now < _nextSync ||
       held() == _syncedLength)
     return;
+  if (int failure = _file->flush()) {
+    stopExchange();
+    fail(writeError(failure, _file->path(), _decision.bodyLength >= 0 ? _decision.bodyLength - _got : -1));
+    return;
+  }
   _syncing = true;
   const auto length = held();
   onDisk([file = _file, description = describe(false),

@@ -75,6 +75,7 @@ private:
   void askDelegate();
   void finishBody();
   void storeFile();
+  void stored(int failure, std::int64_t length);
   void storePage();
   void fail(ErrorRef error);
   void keepAndEnd(ErrorRef error, bool forAnybody);

@@ -1,5 +1,6 @@
 // The part of Transfer that ends it: storing a whole body, and keeping or dropping what is held of another.
 
+#include "platform/transfer/internal/DiskPool.h"
 #include "platform/transfer/internal/Network.h"
 #include "platform/transfer/internal/ResumeData.h"
 #include "platform/transfer/internal/Session.h"
@@ -38,28 +39,36 @@ void Transfer::finishBody() {
 void Transfer::storeFile() {
   _phase = Phase::Storing;
   _network.bodyWaits();
-  auto result = std::make_shared<int>(0);
   auto path =
       _network.store().newFinishedPath(_file->name(), _resumable ? _description : PartialDescription());
   const auto length = held();
-  onDisk([file = _file, path, result] { *result = file->finish(path); },
-         [result, path, length](Transfer& self) {
-           self._network.bodyIsStored();
-           self._phase = Phase::Idle;
-           if (*result != 0) {
-             self.fail(writeError(*result, self._file->path(), -1));
-             return;
-           }
-           self._file.reset();
-           const auto wanted = self._task.wanted();
-           if (wanted == Wanted::Cancel || wanted == Wanted::CancelKeep) {
-             removeFile(path);
-             self.end({cancelledError(self._task.request().url())});
-             return;
-           }
-           self._task.setComplete(length, path);
-           self.end({nullptr, path, nullptr, nullptr});
-         });
+  // A success ends the task right here: the way over the network thread would only delay what follows it.
+  // Whether it was cancelled meanwhile is looked at when it is delivered.
+  _network.disk().add([file = _file] { file->startSync(); },
+                      [&network = _network, task = _task.shared_from_this(), file = _file, path, length] {
+                        const int failure = file->finish(path);
+                        if (failure == 0) {
+                          task->setComplete(length, path);
+                          task->session()->end(task, {nullptr, path, nullptr, nullptr});
+                        }
+                        network.postSoon([task, failure, length] {
+                          if (task->transfer)
+                            task->transfer->stored(failure, length);
+                        });
+                      });
+}
+
+void Transfer::stored(int failure, std::int64_t length) {
+  _network.bodyIsStored();
+  if (failure != 0) {
+    _phase = Phase::Idle;
+    const auto missing = length - held();
+    fail(writeError(failure, _file->path(), missing > 0 ? missing : -1));
+    return;
+  }
+  _phase = Phase::Ended;
+  _file.reset();
+  _network.retire(_task);
 }
 
 void Transfer::storePage() {
@@ -88,14 +97,10 @@ void Transfer::storePage() {
         // What is held of the resource itself does not end with an error page.
         if (self._file && self._resumable && self.held() > 0) {
           self._phase = Phase::Storing;
-          self.onDisk(
-              [file = self._file, description = self.describe(true)] {
-                file->syncAndDescribe(description, file->generation());
-                file->close();
-              },
-              [path](Transfer& later) {
-                later.end({nullptr, path, nullptr, nullptr});
-              });
+          self.onDisk([file = self._file, description = self.describe(true)] { file->settle(description); },
+                      [path](Transfer& later) {
+                        later.end({nullptr, path, nullptr, nullptr});
+                      });
           return;
         }
         self.dropFile();

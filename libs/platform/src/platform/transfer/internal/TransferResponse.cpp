@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t MostRedirects = 20;
 // A body that is of no use is read to its end when it is short, which keeps the connection.
 constexpr std::int64_t MostDrained = 64 * 1024;
-// Delegates hear of progress this often at most; the first bytes of a response are told at once.
+// Delegates hear of progress this often at most.
 constexpr std::chrono::milliseconds ReportInterval{50};
 // What a short transfer holds is not worth a description; one that lives longer gets one.
 constexpr std::chrono::milliseconds FirstSync{250};
@@ -200,10 +200,8 @@ bool Transfer::exchangeBody(const char* bytes, std::size_t count) {
     return breakOff(writeError(failure, _sink == Sink::Page ? _pagePath : _file->path(),
                                _decision.bodyLength >= 0 ? _decision.bodyLength - _got + size : -1));
   if (_next == Next::Challenge)
-    return true; // the delegate may never see this page
-  _task.setHeld(received());
-  if (_got == size || _lastReport == Clock::time_point{})
-    reportProgress(Clock::now());
+    return true;             // the delegate may never see this page
+  _task.setHeld(received()); // told at the next tick; a short body ends before that, and its end tells it
   return true;
 }
 
