@@ -17,7 +17,7 @@ namespace {
 
 constexpr int JournalVersion = 1;
 // Bounds the number of transactions per second, and what a killed process may lose.
-constexpr std::chrono::milliseconds BatchInterval{20};
+constexpr std::chrono::milliseconds BatchInterval{50};
 constexpr std::chrono::milliseconds RetryInterval{1000};
 
 constexpr const char* Schema =

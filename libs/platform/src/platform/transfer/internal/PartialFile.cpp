@@ -20,7 +20,8 @@ namespace {
 
 constexpr int DescriptionVersion = 1;
 
-int writeAll(int descriptor, const char* bytes, std::size_t count, std::int64_t offset) {
+/// Answers 0 or errno; `offset` moves to the end of what was written.
+int writeAll(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset) {
   while (count > 0) {
     auto written = ::pwrite(descriptor, bytes, count, offset);
     if (written < 0 && errno == EINTR)
@@ -41,7 +42,8 @@ int replaceFile(const std::string& path, const std::string& text) {
   int descriptor = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (descriptor < 0)
     return errno;
-  int failure = writeAll(descriptor, text.data(), text.size(), 0);
+  std::int64_t offset = 0;
+  int failure = writeAll(descriptor, text.data(), text.size(), offset);
   if (failure == 0 && ::fdatasync(descriptor) != 0)
     failure = errno;
   ::close(descriptor);
@@ -172,11 +174,10 @@ int PartialFile::write(const char* bytes, std::size_t count) {
       return errno;
     _cut = false;
   }
-  int failure = writeAll(_descriptor, bytes, count, _written);
-  if (failure == 0)
-    _written += static_cast<std::int64_t>(count);
-  else
-    _cut = true; // a part of it may have been written
+  std::int64_t end = _written;
+  const int failure = writeAll(_descriptor, bytes, count, end);
+  _written = end; // before a disk is full, some of it fits
+  _cut = failure != 0;
   return failure;
 }
 

@@ -99,6 +99,9 @@ PartialStore::PartialStore(std::string directory, std::string process, const Own
   for (const auto& name : FileManager::contentsOfDirectoryAtPath(_finished))
     if (auto marks = marksOf(name); marks.size() == MarkCount && !_locks.isHeld(ownerOfFinished(name)))
       _left.emplace(marks[1], name);
+  const auto partials = FileManager::contentsOfDirectoryAtPath(_partials);
+  _highSlots = std::any_of(partials.begin(), partials.end(),
+                           [](const std::string& name) { return name.find("-0.") == std::string::npos; });
 }
 
 std::string PartialStore::keyOf(const std::string& method, const std::string& url, const std::string& range) {
@@ -109,7 +112,9 @@ std::string PartialStore::keyOf(const std::string& method, const std::string& ur
 }
 
 bool PartialStore::mayHoldOrphan(const std::string& key) const {
-  for (int slot = 0; slot < SearchedSlots; ++slot)
+  // Two transfers of one request at once are so rare that looking for what a second one left can be spared.
+  const int slots = _highSlots ? SearchedSlots : 1;
+  for (int slot = 0; slot < slots; ++slot)
     if (::access(partPath(slotName(key, slot)).c_str(), F_OK) == 0)
       return true;
   std::lock_guard guard(_leftMutex);
@@ -127,6 +132,8 @@ std::shared_ptr<PartialFile> PartialStore::create(const std::string& key, int* f
       *failure = errno;
       return nullptr;
     }
+    if (slot > 0)
+      _highSlots = true;
     // A description may have outlived its file.
     if (removeFile(descriptionPath(name)) == 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
       *failure = 0;
@@ -204,6 +211,8 @@ std::optional<Claim> PartialStore::salvage(const std::string& key, const std::st
       else if (errno != EEXIST)
         break;
     }
+    if (name != slotName(key, 0))
+      _highSlots = true;
     if (name.empty() || removeFile(descriptionPath(name)) != 0) {
       ::close(descriptor);
       continue;

@@ -88,6 +88,7 @@ private:
   std::string _process;
   const OwnerLocks& _locks;
   const std::shared_ptr<WriteBuffers> _buffers;
+  mutable std::atomic<bool> _highSlots{false}; ///< a name may stand that does not end in "-0"
   mutable std::atomic<std::uint64_t> _number{0};
   mutable std::mutex _leftMutex;
   mutable std::unordered_multimap<std::string, std::string> _left; ///< key to name below finished/

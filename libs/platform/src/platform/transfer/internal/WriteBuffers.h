@@ -11,7 +11,7 @@ namespace platform::transfer {
 /// of the many small ones in which they come. Thread-safe.
 class WriteBuffers {
 public:
-  static constexpr std::size_t Size = 256 * 1024;
+  static constexpr std::size_t Size = 512 * 1024;
 
   /// Null when as many as there may be are in use.
   std::unique_ptr<char[]> take();
