@@ -7,6 +7,7 @@
 #include "platform/foundation/FileManager.h"
 #include "platform/transfer/TransferService.h"
 
+#include <cerrno>
 #include <mutex>
 
 using Lock = std::lock_guard<platform::OrderedRecursiveMutex>;
@@ -275,7 +276,11 @@ void QVMovieDownloader::_remove(const QVMovieDownloadSet& set) {
   Lock lock(set._lock);
   if (!platform::FileManager::fileExistsAtPath(set.downloadPath()))
     return;
-  if (const auto error = platform::FileManager::removeItemAtPath(set.downloadPath()))
+  auto error = platform::FileManager::removeItemAtPath(set.downloadPath());
+  // A file that was being written at this moment may have come after the directory was emptied.
+  for (int again = 0; again < 3 && error && error->code() == ENOTEMPTY; ++again)
+    error = platform::FileManager::removeItemAtPath(set.downloadPath());
+  if (error && error->code() != ENOENT)
     throw platform::Exception(exceptionName, "Failed to remove files for DownloadSet", {{"NSError", error}});
 }
 
