@@ -41,7 +41,7 @@ protected:
   std::string leave(PartialDescription description) {
     int failure = 0;
     auto file = store.create(PartialStore::keyOf("GET", "http://host/a", ""), &failure);
-    EXPECT_EQ(file->append("0123456789", 10), 0);
+    EXPECT_EQ(file->write(0, "0123456789", 10), 0);
     description.url = "http://host/a";
     description.validators.etag = description.validators.etag.empty() ? "\"1\"" : description.validators.etag;
     EXPECT_EQ(file->settle(description), 0);
@@ -69,7 +69,7 @@ TEST_F(StoreTest, AdoptsOnlyWhatNobodyHas) {
   lock.reset();
   auto claim = adopt();
   ASSERT_TRUE(claim);
-  EXPECT_EQ(claim->file->length(), 10);
+  EXPECT_EQ(claim->file->held().total(), 10);
   EXPECT_FALSE(adopt()); // it is open
   int another = 0;
   EXPECT_NE(store.create(PartialStore::keyOf("GET", "http://host/a", ""), &another)->name(), name);
@@ -85,8 +85,8 @@ TEST_F(StoreTest, TrustsThePageCacheOnlyWithinOneBoot) {
   std::ofstream(path) << text;
   auto claim = adopt();
   ASSERT_TRUE(claim);
-  EXPECT_EQ(claim->file->length(), 4);
-  EXPECT_EQ(claim->file->append("xy", 2), 0);
+  EXPECT_EQ(claim->file->held().total(), 4);
+  EXPECT_EQ(claim->file->write(4, "xy", 2), 0);
   EXPECT_EQ(readFile(claim->file->path()), "0123xy");
 }
 
@@ -94,7 +94,7 @@ TEST_F(StoreTest, LeavesNewerFormatsAloneAndDropsWhatTellsNothing) {
   auto name = leave({});
   auto path = directory / "partials/" + name;
   auto text = readFile(path + ".json");
-  std::ofstream(path + ".json") << "{\"version\":2}";
+  std::ofstream(path + ".json") << "{\"version\":3}";
   EXPECT_FALSE(adopt());
   store.sweep(std::chrono::hours(0));
   EXPECT_TRUE(std::filesystem::exists(path + ".part"));
@@ -112,13 +112,13 @@ TEST_F(StoreTest, LeavesNewerFormatsAloneAndDropsWhatTellsNothing) {
 TEST_F(StoreTest, ADescriptionNeverSpeaksOfBytesThatAreGone) {
   int failure = 0;
   auto file = store.create("key", &failure);
-  file->append("old", 3);
+  file->write(0, "old", 3);
   PartialDescription description;
   description.validators.etag = "\"old\"";
   auto generation = file->generation();
   EXPECT_EQ(file->syncAndDescribe(description, generation), 0);
   EXPECT_EQ(file->clear(), 0);
-  file->append("new", 3);
+  file->write(0, "new", 3);
   EXPECT_EQ(file->syncAndDescribe(description, generation), 0); // was under way when it was cleared
   EXPECT_FALSE(store.peek(file->name()));
 }

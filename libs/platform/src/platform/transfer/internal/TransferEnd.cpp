@@ -28,6 +28,10 @@ void Transfer::finishBody() {
     fail(std::exchange(_failure, nullptr));
     return;
   }
+  if (_decision.expectedTotal >= 0 && held() < _decision.expectedTotal && _file->isMapped()) {
+    goOn();
+    return;
+  }
   if (_decision.expectedTotal >= 0 && held() != _decision.expectedTotal) {
     tryAgainOrFail(errorForCurlCode(CURLE_PARTIAL_FILE, _task.request().url(), ""));
     return;
@@ -36,6 +40,7 @@ void Transfer::finishBody() {
 }
 
 void Transfer::storeFile() {
+  _pieces.stop();
   _phase = Phase::Storing;
   _network.bodyWaits();
   auto result = std::make_shared<int>(0);
@@ -67,6 +72,7 @@ void Transfer::storePage() {
     fail(std::exchange(_failure, nullptr));
     return;
   }
+  _pieces.stop();
   _phase = Phase::Storing;
   _network.bodyWaits();
   auto result = std::make_shared<int>(0);
@@ -104,6 +110,7 @@ void Transfer::storePage() {
 }
 
 void Transfer::fail(ErrorRef error) {
+  _pieces.stop();
   dropPage();
   keepAndEnd(std::move(error), true);
 }
@@ -154,7 +161,7 @@ void Transfer::keepAndEnd(ErrorRef error, bool forAnybody) {
          [error = std::move(error), forAnybody, result](Transfer& self) {
            DataRef data;
            if (forAnybody && *result == 0)
-             data = self.resumeData(self._file->name(), self._file->length());
+             data = self.resumeData(self._file->name(), self._file->held().total());
            self._file.reset();
            self.end({withResumeData(error, data), {}, nullptr, data});
          });
@@ -192,6 +199,8 @@ DataRef Transfer::resumeData(const std::string& name, std::int64_t length) const
 
 PartialDescription Transfer::describe(bool forAnybody) const {
   auto description = _description;
+  if (_file)
+    description.synced = _file->held();
   description.owner = forAnybody ? std::string() : _task.session()->owner();
   description.taskIdentifier = _task.identifier();
   return description;
