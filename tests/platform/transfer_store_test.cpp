@@ -1,5 +1,6 @@
 // What outlives the process: the journal, the partial files, the locks.
 
+#include "tests/platform/ChildProcess.h"
 #include "tests/support/Expectation.h"
 #include "tests/support/FaultServer.h"
 #include "tests/support/RecordingSessionDelegate.h"
@@ -19,7 +20,6 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utility>
 
 using namespace platform;
 using namespace platform::transfer;
@@ -191,47 +191,6 @@ TEST_F(StoreTest, RefusesANewerJournalAndSetsAGarbledOneAside) {
 
 // ---- Processes that die
 
-/// A child process, made while this one has a single thread, that waits for a URL to work on.
-class Child {
-public:
-  template <class Body> explicit Child(Body&& body) {
-    int ends[2];
-    if (::pipe(ends) != 0)
-      throw std::runtime_error("pipe");
-    _process = ::fork();
-    if (_process == 0) {
-      char url[256] = {};
-      ::close(ends[1]);
-      if (::read(ends[0], url, sizeof url - 1) > 0)
-        body(URLRequest(*URL::URLWithString(url)));
-      ::_exit(3);
-    }
-    ::close(ends[0]);
-    _input = ends[1];
-  }
-  ~Child() {
-    kill();
-    ::close(_input);
-  }
-  void start(const std::string& url) { EXPECT_GT(::write(_input, url.data(), url.size()), 0); }
-  pid_t process() const { return _process; }
-  int wait() {
-    int status = 0;
-    if (_process > 0)
-      ::waitpid(std::exchange(_process, -1), &status, 0);
-    return status;
-  }
-  void kill() {
-    if (_process > 0)
-      ::kill(_process, SIGKILL);
-    wait();
-  }
-
-private:
-  pid_t _process = -1;
-  int _input = -1;
-};
-
 HTTPTransferServiceOptions optionsFor(const std::string& directory) {
   HTTPTransferServiceOptions options;
   options.directory = directory;
@@ -241,7 +200,7 @@ HTTPTransferServiceOptions optionsFor(const std::string& directory) {
 
 TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
   auto configuration = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
-  Child child([&](const URLRequest& request) {
+  ChildProcess child([&](const URLRequest& request) {
     configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
     auto session = URLSession::sessionWithConfiguration(configuration, {}, nullptr);
     auto task = session->downloadTaskWithRequest(request);
@@ -293,7 +252,7 @@ TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
 TEST_F(StoreTest, AFailedWriteIsOneClearErrorAndKeepsTheRest) {
   const std::string content(600'000, 'x');
   // The limit holds for the whole process, so a child meets it. SIGXFSZ must not end it.
-  Child child([&](const URLRequest& request) {
+  ChildProcess child([&](const URLRequest& request) {
     ::signal(SIGXFSZ, SIG_IGN);
     rlimit before{};
     ::getrlimit(RLIMIT_FSIZE, &before);

@@ -240,6 +240,12 @@ int PartialFile::syncAndDescribe(PartialDescription description, unsigned genera
   return describeLocked(description);
 }
 
+void PartialFile::startWriteback() {
+  std::lock_guard guard(_mutex);
+  if (_descriptor >= 0)
+    ::sync_file_range(_descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
 int PartialFile::startMap(const PartialDescription& description, unsigned generation) {
   std::lock_guard guard(_mutex);
   if (_descriptor < 0 || generation != _generation)

@@ -75,6 +75,10 @@ public:
   /// description speaks of bytes that are gone.
   int syncAndDescribe(PartialDescription description, unsigned generation);
 
+  /// Has the system begin to write out what it still holds in memory, so that a later sync finds little to
+  /// do.
+  void startWriteback();
+
   /// Gives the file a map, with a description that says so.
   int startMap(const PartialDescription& description, unsigned generation);
   /// Goes on with the map of an old file.

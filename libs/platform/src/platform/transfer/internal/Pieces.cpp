@@ -39,11 +39,11 @@ public:
     const auto decision = decide(_asked, head, std::chrono::seconds(0), std::time(nullptr));
     if (decision.verdict == Verdict::Append && provesParts(_asked, head.headers)) {
       _responseEnd = piece.at + decision.bodyLength;
-      _pieces._proven = _accepted = true;
+      _pieces._proven = _accepted = piece.begun = true;
     } else {
       _refused = turnsAway(head.status);
     }
-    return _accepted;
+    return _accepted && piece.left() > 0; // somebody may have come to it first
   }
 
   bool exchangeBody(const char* bytes, std::size_t count) override {

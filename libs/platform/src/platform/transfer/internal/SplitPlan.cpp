@@ -46,7 +46,7 @@ bool SplitPlan::assign(Piece& piece, const HeldRanges& held, std::int64_t length
   release(piece);
   if (auto free = freeSpan(0, held, length); !free.empty()) {
     free = shareOf(free, held, length, connections);
-    piece = {free.first, free.end};
+    piece = {free.first, free.end, false};
     enter(piece);
     return true;
   }
@@ -56,7 +56,7 @@ bool SplitPlan::assign(Piece& piece, const HeldRanges& held, std::int64_t length
   if (victim == _running.end() || (*victim)->end > length || (*victim)->left() < 2 * _smallest)
     return false;
   const auto middle = (*victim)->at + (*victim)->left() / 2;
-  piece = {middle, (*victim)->end};
+  piece = {middle, (*victim)->end, false};
   (*victim)->end = middle;
   enter(piece);
   return true;
@@ -65,9 +65,17 @@ bool SplitPlan::assign(Piece& piece, const HeldRanges& held, std::int64_t length
 bool SplitPlan::extend(Piece& piece, const HeldRanges& held, std::int64_t length, std::int64_t responseEnd,
                        int connections) {
   auto free = freeSpan(piece.end, held, std::min(length, responseEnd));
-  if (free.empty() || free.first != piece.end)
+  if (!free.empty() && free.first == piece.end) {
+    piece.end = shareOf(free, held, length, connections).end;
+    return true;
+  }
+  const auto next = std::find_if(_running.begin(), _running.end(), [&](const Piece* other) {
+    return other != &piece && other->at == piece.end && other->left() > 0 && !other->begun;
+  });
+  if (next == _running.end() || piece.end >= responseEnd)
     return false;
-  piece.end = shareOf(free, held, length, connections).end;
+  piece.end = std::min((*next)->end, responseEnd);
+  (*next)->end = (*next)->at;
   return true;
 }
 

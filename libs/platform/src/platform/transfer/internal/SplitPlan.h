@@ -14,6 +14,7 @@ struct Piece {
   static constexpr std::int64_t Open = std::numeric_limits<std::int64_t>::max();
   std::int64_t at = 0;
   std::int64_t end = 0;
+  bool begun = false; ///< its server has agreed to send it
   std::int64_t left() const { return end - at; }
 };
 
@@ -32,7 +33,7 @@ public:
   bool assign(Piece& piece, const HeldRanges& held, std::int64_t length, int connections);
 
   /// Moves the end of `piece`, whose response goes on to `responseEnd`, over what follows it and nobody
-  /// fetches. False when that is nothing.
+  /// fetches, or over a piece that has not begun and then is left with nothing. False when neither is there.
   bool extend(Piece& piece, const HeldRanges& held, std::int64_t length, std::int64_t responseEnd,
               int connections);
 

@@ -232,7 +232,7 @@ Exchange::Request Transfer::makeRequest() {
   if (held() > 0 && (!_resumable || !ifRange() || _hopMethod != "GET"))
     _file->setHeld({});
   if (_askWhole || (held() == 0 && !_pieces.isRunning())) {
-    _own = {0, Piece::Open};
+    _own = {0, Piece::Open, false};
     return request;
   }
   askForPart(request, _asked, _own.at, _own.end < _length ? _own.end : -1);

@@ -95,13 +95,13 @@ private:
   void showResponse(std::int64_t held);
   bool holdsVersionOf(const Decision& decision, const ResponseHead& head) const;
   bool giveUpHeld(const std::string& reason);
+  void wrote(std::int64_t count);
   bool storeOwn(const char* bytes, std::size_t count);
   bool follow(const ResponseHead& head);
   bool openPartial();
   bool openPage();
   int writePage(const char* bytes, std::size_t count);
   bool breakOff(ErrorRef error);
-  std::int64_t received() const;
 
   // End
   void stopExchange();
@@ -184,6 +184,9 @@ private:
   std::chrono::steady_clock::time_point _nextSync{};
   std::int64_t _syncedLength = 0;
   bool _syncing = false;
+  std::int64_t _unreported = 0; ///< bytes since the clock was looked at
+  std::int64_t _dirty = 0;      ///< bytes since the system was asked to write out
+  bool _writingBack = false;
 };
 
 } // namespace platform::transfer

@@ -26,7 +26,7 @@ bool Transfer::choosePiece() {
   known.total = _description.total;
   _length = expectedLength(known);
   if (_length < 0) {
-    _own = {_file->held().end(), Piece::Open};
+    _own = {_file->held().end(), Piece::Open, false};
     return true;
   }
   // A whole file is asked for its last byte again: the answer then is an ordinary part, with a head to show.
@@ -111,7 +111,7 @@ bool Transfer::storePiece(std::int64_t at, const char* bytes, std::size_t count)
     });
     return false;
   }
-  _task.setHeld(held());
+  wrote(static_cast<std::int64_t>(count));
   return true;
 }
 

@@ -22,6 +22,10 @@ constexpr std::size_t MostRedirects = 20;
 constexpr std::int64_t MostDrained = 64 * 1024;
 // Delegates hear of progress this often at most; the first bytes of a response are told at once.
 constexpr std::chrono::milliseconds ReportInterval{50};
+// After so many bytes the clock is looked at for that.
+constexpr std::int64_t ReportStep = 1LL << 20;
+// What the disk has to do is begun in portions of this size, not left to the end.
+constexpr std::int64_t WritebackStep = 8LL << 20;
 // What a short transfer holds is not worth a description; one that lives longer gets one.
 constexpr std::chrono::milliseconds FirstSync{250};
 
@@ -118,6 +122,7 @@ bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
     _length = decision.expectedTotal;
     _responseEnd = _asked.held + decision.bodyLength;
     _own.end = std::min(_own.end, _responseEnd);
+    _own.begun = true;
     auto validators = validatorsOf(head.headers);
     if (_description.validators.etag.empty())
       _description.validators.etag = validators.etag;
@@ -137,7 +142,7 @@ bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
     _responseEnd = _length >= 0 ? _length : Piece::Open;
     _sink = Sink::Partial;
     _pieces.disown();
-    _own = {0, _responseEnd};
+    _own = {0, _responseEnd, true};
     if (holdsVersionOf(decision, head)) {
       // The same bytes once more, because the server no longer sends parts of them.
       _askWhole = true;
@@ -257,10 +262,25 @@ bool Transfer::exchangeBody(const char* bytes, std::size_t count) {
   }
   if (_next == Next::Challenge)
     return true; // the delegate may never see this page
-  _task.setHeld(received());
+  if (_sink == Sink::Page)
+    _task.setHeld(_pageLength);
   if (_got == size || _lastReport == Clock::time_point{})
     reportProgress(Clock::now());
   return true;
+}
+
+void Transfer::wrote(std::int64_t count) {
+  _task.setHeld(held());
+  // A connection that is faster than this thread keeps it from its ticks.
+  if ((_unreported += count) >= ReportStep) {
+    _unreported = 0;
+    reportProgress(Clock::now());
+  }
+  if ((_dirty += count) < WritebackStep || _writingBack)
+    return;
+  _dirty = 0;
+  _writingBack = true;
+  onDisk([file = _file] { file->startWriteback(); }, [](Transfer& self) { self._writingBack = false; });
 }
 
 bool Transfer::storeOwn(const char* bytes, std::size_t count) {
@@ -274,6 +294,7 @@ bool Transfer::storeOwn(const char* bytes, std::size_t count) {
     if (int failure = _file->write(_own.at, bytes, static_cast<std::size_t>(taken)))
       return breakOff(writeError(failure, _file->path(), _length >= 0 ? _length - held() : -1));
     _own.at += taken;
+    wrote(taken);
     // Its end may have moved nearer than that of the response; what lies behind is somebody else's.
     if (_own.left() == 0 && _own.at < _responseEnd && !extendOwn()) {
       _next = Next::Piece;
@@ -283,10 +304,6 @@ bool Transfer::storeOwn(const char* bytes, std::size_t count) {
   if (_got == static_cast<std::int64_t>(count))
     considerSplitting();
   return true;
-}
-
-std::int64_t Transfer::received() const {
-  return _sink == Sink::Page ? _pageLength : held();
 }
 
 void Transfer::reportProgress(Clock::time_point now) {
