@@ -128,9 +128,9 @@ bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
       _description.validators.etag = validators.etag;
     if (decision.entityTotal >= 0)
       _description.total = decision.entityTotal;
-    _nextSync = std::min(_nextSync, Clock::now() + FirstSync);
     if (isFurther())
       return true;
+    _nextSync = Clock::now() + FirstSync;
     showResponse(held());
     if (std::exchange(_announceResume, false))
       _task.session()->postResumed(_task.shared_from_this(), held(), decision.expectedTotal);
