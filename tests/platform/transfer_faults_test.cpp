@@ -254,6 +254,27 @@ TEST_F(TransferServiceTest, StallsEndWithResumeData) {
   EXPECT_EQ(record.resumedAt.at(0).first, 70'000);
 }
 
+TEST_F(TransferServiceTest, AServersRequestLimitIsNoFailure) {
+  if (!NginxServer::isInstalled())
+    GTEST_SKIP();
+  const auto content = bytes(50'000);
+  directory.write("www/a", content);
+  NginxOptions options;
+  options.tls = true;
+  options.keepaliveRequests = 3; // then GOAWAY, and refused streams for what is on its way
+  NginxServer secure(directory / "www", options);
+  auto trusting = optionsFor(directory / "service");
+  trusting.certificateAuthorityFile = secure.certificateFile();
+  service = makeHTTPTransferService(trusting);
+  configuration.retryLimit = 0;
+  open();
+  for (int i = 0; i < 40; ++i)
+    session->downloadTaskWithRequest(URLRequest(*URL::URLWithString(secure.url("/a"))))->resume();
+  ASSERT_TRUE(delegate->waitForCompletions(40));
+  for (const auto& [identifier, record] : delegate->tasks())
+    expectWhole(record, content);
+}
+
 TEST_F(TransferServiceTest, NamesConnectionFailures) {
   open();
   auto fails = [&](const char* url, std::int64_t code, const char* text) {

@@ -1,5 +1,7 @@
 #include "tests/platform/TransferServiceFixture.h"
 
+#include <malloc.h>
+
 using namespace transfer_tests;
 
 namespace {
@@ -230,6 +232,40 @@ TEST_F(TransferServiceTest, KeepsToTheCapAndReusesConnections) {
     expectWhole(record, bytes(1000));
   EXPECT_EQ(server.peakRequests(), 3u);
   EXPECT_LE(server.connections(), 3u);
+}
+
+TEST_F(TransferServiceTest, TasksThatWaitCostLittle) {
+  open();
+  std::vector<DownloadTaskRef> tasks;
+  tasks.reserve(10'000);
+  const auto before = ::mallinfo2();
+  for (int i = 0; i < 10'000; ++i)
+    tasks.push_back(session->downloadTaskWithRequest(request("/" + std::to_string(i))));
+  const auto after = ::mallinfo2(); // tells nothing under a sanitizer
+  EXPECT_LT((after.uordblks - before.uordblks) / tasks.size(), 2'000u);
+  session->invalidateAndCancel();
+  ASSERT_TRUE(delegate->waitForCompletions(tasks.size()));
+  tasks.clear();
+
+  auto gate = makeGate();
+  Fault stall;
+  stall.stallAfter = 10'000;
+  stall.gate = gate;
+  server.serve("/held", {bytes(20'000), "\"1\"", OldDate}, stall);
+  configuration.HTTPMaximumConnectionsPerHost = 100;
+  open();
+  for (int i = 0; i < 100; ++i)
+    tasks.push_back(start("/held"));
+  for (const auto& task : tasks)
+    ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), 10'000));
+  for (const auto& task : tasks)
+    task->suspend();
+  while (server.openConnections() > 0)
+    std::this_thread::yield();
+  gate->open();
+  for (const auto& task : tasks)
+    task->resume();
+  ASSERT_TRUE(delegate->waitForCompletions(100));
 }
 
 // ---- Sessions

@@ -1,5 +1,6 @@
 // What outlives the process: the journal, the partial files, the locks.
 
+#include "tests/platform/ChildProcess.h"
 #include "tests/support/Expectation.h"
 #include "tests/support/FaultServer.h"
 #include "tests/support/RecordingSessionDelegate.h"
@@ -24,7 +25,6 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utility>
 
 using namespace platform;
 using namespace platform::transfer;
@@ -46,7 +46,7 @@ protected:
   std::string leave(PartialDescription description) {
     int failure = 0;
     auto file = store.create(PartialStore::keyOf("GET", "http://host/a", ""), &failure);
-    EXPECT_EQ(file->append("0123456789", 10), 0);
+    EXPECT_EQ(file->write(0, "0123456789", 10), 0);
     description.url = "http://host/a";
     description.validators.etag = description.validators.etag.empty() ? "\"1\"" : description.validators.etag;
     EXPECT_EQ(file->settle(description), 0);
@@ -74,7 +74,7 @@ TEST_F(StoreTest, AdoptsOnlyWhatNobodyHas) {
   lock.reset();
   auto claim = adopt();
   ASSERT_TRUE(claim);
-  EXPECT_EQ(claim->file->length(), 10);
+  EXPECT_EQ(claim->file->held().total(), 10);
   EXPECT_FALSE(adopt()); // it is open
   int another = 0;
   EXPECT_NE(store.create(PartialStore::keyOf("GET", "http://host/a", ""), &another)->name(), name);
@@ -90,8 +90,8 @@ TEST_F(StoreTest, TrustsThePageCacheOnlyWithinOneBoot) {
   std::ofstream(path) << text;
   auto claim = adopt();
   ASSERT_TRUE(claim);
-  EXPECT_EQ(claim->file->length(), 4);
-  EXPECT_EQ(claim->file->append("xy", 2), 0);
+  EXPECT_EQ(claim->file->held().total(), 4);
+  EXPECT_EQ(claim->file->write(4, "xy", 2), 0);
   EXPECT_EQ(claim->file->flush(), 0);
   EXPECT_EQ(readFile(claim->file->path()), "0123xy");
 }
@@ -100,7 +100,7 @@ TEST_F(StoreTest, LeavesNewerFormatsAloneAndDropsWhatTellsNothing) {
   auto name = leave({});
   auto path = directory / "partials/" + name;
   auto text = readFile(path + ".json");
-  std::ofstream(path + ".json") << "{\"version\":2}";
+  std::ofstream(path + ".json") << "{\"version\":3}";
   EXPECT_FALSE(adopt());
   store.sweep(std::chrono::hours(0));
   EXPECT_TRUE(std::filesystem::exists(path + ".part"));
@@ -118,13 +118,13 @@ TEST_F(StoreTest, LeavesNewerFormatsAloneAndDropsWhatTellsNothing) {
 TEST_F(StoreTest, ADescriptionNeverSpeaksOfBytesThatAreGone) {
   int failure = 0;
   auto file = store.create("key", &failure);
-  file->append("old", 3);
+  file->write(0, "old", 3);
   PartialDescription description;
   description.validators.etag = "\"old\"";
   auto generation = file->generation();
   EXPECT_EQ(file->syncAndDescribe(description, generation), 0);
   EXPECT_EQ(file->clear(), 0);
-  file->append("new", 3);
+  file->write(0, "new", 3);
   EXPECT_EQ(file->syncAndDescribe(description, generation), 0); // was under way when it was cleared
   EXPECT_FALSE(store.peek(file->name()));
 }
@@ -197,47 +197,6 @@ TEST_F(StoreTest, RefusesANewerJournalAndSetsAGarbledOneAside) {
 
 // ---- Processes that die
 
-/// A child process, made while this one has a single thread, that waits for a URL to work on.
-class Child {
-public:
-  template <class Body> explicit Child(Body&& body) {
-    int ends[2];
-    if (::pipe(ends) != 0)
-      throw std::runtime_error("pipe");
-    _process = ::fork();
-    if (_process == 0) {
-      char url[256] = {};
-      ::close(ends[1]);
-      if (::read(ends[0], url, sizeof url - 1) > 0)
-        body(URLRequest(*URL::URLWithString(url)));
-      ::_exit(3);
-    }
-    ::close(ends[0]);
-    _input = ends[1];
-  }
-  ~Child() {
-    kill();
-    ::close(_input);
-  }
-  void start(const std::string& url) { EXPECT_GT(::write(_input, url.data(), url.size()), 0); }
-  pid_t process() const { return _process; }
-  int wait() {
-    int status = 0;
-    if (_process > 0)
-      ::waitpid(std::exchange(_process, -1), &status, 0);
-    return status;
-  }
-  void kill() {
-    if (_process > 0)
-      ::kill(_process, SIGKILL);
-    wait();
-  }
-
-private:
-  pid_t _process = -1;
-  int _input = -1;
-};
-
 HTTPTransferServiceOptions optionsFor(const std::string& directory) {
   HTTPTransferServiceOptions options;
   options.directory = directory;
@@ -247,7 +206,7 @@ HTTPTransferServiceOptions optionsFor(const std::string& directory) {
 
 TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
   auto configuration = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
-  Child child([&](const URLRequest& request) {
+  ChildProcess child([&](const URLRequest& request) {
     configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
     auto session = URLSession::sessionWithConfiguration(configuration, {}, nullptr);
     auto task = session->downloadTaskWithRequest(request);
@@ -327,7 +286,7 @@ private:
 TEST_F(StoreTest, AFinishedBodyIsToldAgainWhenTheProcessDiedInTheTelling) {
   auto configuration = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
   const std::string mark = directory / "mark";
-  Child child([&](const URLRequest& request) {
+  ChildProcess child([&](const URLRequest& request) {
     configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
     auto delegate = std::make_shared<Stuck>(mark);
     auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr);
@@ -401,7 +360,7 @@ TEST_F(StoreTest, AFailedWriteIsOneClearErrorAndKeepsTheRest) {
   const std::string content(3'000'000, 'x');
   enum Ending { Passed = 0, NotPermitted = 77 };
   for (const FullDisk& disk : disks) {
-    Child child([&](const URLRequest& request) {
+    ChildProcess child([&](const URLRequest& request) {
       if (!disk.prepare(directory.path()))
         ::_exit(NotPermitted);
       auto configuration = URLSessionConfiguration::defaultSessionConfiguration();

@@ -36,6 +36,11 @@ struct URLSessionConfiguration {
   /// 429, 503 with a bearable Retry-After) before the error is reported.
   int retryLimit = 3;
 
+  /// A download that misses at least this many bytes of a body is spread over the connections which the cap
+  /// leaves free, when the server serves byte ranges of one version of it (a strong validator, exact ranges):
+  /// on a long path one connection is bound by its window. One that does not gets one connection. 0: never.
+  std::int64_t minimumLengthForSplitting = 16LL << 20;
+
   /// Largest body that a data task takes into memory, in bytes; more fails with
   /// NSURLErrorDataLengthExceedsMaximum.
   std::int64_t maximumDataLength = 256LL << 20;

@@ -56,11 +56,12 @@ void Exchange::configure(const Request& request) {
   curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Exchange::onBody);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
-  curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+  curl_easy_setopt(curl, CURLOPT_HTTP_VERSION,
+                   static_cast<long>(request.ownConnection ? CURL_HTTP_VERSION_1_1 : CURL_HTTP_VERSION_2TLS));
   // Over TLS the first connection to a host tells whether it can carry all transfers; a handshake for each
   // of them would cost more than waiting for that.
   _isPlain = originOf(request.url).starts_with("http:");
-  curl_easy_setopt(curl, CURLOPT_PIPEWAIT, _isPlain ? 0L : 1L);
+  curl_easy_setopt(curl, CURLOPT_PIPEWAIT, _isPlain || request.ownConnection ? 0L : 1L);
   if (!options.certificateAuthorityFile.empty())
     curl_easy_setopt(curl, CURLOPT_CAINFO, options.certificateAuthorityFile.c_str());
   if (request.method == "HEAD")

@@ -24,6 +24,8 @@ public:
     HTTPHeaders headers;
     std::optional<URLCredential> credential;
     std::string scheme; ///< of the credential: "basic" or "digest"
+    /// Not as one of several streams of a connection, which would share its window.
+    bool ownConnection = false;
   };
 
   /// Told what happens. Answering false breaks the exchange off; `exchangeFinished` still follows.

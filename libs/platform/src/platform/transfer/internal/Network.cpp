@@ -187,6 +187,20 @@ void Network::giveBackPlace(const std::string& origin, int cap) {
     _linesToServe.insert(std::move(key));
 }
 
+bool Network::takeSparePlace(const std::string& origin, int cap) {
+  auto& [lineCap, line] = _lines[lineKey(origin, cap)];
+  lineCap = cap;
+  if (line.used >= cap || !line.waiting.empty() || _waitingBodies >= MostWaitingBodies)
+    return false; // somebody uses the line or waits in it, so it is no empty one
+  ++line.used;
+  return true;
+}
+
+bool Network::placeIsAwaited(const std::string& origin, int cap) const {
+  auto found = _lines.find(lineKey(origin, cap));
+  return found != _lines.end() && !found->second.second.waiting.empty();
+}
+
 void Network::grantPlaces() {
   if (_linesToServe.empty() || _waitingBodies >= MostWaitingBodies)
     return;

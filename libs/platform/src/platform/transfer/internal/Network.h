@@ -47,6 +47,9 @@ public:
   // transfers to one origin have one, and they are granted in the order of asking.
   void askForPlace(const TaskStateRef& task, const std::string& origin, int cap);
   void giveBackPlace(const std::string& origin, int cap);
+  /// A place that nobody waits for; false when there is none.
+  bool takeSparePlace(const std::string& origin, int cap);
+  bool placeIsAwaited(const std::string& origin, int cap) const;
 
   // Exchanges.
   void start(Exchange& exchange);

@@ -19,11 +19,22 @@ namespace platform::transfer {
 
 namespace {
 
-struct flock wholeFile() {
+// A holder locks the whole file. Who sweeps locks another byte than the one that is asked about, so that the
+// dead do not look alive while they are swept away.
+constexpr off_t AskedByte = 0;
+constexpr off_t SweptByte = 1;
+
+struct flock lockOf(off_t start, off_t length) {
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
+  lock.l_start = start;
+  lock.l_len = length;
   return lock;
+}
+
+struct flock wholeFile() {
+  return lockOf(0, 0);
 }
 
 } // namespace
@@ -72,7 +83,7 @@ bool OwnerLocks::isHeld(const std::string& owner) const {
   int descriptor = ::open(pathOf(owner).c_str(), O_RDWR | O_CLOEXEC);
   if (descriptor < 0)
     return errno != ENOENT;
-  auto lock = wholeFile();
+  auto lock = lockOf(AskedByte, 1);
   bool held = ::fcntl(descriptor, F_OFD_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
   ::close(descriptor);
   return held;
@@ -87,9 +98,16 @@ void OwnerLocks::sweep(const std::string& prefix, std::chrono::seconds age) cons
     auto attributes = FileManager::attributesOfItemAtPath(_directory + "/" + name);
     if (!attributes || attributes->modifiedSeconds > oldest)
       continue;
-    int holder = 0, failure = 0;
-    if (auto lock = take(name.substr(0, name.size() - 5), &holder, &failure))
-      ::unlink((_directory + "/" + name).c_str());
+    const auto path = _directory + "/" + name;
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    auto lock = lockOf(SweptByte, 1);
+    struct stat held {
+    }, named{};
+    if (descriptor >= 0 && ::fcntl(descriptor, F_OFD_SETLK, &lock) == 0 && ::fstat(descriptor, &held) == 0 &&
+        ::stat(path.c_str(), &named) == 0 && held.st_ino == named.st_ino)
+      ::unlink(path.c_str());
+    if (descriptor >= 0)
+      ::close(descriptor);
   }
 }
 

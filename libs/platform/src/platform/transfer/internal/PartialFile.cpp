@@ -1,5 +1,6 @@
 #include "platform/transfer/internal/PartialFile.h"
 
+#include "platform/foundation/FileManager.h"
 #include "platform/foundation/JSON.h"
 #include "platform/transfer/internal/WriteBuffers.h"
 
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -19,6 +21,11 @@ namespace platform::transfer {
 namespace {
 
 constexpr int DescriptionVersion = 1;
+/// Of a description beside which the file's length tells nothing.
+constexpr int MappedVersion = 2;
+constexpr int MapVersion = 1;
+/// What a kill costs at most, beside what is on its way.
+constexpr std::int64_t RecordInterval = 512LL << 10;
 
 /// Answers 0 or errno; `offset` moves to the end of what was written.
 int writeAll(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset) {
@@ -54,7 +61,45 @@ int replaceFile(const std::string& path, const std::string& text) {
   return failure;
 }
 
+/// Intervals that are in order and belong together.
+HeldRanges rangesFrom(const JSON& json) {
+  HeldRanges held;
+  for (const auto& span : json) {
+    Span read{span.at(0).get<std::int64_t>(), span.at(1).get<std::int64_t>()};
+    if (read.first < 0 || read.end < read.first)
+      return {};
+    held.add(read);
+  }
+  return held;
+}
+
+/// Nothing when the map is of another run of the system, or when it cannot be understood.
+HeldRanges readMap(const std::string& path) {
+  auto bytes = FileManager::contentsAtPath(path);
+  if (!bytes)
+    return {};
+  auto json = parseJSON({reinterpret_cast<const char*>(bytes->data()), bytes->size()});
+  try {
+    if (json && json->at("version") == MapVersion && json->at("boot") == bootIdentifier())
+      return rangesFrom(json->at("held"));
+  } catch (const JSON::exception&) {
+    // Torn; the description still tells what is on stable storage.
+  }
+  return {};
+}
+
 } // namespace
+
+HeldRanges trustedRanges(const PartialDescription& description, std::int64_t fileSize,
+                         const std::string& mapPath) {
+  auto held = description.synced;
+  // A file longer than what it is part of was written to by somebody else.
+  const bool plausible = description.total < 0 || fileSize <= description.total - description.base;
+  if (plausible && description.boot == bootIdentifier())
+    held.add(description.mapped ? readMap(mapPath) : HeldRanges::prefix(fileSize));
+  held.cut(fileSize);
+  return held;
+}
 
 const std::string& bootIdentifier() {
   static const std::string identifier = [] {
@@ -71,7 +116,10 @@ int removeFile(const std::string& path) {
 }
 
 std::string serializePartialDescription(const PartialDescription& d) {
-  JSON json{{"version", DescriptionVersion},
+  JSON held = JSON::array();
+  for (const auto& span : d.synced.spans())
+    held.push_back({span.first, span.end});
+  JSON json{{"version", d.mapped ? MappedVersion : DescriptionVersion},
             {"method", d.method},
             {"url", d.url},
             {"range", d.range},
@@ -80,8 +128,7 @@ std::string serializePartialDescription(const PartialDescription& d) {
             {"lastModifiedStrong", d.validators.lastModifiedStrong},
             {"base", d.base},
             {"total", d.total},
-            // Intervals [first, end) of the file; a single one from 0 today.
-            {"synced", JSON::array({JSON::array({0, d.synced})})},
+            {"synced", held},
             {"boot", d.boot},
             {"owner", d.owner},
             {"task", d.taskIdentifier}};
@@ -94,7 +141,9 @@ bool parsePartialDescription(std::string_view text, PartialDescription& d, bool&
   if (!json || !json->is_object())
     return false;
   try {
-    if (json->at("version").get<int>() > DescriptionVersion) {
+    const auto version = json->at("version").get<int>();
+    d.mapped = version == MappedVersion;
+    if (version > MappedVersion) {
       newer = true;
       return false;
     }
@@ -106,17 +155,14 @@ bool parsePartialDescription(std::string_view text, PartialDescription& d, bool&
     d.validators.lastModifiedStrong = json->at("lastModifiedStrong").get<bool>();
     d.base = json->at("base").get<std::int64_t>();
     d.total = json->at("total").get<std::int64_t>();
-    const auto& synced = json->at("synced");
-    d.synced = synced.size() == 1 && synced[0].at(0).get<std::int64_t>() == 0
-                   ? synced[0].at(1).get<std::int64_t>()
-                   : 0;
+    d.synced = rangesFrom(json->at("synced"));
     d.boot = json->at("boot").get<std::string>();
     d.owner = json->at("owner").get<std::string>();
     d.taskIdentifier = json->at("task").get<std::uint64_t>();
   } catch (const JSON::exception&) {
     return false;
   }
-  return d.base >= 0 && d.synced >= 0;
+  return d.base >= 0;
 }
 
 PartialFile::PartialFile(std::string directory, std::string name, int descriptor, bool described,
@@ -128,57 +174,100 @@ PartialFile::~PartialFile() {
   close();
 }
 
-void PartialFile::setLength(std::int64_t length) {
-  const bool keepsSomeInMemory = _buffer && length > _written && length <= _length;
-  _length = length;
-  if (keepsSomeInMemory)
-    return;
-  dropBuffer();
-  _written = length;
+HeldRanges PartialFile::written() const {
+  auto written = _held;
+  if (_waiting > 0)
+    written.cut(_bufferAt);
+  return written;
+}
+
+void PartialFile::setHeld(HeldRanges held) {
+  if (!held.spans().empty() && writeWaiting() != 0)
+    held.cut(_bufferAt);
+  _waiting = 0;
+  _held = std::move(held);
   _cut = true;
 }
 
-int PartialFile::append(const char* bytes, std::size_t count) {
-  if (!_buffer && _buffers)
-    _buffer = _buffers->take();
-  if (!_buffer) {
-    const int failure = write(bytes, count);
-    _length = _written.load();
+int PartialFile::cutOff() {
+  if (_cut && ::ftruncate(_descriptor, _waiting > 0 ? _bufferAt : _held.end()) != 0)
+    return errno;
+  _cut = false;
+  return 0;
+}
+
+int PartialFile::writeThrough(std::int64_t offset, const char* bytes, std::size_t count) {
+  if (int failure = cutOff())
     return failure;
+  std::int64_t end = offset;
+  const int failure = writeAll(_descriptor, bytes, count, end);
+  _cut = failure != 0;
+  if (end > offset) // before a disk is full, some of it fits
+    _held.add({offset, end});
+  return failure;
+}
+
+int PartialFile::write(std::int64_t offset, const char* bytes, std::size_t count) {
+  if (!isMapped() && !_buffer && _buffers)
+    _buffer = _buffers->take();
+  if (isMapped() || !_buffer) {
+    int failure = flush();
+    if (failure == 0)
+      failure = writeThrough(offset, bytes, count);
+    if (failure != 0)
+      return failure;
+    _unrecorded += static_cast<std::int64_t>(count);
+    if (isMapped() && _unrecorded >= RecordInterval)
+      recordMap();
+    return 0;
   }
+  if (_waiting > 0 && offset != _bufferAt + _waiting)
+    if (int failure = flush())
+      return failure;
+  if (_waiting == 0)
+    _bufferAt = offset;
   constexpr auto size = static_cast<std::int64_t>(WriteBuffers::Size);
   while (count > 0) {
     // Ends where a multiple of the size does, which suits page cache and disk.
-    const auto some = std::min(count, static_cast<std::size_t>(size - _length % size));
-    std::memcpy(_buffer.get() + (_length - _written), bytes, some);
-    _length += static_cast<std::int64_t>(some);
+    const auto end = _bufferAt + _waiting;
+    const auto some = std::min(count, static_cast<std::size_t>(size - end % size));
+    std::memcpy(_buffer.get() + _waiting, bytes, some);
+    _waiting += static_cast<std::int64_t>(some);
+    _held.add({end, end + static_cast<std::int64_t>(some)});
     bytes += some;
     count -= some;
-    if (_length % size == 0)
+    if ((_bufferAt + _waiting) % size == 0)
       if (int failure = flush())
         return failure;
   }
   return 0;
 }
 
-int PartialFile::flush() {
-  const auto waiting = _length - _written;
-  const int failure = waiting > 0 ? write(_buffer.get(), static_cast<std::size_t>(waiting)) : 0;
-  _length = _written.load();
+int PartialFile::writeWaiting() {
+  if (_waiting == 0)
+    return 0;
+  if (int failure = cutOff())
+    return failure;
+  std::int64_t end = _bufferAt;
+  const int failure = writeAll(_descriptor, _buffer.get(), static_cast<std::size_t>(_waiting), end);
+  _cut = failure != 0;
+  _waiting -= end - _bufferAt;
+  _bufferAt = end;
   return failure;
 }
 
-int PartialFile::write(const char* bytes, std::size_t count) {
-  if (_cut) {
-    if (::ftruncate(_descriptor, _written) != 0)
-      return errno;
-    _cut = false;
-  }
-  std::int64_t end = _written;
-  const int failure = writeAll(_descriptor, bytes, count, end);
-  _written = end; // before a disk is full, some of it fits
-  _cut = failure != 0;
+int PartialFile::flush() {
+  const int failure = writeWaiting();
+  if (failure != 0)
+    dropUnwritten();
   return failure;
+}
+
+void PartialFile::dropUnwritten() {
+  if (_waiting == 0)
+    return;
+  _held.cut(_bufferAt);
+  _waiting = 0;
 }
 
 void PartialFile::dropBuffer() {
@@ -186,23 +275,41 @@ void PartialFile::dropBuffer() {
     _buffers->giveBack(std::move(_buffer));
 }
 
+void PartialFile::recordMap() {
+  auto line = "{\"version\":" + std::to_string(MapVersion) + ",\"boot\":\"" + bootIdentifier() +
+              "\",\"held\":" + _held.text() + "}";
+  line.resize(_mapLength = std::max(_mapLength, line.size()), ' ');
+  std::int64_t offset = 0;
+  if (writeAll(_map, line.data(), line.size(), offset) == 0)
+    _unrecorded = 0;
+}
+
+int PartialFile::forgetLocked() {
+  if (const int map = _map.exchange(-1); map >= 0)
+    ::close(map);
+  if (!_described)
+    return 0;
+  int failure = removeFile(descriptionPath());
+  if (failure == 0)
+    failure = removeFile(mapPath());
+  _described = failure != 0;
+  return failure;
+}
+
 int PartialFile::clear() {
   std::lock_guard guard(_mutex);
   ++_generation;
-  if (_described && removeFile(descriptionPath()) != 0)
-    return errno;
-  _described = false;
+  if (int failure = forgetLocked())
+    return failure;
   dropBuffer();
-  _length = _written = 0;
+  _waiting = 0;
+  _held = {};
   _cut = false;
   return ::ftruncate(_descriptor, 0) == 0 ? 0 : errno;
 }
 
-int PartialFile::syncAndDescribe(PartialDescription description, unsigned generation) {
-  std::lock_guard guard(_mutex);
-  if (_descriptor < 0 || generation != _generation)
-    return 0;
-  description.synced = _written;
+int PartialFile::describeLocked(PartialDescription& description) {
+  description.mapped = _map >= 0;
   description.boot = bootIdentifier();
   if (::fdatasync(_descriptor) != 0)
     return errno;
@@ -210,67 +317,105 @@ int PartialFile::syncAndDescribe(PartialDescription description, unsigned genera
   return replaceFile(descriptionPath(), serializePartialDescription(description));
 }
 
-int PartialFile::settle(const PartialDescription& description) {
-  constexpr std::int64_t Tail = 64 * 1024;
-  flush(); // what cannot be written is not held
-  dropBuffer();
-  const auto cutOff = [this] { return !_cut || ::ftruncate(_descriptor, _length) == 0 ? 0 : errno; };
-  int failure = cutOff();
-  if (failure == 0)
-    failure = syncAndDescribe(description, generation());
-  if (failure == ENOSPC && _length > 2 * Tail) {
-    setLength(_length - Tail);
-    failure = cutOff();
-    if (failure == 0)
-      failure = syncAndDescribe(description, generation());
-  }
-  close();
-  return failure;
+int PartialFile::syncAndDescribe(PartialDescription description, unsigned generation) {
+  std::lock_guard guard(_mutex);
+  if (_descriptor < 0 || generation != _generation)
+    return 0;
+  return describeLocked(description);
+}
+
+void PartialFile::startWriteback() {
+  std::lock_guard guard(_mutex);
+  if (_descriptor >= 0)
+    ::sync_file_range(_descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
 }
 
 void PartialFile::startSync() {
   std::lock_guard guard(_mutex);
-  _startFailure = flush();
+  _startFailure = writeWaiting();
   ::sync_file_range(_descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
+int PartialFile::startMap(const PartialDescription& description, unsigned generation) {
+  std::lock_guard guard(_mutex);
+  if (_descriptor < 0 || generation != _generation)
+    return ECANCELED;
+  const int map = ::open(mapPath().c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (map < 0)
+    return errno;
+  // The network thread writes it from now on, and nobody reads it before the description says that it counts.
+  _described = true;
+  _map = map;
+  auto mapped = description;
+  return describeLocked(mapped);
+}
+
+int PartialFile::reopenMap() {
+  std::lock_guard guard(_mutex);
+  const int map = ::open(mapPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  struct stat attributes {};
+  if (map < 0 || ::fstat(map, &attributes) != 0)
+    return errno;
+  _mapLength = static_cast<std::size_t>(attributes.st_size);
+  _map = map;
+  return 0;
+}
+
+int PartialFile::settle(PartialDescription description) {
+  constexpr std::int64_t Tail = 64 * 1024;
+  std::lock_guard guard(_mutex);
+  flush(); // what cannot be written is not held
+  const auto settleHeld = [&] {
+    description.synced = _held;
+    int failure = cutOff();
+    return failure != 0 ? failure : describeLocked(description);
+  };
+  int failure = settleHeld();
+  if (failure == ENOSPC && _held.end() > 2 * Tail) {
+    _held.cut(_held.end() - Tail);
+    _cut = true;
+    failure = settleHeld();
+  }
+  closeLocked();
+  return failure;
 }
 
 int PartialFile::finish(const std::string& path) {
   std::lock_guard guard(_mutex);
-  const int failure = _startFailure != 0 ? std::exchange(_startFailure, 0) : flush();
+  int failure = _startFailure != 0 ? std::exchange(_startFailure, 0) : writeWaiting();
   dropBuffer();
+  if (failure == 0)
+    failure = cutOff();
   if (failure != 0)
     return failure;
-  if (_cut && ::ftruncate(_descriptor, _length) != 0)
-    return errno;
-  _cut = false;
   if (::fdatasync(_descriptor) != 0)
     return errno;
   if (::rename(this->path().c_str(), path.c_str()) != 0)
     return errno;
-  if (_described)
-    removeFile(descriptionPath());
-  ::close(_descriptor);
-  _descriptor = -1;
+  forgetLocked();
+  closeLocked();
   return 0;
+}
+
+void PartialFile::closeLocked() {
+  dropBuffer();
+  if (const int map = _map.exchange(-1); map >= 0)
+    ::close(map);
+  if (_descriptor >= 0)
+    ::close(_descriptor);
+  _descriptor = -1;
 }
 
 void PartialFile::close() {
   std::lock_guard guard(_mutex);
-  dropBuffer();
-  if (_descriptor >= 0)
-    ::close(_descriptor);
-  _descriptor = -1;
+  closeLocked();
 }
 
 void PartialFile::remove() {
   std::lock_guard guard(_mutex);
-  dropBuffer();
-  if (_described)
-    removeFile(descriptionPath());
+  forgetLocked();
   removeFile(path());
-  if (_descriptor >= 0)
-    ::close(_descriptor);
-  _descriptor = -1;
+  closeLocked();
 }
 
 } // namespace platform::transfer

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "platform/transfer/internal/HTTPRules.h"
+#include "platform/transfer/internal/HeldRanges.h"
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace platform::transfer {
@@ -21,7 +23,8 @@ struct PartialDescription {
   Validators validators;
   std::int64_t base = 0;            ///< offset in the resource of the first byte
   std::int64_t total = -1;          ///< length of the whole resource, -1 when unknown
-  std::int64_t synced = 0;          ///< bytes from the start that were on stable storage
+  HeldRanges synced;                ///< bytes of the file that were on stable storage
+  bool mapped = false;              ///< a map, not the file's length, tells what else is held
   std::string boot;                 ///< the run of the system in which it was written
   std::string owner;                ///< lock name of the session that goes on with it; empty: anybody may
   std::uint64_t taskIdentifier = 0; ///< of that session
@@ -31,11 +34,19 @@ struct PartialDescription {
 std::string serializePartialDescription(const PartialDescription& description);
 bool parsePartialDescription(std::string_view text, PartialDescription& description, bool& newer);
 
+/// The bytes that count of a file of `fileSize` bytes: what is on stable storage, and within one run of the
+/// system also what its process had written before it was killed.
+HeldRanges trustedRanges(const PartialDescription& description, std::int64_t fileSize,
+                         const std::string& mapPath);
+
 /// An open body file, locked against other processes and sessions. Writing is for one thread (the network
-/// thread); `syncAndDescribe` is for the disk threads meanwhile, and so are `startSync`, `finish` and
-/// `settle` once nothing is written any more.
+/// thread); `syncAndDescribe`, `startWriteback` and the map's beginning are for the disk threads meanwhile,
+/// and so are `startSync`, `finish` and `settle` once nothing is written any more.
 ///
-/// What is appended may wait in memory: `length` counts it, what is on the disk grows by large writes.
+/// A body that comes over one connection grows at its end, and the file's length tells what is held. It may
+/// wait in memory, and gets to the disk by large writes: `held` counts it, `written` does not. Before
+/// anything is written beyond a hole the file gets a map, `<name>.map`: a line that is rewritten every so
+/// many bytes. Nothing is synced for it; like the length, it is trusted only within one run of the system.
 class PartialFile {
 public:
   /// `described`: it is an old one, which may have a description and any length; else it is new and empty.
@@ -47,60 +58,84 @@ public:
 
   const std::string& name() const { return _name; }
   std::string path() const { return _directory + "/" + _name + ".part"; }
-  std::int64_t length() const { return _length; }
+  const HeldRanges& held() const { return _held; }
+  HeldRanges written() const;
   bool isOpen() const { return _descriptor >= 0; }
+  bool isMapped() const { return _map >= 0; }
 
-  /// Takes `length` bytes as held; more that stand in the file are cut off at the first write.
-  void setLength(std::int64_t length);
+  /// Takes these bytes as held; what stands in the file behind them is cut off at the first write.
+  void setHeld(HeldRanges held);
 
-  /// Appends; answers 0 or errno. `length` then tells how much of all that was appended still counts.
-  int append(const char* bytes, std::size_t count);
-  /// Writes what waits in memory; answers as `append` does.
+  /// Writes at `offset`, where a file without a map ends. Answers 0 or errno; `held` then tells what of all
+  /// that was written still counts.
+  int write(std::int64_t offset, const char* bytes, std::size_t count);
+  /// Writes what waits in memory; answers as `write` does.
   int flush();
 
-  /// Forgets content and description, so that no old description ever stands beside new bytes.
+  /// Forgets content, description and map, so that no old description ever stands beside new bytes.
   int clear();
 
   /// Counts the calls of `clear`.
   unsigned generation() const { return _generation; }
 
-  /// Syncs what has been written (see `flush`), then replaces the description. Answers 0 or errno. Does
-  /// nothing when `clear` was called since `generation` was read: the description speaks of bytes that are
-  /// gone.
+  /// Syncs what has been written, then replaces the description, whose `synced` must have been written before
+  /// the call. Answers 0 or errno. Does nothing when `clear` was called since `generation` was read: the
+  /// description speaks of bytes that are gone.
   int syncAndDescribe(PartialDescription description, unsigned generation);
 
-  /// The same for good: closed afterwards. On a full disk the tail of the body makes room for the description
-  /// without which the rest would be worthless.
-  int settle(const PartialDescription& description);
-
-  /// Hands what has been written to the disk without waiting for it; makes a later sync short.
+  /// Has the system begin to write out what it still holds in memory, so that a later sync finds little to
+  /// do.
+  void startWriteback();
+  /// The same for a body that is complete, with what waits in memory here.
   void startSync();
 
-  /// Syncs and renames to `path`, dropping the description. Closed afterwards. Answers 0 or errno, then
+  /// Gives the file a map, with a description that says so.
+  int startMap(const PartialDescription& description, unsigned generation);
+  /// Goes on with the map of an old file.
+  int reopenMap();
+
+  /// `syncAndDescribe` of all that is held, for good: closed afterwards. On a full disk the tail of the body
+  /// makes room for the description without which the rest would be worthless.
+  int settle(PartialDescription description);
+
+  /// Syncs and renames to `path`, dropping description and map. Closed afterwards. Answers 0 or errno, then
   /// nothing was renamed.
   int finish(const std::string& path);
+  /// After a `finish` that failed: what could not be written is not held.
+  void dropUnwritten();
 
   void close();
-  /// Removes both files.
+  /// Removes all its files.
   void remove();
 
 private:
-  int write(const char* bytes, std::size_t count);
-  void dropBuffer();
   std::string descriptionPath() const { return _directory + "/" + _name + ".json"; }
+  std::string mapPath() const { return _directory + "/" + _name + ".map"; }
+  int describeLocked(PartialDescription& description);
+  int forgetLocked();
+  void closeLocked();
+  int cutOff();
+  int writeThrough(std::int64_t offset, const char* bytes, std::size_t count);
+  int writeWaiting();
+  void dropBuffer();
+  void recordMap();
 
   const std::string _directory;
   const std::string _name;
   std::mutex _mutex; ///< between describing on a disk thread and clearing on the network thread
   int _descriptor;
+  std::atomic<int> _map{-1};
   const std::shared_ptr<WriteBuffers> _buffers;
-  std::unique_ptr<char[]> _buffer; ///< the bytes from `_written` to `_length`
-  std::atomic<std::int64_t> _length{0};
-  std::atomic<std::int64_t> _written{0};
+  std::unique_ptr<char[]> _buffer;
+  std::int64_t _bufferAt = 0; ///< where in the file what waits in memory belongs
+  std::int64_t _waiting = 0;  ///< bytes of it
   int _startFailure = 0;
+  HeldRanges _held;
   std::atomic<unsigned> _generation{0};
-  bool _cut;       ///< the file may be longer than `_written`
-  bool _described; ///< a description may stand on disk
+  std::int64_t _unrecorded = 0; ///< bytes written since the map was
+  std::size_t _mapLength = 0;   ///< of its line, which never gets shorter
+  bool _cut;                    ///< the file may be longer than what was written
+  bool _described;              ///< a description or a map may stand on disk
 };
 
 /// The system's boot identifier: page-cache content of a killed process is trusted only within one boot.

@@ -53,13 +53,6 @@ Described readDescription(const std::string& path, PartialDescription& descripti
   return newer ? Described::Newer : Described::No;
 }
 
-std::int64_t trustedLength(const PartialDescription& description, std::int64_t fileSize) {
-  // A file longer than what it is part of was written to by somebody else.
-  const bool plausible = description.total < 0 || fileSize <= description.total - description.base;
-  return plausible && description.boot == bootIdentifier() ? fileSize
-                                                           : std::min(fileSize, description.synced);
-}
-
 constexpr char MarkSeparator = '~';
 constexpr std::size_t LongestName = 255;
 
@@ -134,8 +127,9 @@ std::shared_ptr<PartialFile> PartialStore::create(const std::string& key, int* f
     }
     if (slot > 0)
       _highSlots = true;
-    // A description may have outlived its file.
-    if (removeFile(descriptionPath(name)) == 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+    // A description or a map may have outlived its file.
+    if (removeFile(descriptionPath(name)) == 0 && removeFile(mapPath(name)) == 0 &&
+        ::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
       *failure = 0;
       return std::make_shared<PartialFile>(_partials, name, descriptor, false, _buffers);
     }
@@ -168,12 +162,14 @@ std::optional<Claim> PartialStore::claim(const std::string& name, const std::str
   bool own = owner && description.owner == *owner;
   if (!own && _locks.isHeld(description.owner))
     return std::nullopt;
-  auto length = trustedLength(description, attributes.st_size);
-  if (length <= 0 || !description.validators.ifRange()) {
+  auto held = trustedRanges(description, attributes.st_size, mapPath(name));
+  if (held.total() <= 0 || !description.validators.ifRange()) {
     file->remove();
     return std::nullopt;
   }
-  file->setLength(length);
+  if (description.mapped && file->reopenMap() != 0)
+    return std::nullopt;
+  file->setHeld(std::move(held));
   claim.file = std::move(file);
   return claim;
 }
@@ -213,7 +209,7 @@ std::optional<Claim> PartialStore::salvage(const std::string& key, const std::st
     }
     if (name != slotName(key, 0))
       _highSlots = true;
-    if (name.empty() || removeFile(descriptionPath(name)) != 0) {
+    if (name.empty() || removeFile(descriptionPath(name)) != 0 || removeFile(mapPath(name)) != 0) {
       ::close(descriptor);
       continue;
     }
@@ -234,7 +230,7 @@ std::optional<Claim> PartialStore::salvage(const std::string& key, const std::st
       claim.file->remove();
       continue;
     }
-    claim.file->setLength(attributes.st_size);
+    claim.file->setHeld(HeldRanges::prefix(attributes.st_size));
     return claim;
   }
 }
@@ -252,7 +248,7 @@ std::optional<PartialStore::Held> PartialStore::peek(const std::string& name) co
   auto attributes = FileManager::attributesOfItemAtPath(partPath(name));
   if (!attributes || readDescription(descriptionPath(name), held.description) != Described::Yes)
     return std::nullopt;
-  held.bytes = trustedLength(held.description, attributes->size);
+  held.bytes = trustedRanges(held.description, attributes->size, mapPath(name)).total();
   return held;
 }
 
@@ -266,9 +262,11 @@ void PartialStore::release(const std::string& name, const std::string& owner) co
     return;
   struct stat attributes {};
   ::fstat(descriptor, &attributes);
-  file.setLength(trustedLength(description, attributes.st_size));
+  if (description.mapped && file.reopenMap() != 0)
+    return;
+  file.setHeld(trustedRanges(description, attributes.st_size, mapPath(name)));
   description.owner.clear();
-  file.syncAndDescribe(description, file.generation());
+  file.settle(description);
 }
 
 void PartialStore::discard(const std::string& name, const std::string& owner) const {

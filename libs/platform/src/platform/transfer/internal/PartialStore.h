@@ -24,6 +24,7 @@ struct Claim {
 ///
 ///     partials/<key>-<slot>.part   body bytes as they come; locked while a transfer writes
 ///     partials/<key>-<slot>.json   its description (PartialDescription), once it has lived a moment
+///     partials/<key>-<slot>.map    what is held of it when it has holes (PartialFile)
 ///     finished/<owner>-<number>    bodies that are never continued (error pages) until the delegate has seen
 ///                                  them
 ///     finished/<owner>-<number>~<key>~<base>~<total>~<validators>
@@ -82,6 +83,7 @@ private:
                                const std::string& range) const;
   std::string partPath(const std::string& name) const { return _partials + "/" + name + ".part"; }
   std::string descriptionPath(const std::string& name) const { return _partials + "/" + name + ".json"; }
+  std::string mapPath(const std::string& name) const { return _partials + "/" + name + ".map"; }
 
   std::string _partials;
   std::string _finished;

@@ -24,7 +24,7 @@ Decision bodyAsReceived(Verdict verdict, const HTTPHeaders& headers) {
 }
 
 Decision decidePartial(const Asked& asked, const HTTPHeaders& headers) {
-  if (asked.held == 0 && asked.ownRange.empty())
+  if (!asked.continues() && asked.ownRange.empty())
     return restart("the server sent a part although the whole was asked for");
   auto own = parseRange(asked.ownRange);
   if (!asked.ownRange.empty() && !own)
@@ -35,36 +35,38 @@ Decision decidePartial(const Asked& asked, const HTTPHeaders& headers) {
 
   const std::int64_t total = got->total;
   std::int64_t first = asked.base + asked.held, last = -1;
-  if (asked.held == 0)
+  if (!asked.continues())
     first = own->suffix >= 0 ? (total >= 0 ? std::max<std::int64_t>(0, total - own->suffix) : got->first)
                              : own->first;
-  if (own && own->last >= 0)
+  if (asked.end >= 0)
+    last = asked.base + asked.end - 1;
+  else if (own && own->last >= 0)
     last = total >= 0 ? std::min(own->last, total - 1) : got->last > own->last ? -2 : got->last;
   else
     last = total >= 0 ? total - 1 : got->last;
   if (got->first != first || got->last != last)
     return restart("the server sent another part than asked for");
-  if (asked.held > 0 && asked.total >= 0 && total >= 0 && asked.total != total)
+  if (asked.continues() && asked.total >= 0 && total >= 0 && asked.total != total)
     return restart("the resource changed its length");
-  if (asked.held > 0 && tagDiffers(asked.validators, headers))
+  if (asked.continues() && tagDiffers(asked.validators, headers))
     return restart("the resource changed");
 
   Decision decision;
-  decision.verdict = asked.held > 0 ? Verdict::Append : Verdict::FromZero;
+  decision.verdict = asked.continues() ? Verdict::Append : Verdict::FromZero;
   decision.bodyLength = last - first + 1;
   auto length = parseLength(headerValue(headers, "Content-Length"));
   if (length && !headers.contains("Transfer-Encoding") && *length != decision.bodyLength)
     return restart("the server's lengths contradict each other");
-  decision.expectedTotal = asked.held + decision.bodyLength;
+  decision.expectedTotal = asked.end >= 0 ? expectedLength(asked) : asked.held + decision.bodyLength;
   decision.base = first - asked.held;
-  decision.entityTotal = total >= 0 ? total : asked.held > 0 ? asked.total : -1;
+  decision.entityTotal = total >= 0 ? total : asked.continues() ? asked.total : -1;
   decision.resumable = asked.method == "GET";
   return decision;
 }
 
 Decision decideUnsatisfiable(const Asked& asked, const HTTPHeaders& headers) {
   auto got = parseContentRange(headerValue(headers, "Content-Range"));
-  if (!got || got->total < 0)
+  if (!got || got->total < 0 || asked.end >= 0)
     return restart("the server refused to go on");
   auto own = parseRange(asked.ownRange);
   std::int64_t end = own && own->last >= 0 ? std::min(own->last + 1, got->total) : got->total;
@@ -81,7 +83,7 @@ Decision decideUnsatisfiable(const Asked& asked, const HTTPHeaders& headers) {
 }
 
 Decision decideWhole(const Asked& asked, const HTTPHeaders& headers) {
-  if (asked.held > 0 && !asked.byDate && asked.validators.hasStrongETag() &&
+  if (asked.continues() && !asked.byDate && asked.validators.hasStrongETag() &&
       !asked.validators.lastModified.empty() && headerValue(headers, "Accept-Ranges") != "none") {
     auto now = validatorsOf(headers);
     bool unchanged = now.etag.empty() ? now.lastModified == asked.validators.lastModified
@@ -108,6 +110,15 @@ bool tagDiffers(const Validators& held, const HTTPHeaders& headers) {
   if (!held.etag.empty() && !now.etag.empty())
     return held.etag != now.etag;
   return !held.lastModified.empty() && !now.lastModified.empty() && held.lastModified != now.lastModified;
+}
+
+bool provesParts(const Asked& asked, const HTTPHeaders& headers) {
+  auto range = parseContentRange(headerValue(headers, "Content-Range"));
+  if (!range || range->total < 0 || range->total != asked.total)
+    return false;
+  if (asked.validators.hasStrongETag())
+    return headerValue(headers, "ETag") == asked.validators.etag;
+  return !tagDiffers(asked.validators, headers);
 }
 
 Decision decide(const Asked& asked, const ResponseHead& head, std::chrono::seconds retryAfterLimit,
@@ -137,7 +148,7 @@ Decision decide(const Asked& asked, const ResponseHead& head, std::chrono::secon
     }
     break;
   case 416:
-    if (asked.held > 0)
+    if (asked.continues())
       return decideUnsatisfiable(asked, headers);
     break;
   case 429:
@@ -161,7 +172,9 @@ Decision decide(const Asked& asked, const ResponseHead& head, std::chrono::secon
 std::string continuingRange(const Asked& asked) {
   auto own = parseRange(asked.ownRange);
   std::string range = "bytes=" + std::to_string(asked.base + asked.held) + "-";
-  if (own && own->last >= 0)
+  if (asked.end >= 0)
+    range += std::to_string(asked.base + asked.end - 1);
+  else if (own && own->last >= 0)
     range += std::to_string(own->last);
   return range;
 }

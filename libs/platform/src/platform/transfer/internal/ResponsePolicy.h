@@ -14,16 +14,22 @@ struct Asked {
   std::string method = "GET";
   /// The caller's own Range header, as written; empty when there is none.
   std::string ownRange;
-  /// Body bytes already held; above zero, a Range of ours asks for what follows them.
+  /// Body bytes already held before those asked for; above zero, a Range of ours asks for what follows them.
   std::int64_t held = 0;
-  /// Offset in the resource of the first body byte: not 0 with an own range. Meaningful with `held` > 0.
+  /// Where the bytes asked for end in the body: a Range of ours asks for a piece. -1: they are all that
+  /// follow.
+  std::int64_t end = -1;
+  /// Offset in the resource of the first body byte: not 0 with an own range. Meaningful with a Range of ours.
   std::int64_t base = 0;
-  /// Length of the whole resource as told earlier, -1 when unknown. Meaningful with `held` > 0.
+  /// Length of the whole resource as told earlier, -1 when unknown. Meaningful with a Range of ours.
   std::int64_t total = -1;
   /// Of the response that the held bytes came from.
   Validators validators;
   /// If-Range carried the modification date although a strong tag is known.
   bool byDate = false;
+
+  /// A Range of ours goes on with an earlier response.
+  bool continues() const { return held > 0 || end >= 0; }
 };
 
 struct ResponseHead {
@@ -61,11 +67,15 @@ struct Decision {
 Decision decide(const Asked& asked, const ResponseHead& head, std::chrono::seconds retryAfterLimit,
                 std::time_t now);
 
-/// The Range header for going on after `asked.held` bytes.
+/// The Range header for going on after `asked.held` bytes, up to `asked.end` when it is told.
 std::string continuingRange(const Asked& asked);
 
 /// Bytes that the file holds in the end as far as known from `total` and the caller's range; -1 otherwise.
 std::int64_t expectedLength(const Asked& asked);
+
+/// Whether a 206 to a Range of ours proves that the server serves parts of the very version that is held: it
+/// repeats the strong validator and the length that are known.
+bool provesParts(const Asked& asked, const HTTPHeaders& headers);
 
 /// The same for a 206 that came without a body yet: true when `head` says that the tag differs.
 bool tagDiffers(const Validators& held, const HTTPHeaders& headers);

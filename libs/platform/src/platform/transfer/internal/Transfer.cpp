@@ -23,7 +23,8 @@ constexpr std::chrono::milliseconds SyncInterval{1000};
 
 } // namespace
 
-Transfer::Transfer(TaskState& task, Network& network) : _task(task), _network(network) {}
+Transfer::Transfer(TaskState& task, Network& network)
+    : _task(task), _network(network), _pieces(network, task.shared_from_this(), *this, _plan) {}
 
 Transfer::~Transfer() {
   _exchange.reset();
@@ -83,6 +84,17 @@ void Transfer::onDisk(std::function<void()> work, std::function<void(Transfer&)>
   });
 }
 
+void Transfer::later(std::function<void(Transfer&)> work) {
+  _network.post([task = _task.shared_from_this(), work = std::move(work)] {
+    if (task->transfer)
+      work(*task->transfer);
+  });
+}
+
+int Transfer::cap() const {
+  return std::max(1, _task.session()->configuration().HTTPMaximumConnectionsPerHost);
+}
+
 // ---- Start
 
 void Transfer::prepare() {
@@ -91,6 +103,8 @@ void Transfer::prepare() {
     return;
   }
   _visited.clear();
+  _plan.release(_own);
+  _askWhole = _shown = false;
   const auto& request = _task.request();
   if (!_task.isDownload() || _file) {
     attempt();
@@ -138,15 +152,16 @@ void Transfer::prepared(std::optional<Claim> claim, bool named) {
 }
 
 void Transfer::attempt() {
-  _hop.reset();
+  if (!choosePiece())
+    return;
+  _place = {};
   _visited.clear();
-  _leftOrigin = false;
   _hopMethod = _task.request().HTTPMethod();
   ask();
 }
 
 void Transfer::ask() {
-  const auto& url = _hop ? *_hop : _task.request().url();
+  const auto& url = _place.hop ? *_place.hop : _task.request().url();
   if (!url.isHTTP()) {
     fail(errorForCurlCode(CURLE_UNSUPPORTED_PROTOCOL, url, ""));
     return;
@@ -158,8 +173,7 @@ void Transfer::ask() {
   _visited.insert(_hopMethod + " " + url.absoluteString());
   _placeOrigin = originOf(url);
   _phase = Phase::Waiting;
-  _network.askForPlace(_task.shared_from_this(), _placeOrigin,
-                       std::max(1, _task.session()->configuration().HTTPMaximumConnectionsPerHost));
+  _network.askForPlace(_task.shared_from_this(), _placeOrigin, cap());
 }
 
 void Transfer::placeGranted() {
@@ -174,13 +188,17 @@ void Transfer::placeGranted() {
   _network.start(*_exchange);
 }
 
-Exchange::Request Transfer::makeRequest() {
+std::optional<std::string> Transfer::ifRange() const {
+  return _byDate ? _description.validators.lastModified : _description.validators.ifRange();
+}
+
+Exchange::Request Transfer::plainRequest(const Place& place, Asked& asked) const {
   const auto& original = _task.request();
-  Exchange::Request request{_hop ? *_hop : original.url(), _hopMethod, {}, {}, {}};
+  Exchange::Request request{place.hop ? *place.hop : original.url(), _hopMethod, {}, {}, {}};
   request.headers = original.allHTTPHeaderFields();
   for (const auto& [name, value] : _task.session()->configuration().HTTPAdditionalHeaders)
     request.headers.emplace(name, value);
-  if (_leftOrigin) {
+  if (place.leftOrigin) {
     // Another host learns nothing that was meant for the first one.
     HTTPHeaders neutral;
     for (const char* name : {"Accept", "Accept-Encoding", "Accept-Language", "Range", "User-Agent"})
@@ -191,40 +209,43 @@ Exchange::Request Transfer::makeRequest() {
     request.credential = _credential;
     request.scheme = _credentialScheme;
   }
+  asked = {};
+  asked.method = _hopMethod;
+  asked.ownRange = headerValue(request.headers, "Range");
+  return request;
+}
 
-  _asked = {};
-  _asked.method = _hopMethod;
-  _asked.ownRange = headerValue(request.headers, "Range");
-  auto validator = _description.validators.ifRange();
-  if (_byDate)
-    validator = _description.validators.lastModified;
-  if (held() > 0 && (!_resumable || !validator || _hopMethod != "GET"))
-    _file->setLength(0);
-  if (held() == 0)
+void Transfer::askForPart(Exchange::Request& request, Asked& asked, std::int64_t from,
+                          std::int64_t end) const {
+  asked.base = _description.base;
+  asked.total = _description.total;
+  asked.validators = _description.validators;
+  asked.byDate = _byDate;
+  asked.held = from;
+  asked.end = end;
+  request.headers["Range"] = continuingRange(asked);
+  request.headers["If-Range"] = *ifRange();
+}
+
+Exchange::Request Transfer::makeRequest() {
+  auto request = plainRequest(_place, _asked);
+  if (held() > 0 && (!_resumable || !ifRange() || _hopMethod != "GET"))
+    _file->setHeld({});
+  if (_askWhole || (held() == 0 && !_pieces.isRunning())) {
+    _own = {0, Piece::Open, false};
     return request;
-  _asked.base = _description.base;
-  _asked.total = _description.total;
-  _asked.validators = _description.validators;
-  _asked.byDate = _byDate;
-  // A whole file is asked for its last byte again: the answer then is an ordinary part, with a head to show.
-  if (expectedLength(_asked) >= 0 && held() >= expectedLength(_asked))
-    _file->setLength(expectedLength(_asked) - 1);
-  _asked.held = held();
-  if (_asked.held == 0)
-    return request;
-  request.headers["Range"] = continuingRange(_asked);
-  request.headers["If-Range"] = *validator;
+  }
+  askForPart(request, _asked, _own.at, _own.end < _length ? _own.end : -1);
   return request;
 }
 
 // ---- End of an exchange
 
-void Transfer::stopExchange() {
+void Transfer::stopOwn() {
   ++_ticket;
   if (_exchange || _phase == Phase::Waiting) {
     if (_phase == Phase::Active)
-      _network.giveBackPlace(_placeOrigin,
-                             std::max(1, _task.session()->configuration().HTTPMaximumConnectionsPerHost));
+      _network.giveBackPlace(_placeOrigin, cap());
     _exchange.reset();
   }
   dropPage();
@@ -232,13 +253,19 @@ void Transfer::stopExchange() {
   _phase = Phase::Idle;
 }
 
+void Transfer::stopExchange() {
+  stopOwn();
+  _pieces.stop();
+}
+
 void Transfer::exchangeFinished(int code, bool onReusedConnection, const std::string& detail) {
-  const auto url = _hop ? *_hop : _task.request().url();
+  const auto url = _place.hop ? *_place.hop : _task.request().url();
   const bool hadHead = _exchange->hasHead();
-  _network.giveBackPlace(_placeOrigin,
-                         std::max(1, _task.session()->configuration().HTTPMaximumConnectionsPerHost));
+  _network.giveBackPlace(_placeOrigin, cap());
   _exchange.reset();
   _phase = Phase::Idle;
+  if (!_pieces.isStarted())
+    _pieces.stop();
   if (_failure) {
     fail(std::exchange(_failure, nullptr));
     return;
@@ -252,6 +279,15 @@ void Transfer::exchangeFinished(int code, bool onReusedConnection, const std::st
     return;
   case Next::Delay:
     delay(_nextDelay);
+    return;
+  case Next::Piece:
+    goOn();
+    return;
+  case Next::Rest:
+    if (_pieces.isRunning())
+      _phase = Phase::Resting;
+    else
+      attempt();
     return;
   case Next::Challenge:
   case Next::Finish:
@@ -311,7 +347,7 @@ void Transfer::askDelegate() {
   _phase = Phase::Challenged;
   const auto ticket = ++_ticket;
   AuthenticationChallenge challenge;
-  challenge.host = (_hop ? *_hop : _task.request().url()).host().value_or("");
+  challenge.host = (_place.hop ? *_place.hop : _task.request().url()).host().value_or("");
   challenge.realm = _decision.challenge.realm;
   challenge.scheme = _decision.challenge.scheme;
   challenge.previousFailureCount = _refusals;
@@ -347,17 +383,19 @@ void Transfer::askDelegate() {
 // ---- Upkeep
 
 void Transfer::tick(Clock::time_point now) {
-  if (_phase != Phase::Active)
-    return;
-  if (now - _exchange->lastActivity() > _task.session()->configuration().timeoutIntervalForRequest) {
+  if (std::exchange(_lastTick, now) == now)
+    return; // one call for each exchange
+  if (_phase == Phase::Active && now - std::max(_exchange->lastActivity(), _pieces.lastActivity()) >
+                                     _task.session()->configuration().timeoutIntervalForRequest) {
     stopExchange();
-    fail(errorForCurlCode(CURLE_OPERATION_TIMEDOUT, _hop ? *_hop : _task.request().url(), ""));
+    fail(errorForCurlCode(CURLE_OPERATION_TIMEDOUT, _place.hop ? *_place.hop : _task.request().url(), ""));
     return;
   }
-  if (_sink == Sink::Partial || _sink == Sink::Page)
+  _pieces.tick(now);
+  const bool toFile = (_phase == Phase::Active && _sink == Sink::Partial) || _pieces.isRunning();
+  if (toFile || (_phase == Phase::Active && _sink == Sink::Page))
     reportProgress(now);
-  if (_sink != Sink::Partial || !_file || !_resumable || _syncing || now < _nextSync ||
-      held() == _syncedLength)
+  if (!toFile || !_file || !_resumable || _syncing || now < _nextSync || held() == _syncedLength)
     return;
   if (int failure = _file->flush()) {
     stopExchange();

@@ -29,6 +29,10 @@ void Transfer::finishBody() {
     fail(std::exchange(_failure, nullptr));
     return;
   }
+  if (_decision.expectedTotal >= 0 && held() < _decision.expectedTotal && _file->isMapped()) {
+    goOn();
+    return;
+  }
   if (_decision.expectedTotal >= 0 && held() != _decision.expectedTotal) {
     tryAgainOrFail(errorForCurlCode(CURLE_PARTIAL_FILE, _task.request().url(), ""));
     return;
@@ -37,6 +41,7 @@ void Transfer::finishBody() {
 }
 
 void Transfer::storeFile() {
+  _pieces.stop();
   _phase = Phase::Storing;
   _network.bodyWaits();
   auto path =
@@ -62,6 +67,7 @@ void Transfer::stored(int failure, std::int64_t length) {
   _network.bodyIsStored();
   if (failure != 0) {
     _phase = Phase::Idle;
+    _file->dropUnwritten();
     const auto missing = length - held();
     fail(writeError(failure, _file->path(), missing > 0 ? missing : -1));
     return;
@@ -76,6 +82,7 @@ void Transfer::storePage() {
     fail(std::exchange(_failure, nullptr));
     return;
   }
+  _pieces.stop();
   _phase = Phase::Storing;
   _network.bodyWaits();
   auto result = std::make_shared<int>(0);
@@ -109,6 +116,7 @@ void Transfer::storePage() {
 }
 
 void Transfer::fail(ErrorRef error) {
+  _pieces.stop();
   dropPage();
   keepAndEnd(std::move(error), true);
 }
@@ -159,7 +167,7 @@ void Transfer::keepAndEnd(ErrorRef error, bool forAnybody) {
          [error = std::move(error), forAnybody, result](Transfer& self) {
            DataRef data;
            if (forAnybody && *result == 0)
-             data = self.resumeData(self._file->name(), self._file->length());
+             data = self.resumeData(self._file->name(), self._file->held().total());
            self._file.reset();
            self.end({withResumeData(error, data), {}, nullptr, data});
          });
@@ -197,6 +205,8 @@ DataRef Transfer::resumeData(const std::string& name, std::int64_t length) const
 
 PartialDescription Transfer::describe(bool forAnybody) const {
   auto description = _description;
+  if (_file)
+    description.synced = _file->written();
   description.owner = forAnybody ? std::string() : _task.session()->owner();
   description.taskIdentifier = _task.identifier();
   return description;

@@ -5,6 +5,7 @@
 #include "platform/transfer/internal/Transfer.h"
 #include "platform/transfer/internal/TransferErrors.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <unistd.h>
@@ -21,6 +22,10 @@ constexpr std::size_t MostRedirects = 20;
 constexpr std::int64_t MostDrained = 64 * 1024;
 // Delegates hear of progress this often at most.
 constexpr std::chrono::milliseconds ReportInterval{50};
+// After so many bytes the clock is looked at for that.
+constexpr std::int64_t ReportStep = 1LL << 20;
+// What the disk has to do is begun in portions of this size, not left to the end.
+constexpr std::int64_t WritebackStep = 8LL << 20;
 // What a short transfer holds is not worth a description; one that lives longer gets one.
 constexpr std::chrono::milliseconds FirstSync{250};
 
@@ -33,15 +38,16 @@ bool Transfer::exchangeHead(ResponseHead head) {
 }
 
 bool Transfer::accept(Decision decision, ResponseHead head) {
-  const auto& url = _hop ? *_hop : _task.request().url();
+  const auto& url = _place.hop ? *_place.hop : _task.request().url();
   const auto status = decision.verdict == Verdict::HoldsAll ? 206 : head.status;
   _head = std::make_shared<const HTTPURLResponse>(url, status, head.headers);
   _sink = Sink::Nowhere;
   switch (decision.verdict) {
   case Verdict::Append:
   case Verdict::FromZero:
-  case Verdict::StatusBody:
     return acceptBody(decision, head);
+  case Verdict::StatusBody:
+    return acceptStatus(decision, head);
   case Verdict::HoldsAll:
     _task.setResponse(_head, held(), held());
     _decision.bodyLength = -1; // the error text that came with it does not matter
@@ -61,20 +67,38 @@ bool Transfer::accept(Decision decision, ResponseHead head) {
   case Verdict::Redirect:
     return follow(head);
   case Verdict::Challenge:
-    if (_leftOrigin)
-      return acceptBody(decision, head);
+    if (_place.leftOrigin)
+      return acceptStatus(decision, head);
     _next = Next::Challenge;
     _sink = _task.isDownload() ? Sink::Page : Sink::Memory;
     return true;
   case Verdict::Later:
     if (_tries >= _task.session()->configuration().retryLimit)
-      return acceptBody(decision, head);
+      return acceptStatus(decision, head);
     ++_tries;
     _next = Next::Delay;
     _nextDelay = decision.delay;
     return true;
   }
   return true;
+}
+
+/// A status that is not about the body itself. In answer to a further piece it may come of the number of
+/// connections, or of a link that has expired: the body is not given up for it.
+bool Transfer::acceptStatus(const Decision& decision, const ResponseHead& head) {
+  if (isFurther()) {
+    _pieces.limit();
+    if (_pieces.isRunning()) {
+      _next = Next::Rest;
+      return true;
+    }
+    if (_tries < _task.session()->configuration().retryLimit) {
+      _next = Next::Delay;
+      _nextDelay = _network.options().retryDelay * (1LL << std::min(_tries++, 10));
+      return true;
+    }
+  }
+  return acceptBody(decision, head);
 }
 
 bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
@@ -91,22 +115,42 @@ bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
     _task.setResponse(_head, 0, decision.expectedTotal);
     return true;
   }
-  _lastReport = {};
+  _mayServeParts = head.status == 206 || headerValue(head.headers, "Accept-Ranges") != "none";
+  _announcesParts = head.status == 206 || headerValue(head.headers, "Accept-Ranges") == "bytes";
   if (decision.verdict == Verdict::Append) {
     _sink = Sink::Partial;
+    _length = decision.expectedTotal;
+    _responseEnd = _asked.held + decision.bodyLength;
+    _own.end = std::min(_own.end, _responseEnd);
+    _own.begun = true;
     auto validators = validatorsOf(head.headers);
     if (_description.validators.etag.empty())
       _description.validators.etag = validators.etag;
     if (decision.entityTotal >= 0)
       _description.total = decision.entityTotal;
-    _task.setResponse(_head, held(), decision.expectedTotal);
+    if (isFurther())
+      return true;
+    _nextSync = Clock::now() + FirstSync;
+    showResponse(held());
     if (std::exchange(_announceResume, false))
       _task.session()->postResumed(_task.shared_from_this(), held(), decision.expectedTotal);
-    _nextSync = Clock::now() + FirstSync;
     return true;
   }
   if (decision.verdict == Verdict::FromZero && decision.resumable) {
     _announceResume = false;
+    _length = decision.expectedTotal;
+    _responseEnd = _length >= 0 ? _length : Piece::Open;
+    _sink = Sink::Partial;
+    _pieces.disown();
+    _own = {0, _responseEnd, true};
+    if (holdsVersionOf(decision, head)) {
+      // The same bytes once more, because the server no longer sends parts of them.
+      _askWhole = true;
+      if (!isFurther())
+        showResponse(held());
+      return true;
+    }
+    _askWhole = _shown = false;
     if (_file)
       if (int failure = _file->clear())
         return breakOff(writeError(failure, _file->path(), decision.bodyLength));
@@ -122,18 +166,38 @@ bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
     _syncedLength = 0;
     _byDate = _dateTried = false;
     _nextSync = Clock::now() + FirstSync;
-    _sink = Sink::Partial;
   } else {
     _sink = Sink::Page;
     // The resource itself, but in a form that is never continued: what was held of it is outdated.
     if (decision.verdict == Verdict::FromZero)
       dropFile();
   }
-  _task.setResponse(_head, 0, decision.expectedTotal);
+  showResponse(0);
   return true;
 }
 
+void Transfer::showResponse(std::int64_t held) {
+  _shown = _sink == Sink::Partial;
+  _lastReport = {};
+  _task.setResponse(_head, held, _decision.expectedTotal);
+}
+
+/// A file with holes is worth more than the beginning of its whole.
+bool Transfer::holdsVersionOf(const Decision& decision, const ResponseHead& head) const {
+  if (!_file || !_file->isMapped() || decision.entityTotal < 0 ||
+      decision.entityTotal != _description.total || decision.base != _description.base)
+    return false;
+  const auto& validators = _description.validators;
+  return validators.hasStrongETag() ? headerValue(head.headers, "ETag") == validators.etag
+                                    : validators.ifRange() && !tagDiffers(validators, head.headers);
+}
+
 bool Transfer::giveUpHeld(const std::string& reason) {
+  if (_file && _file->isMapped() && !std::exchange(_askWhole, true)) {
+    _pieces.disown();
+    _next = Next::Again;
+    return false;
+  }
   if (std::exchange(_restarted, true))
     return breakOff(urlError(NSURLErrorBadServerResponse, _task.request().url(),
                              "The server's answer does not fit the request: " + reason));
@@ -147,7 +211,7 @@ bool Transfer::giveUpHeld(const std::string& reason) {
 }
 
 bool Transfer::follow(const ResponseHead& head) {
-  const auto from = _hop ? *_hop : _task.request().url();
+  const auto from = _place.hop ? *_place.hop : _task.request().url();
   auto location = headerValue(head.headers, "Location");
   auto target = URL::URLWithString(location, &from);
   if (!target)
@@ -162,8 +226,8 @@ bool Transfer::follow(const ResponseHead& head) {
   if (_visited.size() > MostRedirects || _visited.contains(_hopMethod + " " + target->absoluteString()))
     return breakOff(urlError(NSURLErrorHTTPTooManyRedirects, _task.request().url(),
                              "The server redirects too often, or in a circle"));
-  _leftOrigin = _leftOrigin || originOf(*target) != originOf(from);
-  _hop = target;
+  _place.leftOrigin = _place.leftOrigin || originOf(*target) != originOf(from);
+  _place.hop = target;
   _next = Next::Redirect;
   return true;
 }
@@ -186,27 +250,58 @@ bool Transfer::exchangeBody(const char* bytes, std::size_t count) {
     _task.setHeld(_got);
     return true;
   }
-  int failure = 0;
-  if (_sink == Sink::Page) {
+  if (_sink == Sink::Partial) {
+    if (!storeOwn(bytes, count))
+      return false;
+  } else {
     if (_pageDescriptor < 0 && !openPage())
       return false;
-    failure = writePage(bytes, count);
-  } else {
-    if (!_file && !openPartial())
-      return false;
-    failure = _file->append(bytes, count);
+    if (int failure = writePage(bytes, count))
+      return breakOff(writeError(failure, _pagePath,
+                                 _decision.bodyLength >= 0 ? _decision.bodyLength - _got + size : -1));
   }
-  if (failure != 0)
-    return breakOff(writeError(failure, _sink == Sink::Page ? _pagePath : _file->path(),
-                               _decision.bodyLength >= 0 ? _decision.bodyLength - _got + size : -1));
   if (_next == Next::Challenge)
-    return true;             // the delegate may never see this page
-  _task.setHeld(received()); // told at the next tick; a short body ends before that, and its end tells it
+    return true; // the delegate may never see this page
+  if (_sink == Sink::Page)
+    _task.setHeld(_pageLength);
   return true;
 }
 
-std::int64_t Transfer::received() const {
-  return _sink == Sink::Page ? _pageLength : held();
+void Transfer::wrote(std::int64_t count) {
+  _task.setHeld(held());
+  // A connection that is faster than this thread keeps it from its ticks.
+  if ((_unreported += count) >= ReportStep) {
+    _unreported = 0;
+    reportProgress(Clock::now());
+  }
+  if ((_dirty += count) < WritebackStep || _writingBack)
+    return;
+  _dirty = 0;
+  _writingBack = true;
+  onDisk([file = _file] { file->startWriteback(); }, [](Transfer& self) { self._writingBack = false; });
+}
+
+bool Transfer::storeOwn(const char* bytes, std::size_t count) {
+  if (!_file && !openPartial())
+    return false;
+  auto left = static_cast<std::int64_t>(count);
+  for (std::int64_t taken = 0; left > 0; left -= taken, bytes += taken) {
+    taken = std::min(left, _own.left());
+    if (taken <= 0)
+      return false;
+    if (int failure = _file->write(_own.at, bytes, static_cast<std::size_t>(taken)))
+      return breakOff(writeError(failure, _file->path(), _length >= 0 ? _length - held() : -1));
+    _own.at += taken;
+    wrote(taken);
+    // Its end may have moved nearer than that of the response; what lies behind is somebody else's.
+    if (_own.left() == 0 && _own.at < _responseEnd && !extendOwn()) {
+      _next = Next::Piece;
+      return false;
+    }
+  }
+  if (_got == static_cast<std::int64_t>(count))
+    considerSplitting();
+  return true;
 }
 
 void Transfer::reportProgress(Clock::time_point now) {
