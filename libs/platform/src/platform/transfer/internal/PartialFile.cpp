@@ -353,9 +353,10 @@ int PartialFile::startMap(const PartialDescription& description, unsigned genera
 int PartialFile::reopenMap() {
   std::lock_guard guard(_mutex);
   const int map = ::open(mapPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  struct stat attributes {};
-  if (map < 0 || ::fstat(map, &attributes) != 0)
+  if (map < 0)
     return errno;
+  struct stat attributes {};
+  ::fstat(map, &attributes);
   _mapLength = static_cast<std::size_t>(attributes.st_size);
   _map = map;
   return 0;

@@ -169,8 +169,10 @@ bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
   } else {
     _sink = Sink::Page;
     // The resource itself, but in a form that is never continued: what was held of it is outdated.
-    if (decision.verdict == Verdict::FromZero)
+    if (decision.verdict == Verdict::FromZero) {
+      _pieces.disown();
       dropFile();
+    }
   }
   showResponse(0);
   return true;
