@@ -15,6 +15,7 @@
 #include <vector>
 
 class ZRKConnectionDownload;
+struct ZRKConnectionDownloadListener;
 class ZRKFileDownloadDelegate;
 class ZRKFileDownloadItem;
 class ZRKFileDownloadProgress;
@@ -171,6 +172,49 @@ public:
 
 private:
   struct State;
+  using ItemRef = std::shared_ptr<ZRKFileDownloadItem>;
+  struct Beginning;
+  using ResumeDataBlock = std::function<void(platform::DataRef)>;
   explicit ZRKFileDownloader(std::unique_ptr<State> state);
+
+  // Sessions
+  std::shared_ptr<platform::URLSession> _openSession(const std::string& identifier,
+                                                     platform::ErrorRef* error);
+  void _takeOverTasks(std::vector<platform::DownloadTaskRef> tasks, std::function<void()> completion);
+  ItemRef _takeOver(const platform::DownloadTaskRef& task, DownloadID downloadID);
+  ItemRef _itemForTask(const platform::URLSession& session, const platform::URLSessionTask& task,
+                       const platform::DownloadTaskRef& download, DownloadID& downloadID);
+
+  // The queue
+  void _startDownload(const std::string& token, std::optional<platform::URL> remoteURL,
+                      std::optional<platform::Data> resumeData);
+  void _start(Beginning beginning);
+  platform::DownloadTaskRef _makeTask(Beginning& beginning);
+  std::shared_ptr<ZRKConnectionDownload> _makeConnection(Beginning& beginning);
+  std::optional<platform::URLRequest> _requestForRemoteURL(Beginning& beginning);
+  void _giveUpStart(Beginning beginning);
+  void _attachHandlers(const ZRKFileDownloadItem& item);
+  void _startNextWaitingDownload();
+  enum class Stop { Pause, Cancel };
+  void _stopDownload(const std::string& token, Stop how, ResumeDataBlock resumeDataBlock);
+  void _stopNow(DownloadID downloadID, const ItemRef& item, const ResumeDataBlock& resumeDataBlock);
+  void _answerLater(ResumeDataBlock resumeDataBlock, platform::DataRef resumeData);
+
+  // Events of either transport
+  void _handleProgress(const ItemRef& item, std::int64_t written, std::int64_t expected);
+  void _handleFinishedFile(DownloadID downloadID, const ItemRef& item, int status,
+                           const std::optional<platform::URL>& remoteURL, const std::string& location);
+  void _handleEnd(DownloadID downloadID, const ItemRef& item, int status,
+                  const std::optional<platform::URL>& remoteURL, const platform::ErrorRef& error);
+  ZRKConnectionDownloadListener _listenerOfConnection(DownloadID downloadID, const ItemRef& item);
+  void _handleChallenge(const std::string& token, const platform::AuthenticationChallenge& challenge,
+                        platform::ChallengeCompletion completion);
+  bool _statusIsValid(DownloadID downloadID, int status, const std::string& token);
+  bool _retire(DownloadID downloadID, const ItemRef& item);
+  void _handleSuccessfulDownload(const platform::URL& localFileURL, const ItemRef& item,
+                                 DownloadID downloadID);
+  void _handleDownloadWithError(const platform::ErrorRef& error, const ItemRef& item, DownloadID downloadID,
+                                const platform::DataRef& resumeData);
+
   const std::unique_ptr<State> _state;
 };

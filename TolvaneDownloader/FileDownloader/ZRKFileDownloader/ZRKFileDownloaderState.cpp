@@ -1,0 +1,60 @@
+#include "TolvaneDownloader/FileDownloader/ZRKFileDownloader/ZRKFileDownloaderState.h"
+
+#include <iterator>
+
+void ZRKFileDownloader::State::wait(Waiting entry) {
+  waiting.push_back(std::move(entry));
+  waitingTokens.emplace(waiting.back().downloadToken, std::prev(waiting.end()));
+}
+
+std::optional<ZRKFileDownloader::State::Waiting> ZRKFileDownloader::State::takeOldestWaiting() {
+  if (waiting.empty())
+    return std::nullopt;
+  auto [first, last] = waitingTokens.equal_range(waiting.front().downloadToken);
+  for (auto it = first; it != last; ++it)
+    if (it->second == waiting.begin()) {
+      waitingTokens.erase(it);
+      break;
+    }
+  auto entry = std::move(waiting.front());
+  waiting.pop_front();
+  return entry;
+}
+
+std::optional<ZRKFileDownloader::State::Waiting>
+ZRKFileDownloader::State::takeWaiting(const std::string& token) {
+  auto found = waitingTokens.find(token);
+  if (found == waitingTokens.end())
+    return std::nullopt;
+  auto entry = std::move(*found->second);
+  waiting.erase(found->second);
+  waitingTokens.erase(found);
+  return entry;
+}
+
+ZRKFileDownloader::State::StartingPlace ZRKFileDownloader::State::beginStart(const std::string& token) {
+  return starting.insert(starting.end(), Starting{token, {}});
+}
+
+std::optional<ZRKFileDownloader::DownloadID>
+ZRKFileDownloader::State::downloadIDForActiveDownloadToken(const std::string& token) const {
+  auto behind = activeTokens.upper_bound({token, ~DownloadID{0}});
+  if (behind == activeTokens.begin())
+    return std::nullopt;
+  auto newest = std::prev(behind);
+  if (newest->first != token)
+    return std::nullopt;
+  return newest->second;
+}
+
+ZRKFileDownloader::State::ItemRef ZRKFileDownloader::State::item(DownloadID downloadID) const {
+  auto found = active.find(downloadID);
+  return found == active.end() ? nullptr : found->second.item;
+}
+
+ZRKFileDownloader::DownloadID ZRKFileDownloader::State::baseOf(const platform::URLSession& told) const {
+  if (closingSessions.empty())
+    return sessionBase;
+  auto found = closingSessions.find(told.configuration().identifier);
+  return found == closingSessions.end() ? sessionBase : found->second.base;
+}

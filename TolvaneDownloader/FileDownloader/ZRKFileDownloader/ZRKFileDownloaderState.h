@@ -1,0 +1,76 @@
+#pragma once
+
+#include "TolvaneDownloader/FileDownloader/ZRKFileDownloader/ZRKFileDownloader.h"
+
+#include <list>
+#include <mutex>
+#include <set>
+#include <unordered_map>
+#include <utility>
+
+/// What a downloader keeps. The lock guards everything below it and is never held over a call to anybody
+/// else.
+struct ZRKFileDownloader::State {
+  using ItemRef = std::shared_ptr<ZRKFileDownloadItem>;
+
+  /// A start that has to wait: from one or the other.
+  struct Waiting {
+    std::string downloadToken;
+    std::optional<platform::Data> resumeData;
+    std::optional<platform::URL> remoteURL;
+  };
+  /// A start that is under way: it counts as active and has no item yet. Commands for its token wait for the
+  /// item, or for null when it comes to nothing.
+  struct Starting {
+    std::string downloadToken;
+    std::vector<std::function<void(DownloadID, const ItemRef&)>> commands;
+  };
+  struct Active {
+    ItemRef item;
+    std::shared_ptr<ZRKConnectionDownload> connectionDownload;
+    std::optional<bool> statusIsValid; ///< once it was asked for
+  };
+  using StartingPlace = std::list<Starting>::iterator;
+
+  std::weak_ptr<ZRKFileDownloadDelegate> delegate;
+  ZRKFileDownloaderEnvironment environment;
+  std::shared_ptr<platform::Queue> queue;
+  std::shared_ptr<platform::TransferService> service;
+  bool hasSessions = true;
+  std::uint64_t limit = UnlimitedDownloads;
+  std::shared_ptr<platform::Queue> writerQueue; ///< older transport: files are written here
+  platform::URLSessionConfiguration connectionConfiguration;
+
+  mutable std::mutex mutex;
+
+  // Sessions. The tasks of each count from one, so a session that follows another has a base of its own.
+  std::string sessionIdentifier;
+  std::shared_ptr<platform::URLSession> session;
+  platform::ErrorRef sessionError;
+  DownloadID sessionBase = 0;
+  struct Closing {
+    std::shared_ptr<platform::URLSession> session;
+    DownloadID base;
+  };
+  std::unordered_map<std::string, Closing> closingSessions; ///< until they have said that they are invalid
+  std::function<void()> sessionCompletionHandler;
+  bool eventsFinished = false; ///< before anybody had asked to be told
+
+  std::unordered_map<DownloadID, Active> active;
+  /// Those of them that nobody has stopped yet: a token stands for its newest one.
+  std::set<std::pair<std::string, DownloadID>> activeTokens;
+  std::list<Starting> starting;
+  std::list<Waiting> waiting; ///< oldest first
+  std::unordered_multimap<std::string, std::list<Waiting>::iterator> waitingTokens;
+  DownloadID highestDownloadID = 0;
+
+  // All of these need the lock.
+  bool isFull() const { return limit != UnlimitedDownloads && active.size() + starting.size() >= limit; }
+  void wait(Waiting entry);
+  std::optional<Waiting> takeOldestWaiting();
+  std::optional<Waiting> takeWaiting(const std::string& token);
+  StartingPlace beginStart(const std::string& token);
+  std::optional<DownloadID> downloadIDForActiveDownloadToken(const std::string& token) const;
+  ItemRef item(DownloadID downloadID) const;
+  DownloadID baseOf(const platform::URLSession& session) const;
+};
