@@ -4,21 +4,13 @@
 
 void ZRKFileDownloader::State::wait(Waiting entry) {
   waiting.push_back(std::move(entry));
-  waitingTokens.emplace(waiting.back().downloadToken, std::prev(waiting.end()));
+  waitingTokens[waiting.back().downloadToken].push_back(std::prev(waiting.end()));
 }
 
 std::optional<ZRKFileDownloader::State::Waiting> ZRKFileDownloader::State::takeOldestWaiting() {
   if (waiting.empty())
     return std::nullopt;
-  auto [first, last] = waitingTokens.equal_range(waiting.front().downloadToken);
-  for (auto it = first; it != last; ++it)
-    if (it->second == waiting.begin()) {
-      waitingTokens.erase(it);
-      break;
-    }
-  auto entry = std::move(waiting.front());
-  waiting.pop_front();
-  return entry;
+  return takeWaiting(waiting.front().downloadToken);
 }
 
 std::optional<ZRKFileDownloader::State::Waiting>
@@ -26,9 +18,12 @@ ZRKFileDownloader::State::takeWaiting(const std::string& token) {
   auto found = waitingTokens.find(token);
   if (found == waitingTokens.end())
     return std::nullopt;
-  auto entry = std::move(*found->second);
-  waiting.erase(found->second);
-  waitingTokens.erase(found);
+  auto place = found->second.front();
+  found->second.pop_front();
+  if (found->second.empty())
+    waitingTokens.erase(found);
+  auto entry = std::move(*place);
+  waiting.erase(place);
   return entry;
 }
 

@@ -2,6 +2,7 @@
 
 #include "TolvaneDownloader/FileDownloader/ZRKFileDownloader/ZRKFileDownloader.h"
 
+#include <deque>
 #include <list>
 #include <mutex>
 #include <set>
@@ -61,14 +62,15 @@ struct ZRKFileDownloader::State {
   std::set<std::pair<std::string, DownloadID>> activeTokens;
   std::list<Starting> starting;
   std::list<Waiting> waiting; ///< oldest first
-  std::unordered_multimap<std::string, std::list<Waiting>::iterator> waitingTokens;
+  /// Places of a token in the list, oldest first.
+  std::unordered_map<std::string, std::deque<std::list<Waiting>::iterator>> waitingTokens;
   DownloadID highestDownloadID = 0;
 
   // All of these need the lock.
   bool isFull() const { return limit != UnlimitedDownloads && active.size() + starting.size() >= limit; }
   void wait(Waiting entry);
   std::optional<Waiting> takeOldestWaiting();
-  std::optional<Waiting> takeWaiting(const std::string& token);
+  std::optional<Waiting> takeWaiting(const std::string& token); ///< the oldest of that token
   StartingPlace beginStart(const std::string& token);
   std::optional<DownloadID> downloadIDForActiveDownloadToken(const std::string& token) const;
   ItemRef item(DownloadID downloadID) const;
