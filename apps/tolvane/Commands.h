@@ -30,7 +30,7 @@ private:
 };
 
 struct DownloadOptions {
-  std::string url;
+  std::vector<std::string> urls;
   std::string title;
   Selector video, audio, text;
   platform::HTTPHeaders headers;
