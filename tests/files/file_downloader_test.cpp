@@ -7,6 +7,7 @@
 #include "platform/foundation/FileManager.h"
 #include "platform/foundation/Progress.h"
 #include "platform/transfer/TransferService.h"
+#include "tests/support/Command.h"
 #include "tests/support/FaultServer.h"
 #include "tests/support/NginxServer.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -15,6 +16,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
+#include <regex>
 
 using namespace platform;
 using namespace support;
@@ -39,6 +42,33 @@ std::string bytes(std::size_t count, unsigned seed = 1) {
   for (auto& c : text)
     c = static_cast<char>((seed = seed * 1664525u + 1013904223u) >> 24);
   return text;
+}
+
+/// Serves `content` to whoever proves by a digest (RFC 7616, MD5, qop=auth) to know the password.
+ServerHandler digestProtected(const std::string& directory, const std::string& userAndRealm,
+                              std::string password, std::string content) {
+  const auto md5 = [directory](const std::string& text) {
+    std::ofstream(directory + "/md5-in", std::ios::binary) << text;
+    runCommand({"sh", "-c", "md5sum < md5-in > md5-out"}, directory);
+    return readFile(directory + "/md5-out").substr(0, 32);
+  };
+  return [=](const ServerRequest& request, ServerConnection& connection) {
+    const auto header = request.header("Authorization");
+    const auto field = [&](const std::string& name) {
+      std::smatch found;
+      return std::regex_search(header, found, std::regex("[ ,]" + name + "=\"?([^\",]*)")) ? found[1].str()
+                                                                                           : "";
+    };
+    const auto proof = md5(md5(userAndRealm + ":" + password) + ":nonce-1:" + field("nc") + ":" +
+                           field("cnonce") + ":auth:" + md5("GET:" + request.target));
+    if (header.starts_with("Digest ") && field("response") == proof)
+      FaultServer::reply(200, {}, content)(request, connection);
+    else
+      FaultServer::reply(401,
+                         {{"WWW-Authenticate",
+                           "Basic realm=\"weak\", Digest realm=\"vault\", nonce=\"nonce-1\", qop=\"auth\""}},
+                         "who are you?")(request, connection);
+  };
 }
 
 class FileDownloaderTest : public testing::TestWithParam<Transport> {
@@ -357,6 +387,16 @@ TEST_P(FileDownloaderTest, AnswersChallenges) {
   ASSERT_TRUE(allowed.file) << allowed.error->localizedDescription();
   EXPECT_EQ(readFile(allowed.file->path()), "the secret");
   EXPECT_THAT(delegate->records.copy().challenges, SizeIs(2));
+
+  server.handle("/vault", digestProtected(directory.path(), "me:vault", "right", "the gold"));
+  auto opened = download("/vault");
+  ASSERT_TRUE(opened.file) << opened.error->localizedDescription();
+  EXPECT_EQ(readFile(opened.file->path()), "the gold");
+  const auto challenges = delegate->records.copy().challenges;
+  ASSERT_THAT(challenges, SizeIs(4));
+  EXPECT_EQ(challenges[3].scheme, "digest");
+  EXPECT_EQ(challenges[3].realm, "vault");
+  EXPECT_EQ(challenges[3].previousFailureCount, 1);
 }
 
 TEST_P(FileDownloaderTest, BadStartsInTheListDoNotStandOnOneStack) {

@@ -6,13 +6,17 @@
 
 #include <curl/curl.h>
 
+#include <chrono>
 #include <utility>
 
 namespace platform::transfer {
 
 namespace {
 
-// libcurl's own timers wake the loop earlier.
+using Clock = std::chrono::steady_clock;
+
+// How often stalled connections are looked for; nothing runs while there are none.
+constexpr std::chrono::milliseconds TickInterval{250};
 constexpr int LongestPollMs = 60'000;
 
 } // namespace
@@ -74,6 +78,7 @@ void ConnectionLoop::remove(void* handle) {
 
 void ConnectionLoop::run() {
   auto* multi = static_cast<CURLM*>(_multi);
+  Clock::time_point nextTick{};
   for (;;) {
     std::vector<std::function<void()>> work;
     {
@@ -87,7 +92,12 @@ void ConnectionLoop::run() {
     int running = 0;
     curl_multi_perform(multi, &running);
     takeResults();
-    curl_multi_poll(multi, nullptr, 0, LongestPollMs, nullptr);
+    if (const auto now = Clock::now(); now >= nextTick) {
+      nextTick = now + TickInterval;
+      endStalled();
+    }
+    curl_multi_poll(multi, nullptr, 0,
+                    _running.empty() ? LongestPollMs : static_cast<int>(TickInterval.count()), nullptr);
   }
   // Commands that came too late belong to connections that end now, or never began.
   std::vector<std::function<void()>> late;
@@ -97,6 +107,16 @@ void ConnectionLoop::run() {
   }
   for (const auto& item : late)
     item();
+}
+
+void ConnectionLoop::endStalled() {
+  const auto now = Clock::now();
+  std::vector<std::shared_ptr<HTTPConnection>> stalled;
+  for (const auto& [handle, connection] : _running)
+    if (connection->isStalled(now))
+      stalled.push_back(connection);
+  for (const auto& connection : stalled)
+    connection->endStalled();
 }
 
 void ConnectionLoop::takeResults() {

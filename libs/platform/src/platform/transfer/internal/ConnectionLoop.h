@@ -39,6 +39,7 @@ public:
 private:
   void run();
   void takeResults();
+  void endStalled();
 
   const HTTPTransferServiceOptions _options;
   std::mutex _mutex;

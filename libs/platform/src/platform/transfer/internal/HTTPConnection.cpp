@@ -6,7 +6,6 @@
 
 #include <curl/curl.h>
 
-#include <algorithm>
 #include <charconv>
 #include <utility>
 
@@ -108,6 +107,7 @@ void HTTPConnection::ask() {
   _page.clear();
   _drained = 0;
   configure();
+  _lastActivity = std::chrono::steady_clock::now();
   _loop->add(_handle, shared_from_this());
 }
 
@@ -145,12 +145,7 @@ void HTTPConnection::configure() {
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HTTPConnection::onBody);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
   curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-  // Less than a byte per second for so long ends it; time for which the delegate holds it up does not count.
-  const auto seconds = std::chrono::ceil<std::chrono::seconds>(_timeout).count();
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::max<std::int64_t>(1, seconds)));
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS,
-                   static_cast<long>(std::clamp<std::int64_t>(_timeout.count(), 1, 0x7fffffff)));
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, 0x7fffffffL); // stalls are timed by `tick`
   if (!options.certificateAuthorityFile.empty())
     curl_easy_setopt(curl, CURLOPT_CAINFO, options.certificateAuthorityFile.c_str());
   if (_method == "HEAD")
@@ -186,6 +181,7 @@ std::size_t HTTPConnection::onBody(char* bytes, std::size_t size, std::size_t co
 }
 
 bool HTTPConnection::headerLine(std::string_view line) {
+  _lastActivity = std::chrono::steady_clock::now();
   while (!line.empty() && (line.back() == '\r' || line.back() == '\n'))
     line.remove_suffix(1);
   if (line.starts_with("HTTP/")) {
@@ -242,6 +238,7 @@ void HTTPConnection::headIsComplete() {
 }
 
 std::size_t HTTPConnection::body(const char* bytes, std::size_t count) {
+  _lastActivity = std::chrono::steady_clock::now();
   headIsComplete();
   switch (_next) {
   case Next::Redirect:
@@ -281,6 +278,16 @@ void HTTPConnection::exchangeEnded(int code) {
   if (code == CURLE_OK || code == CURLE_UNSUPPORTED_PROTOCOL)
     code = CURLE_WEIRD_SERVER_REPLY;
   tellEnd(errorForCurlCode(code, _url, _detail));
+}
+
+bool HTTPConnection::isStalled(std::chrono::steady_clock::time_point now) const {
+  // What the delegate holds up is not the server's fault.
+  return !_paused && now - _lastActivity > _timeout;
+}
+
+void HTTPConnection::endStalled() {
+  _loop->remove(_handle);
+  tellEnd(errorForCurlCode(CURLE_OPERATION_TIMEDOUT, _url, ""));
 }
 
 void HTTPConnection::follow() {
@@ -361,8 +368,10 @@ void HTTPConnection::tellData(std::string bytes) {
     const auto before = self->_undelivered.fetch_sub(bytes.size());
     if (before >= FewUndelivered && before - bytes.size() < FewUndelivered)
       self->_loop->post([self] {
-        if (std::exchange(self->_paused, false) && !self->_ended)
-          curl_easy_pause(static_cast<CURL*>(self->_handle), CURLPAUSE_CONT);
+        if (!std::exchange(self->_paused, false) || self->_ended)
+          return;
+        self->_lastActivity = std::chrono::steady_clock::now();
+        curl_easy_pause(static_cast<CURL*>(self->_handle), CURLPAUSE_CONT);
       });
   });
 }

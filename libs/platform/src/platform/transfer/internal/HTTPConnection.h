@@ -4,6 +4,7 @@
 #include "platform/transfer/internal/HTTPRules.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -34,6 +35,8 @@ public:
 
   // For the loop.
   void exchangeEnded(int code);
+  bool isStalled(std::chrono::steady_clock::time_point now) const;
+  void endStalled();
   void endAtShutdown();
 
 private:
@@ -85,6 +88,7 @@ private:
   bool _headPending = false;        ///< such a 401, which counts only when its body follows
   bool _headSeen = false;
   bool _paused = false;
+  std::chrono::steady_clock::time_point _lastActivity;
   int _status = 0;
   HTTPHeaders _fields;
   std::string _page; ///< body of a challenge, for the case that nobody answers it
