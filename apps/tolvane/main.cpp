@@ -34,7 +34,7 @@ struct Arguments {
   std::string library, source, base, title, video, audio, text, progress = "auto", identifier;
   std::vector<std::string> sources, identifiers, headers;
   int jobs = 0;
-  bool json = false, all = false;
+  bool json = false, all = false, origin = false;
 };
 
 DownloadOptions downloadOptions(const Arguments& arguments, const platform::HTTPHeaders& headers,
@@ -125,8 +125,10 @@ int run(int argc, char** argv) {
   remove->add_option("ID", arguments.identifiers, "identifiers")->required();
   library(remove);
 
-  auto* verify = app.add_subcommand("verify", "compare a download's directory with its manifest");
+  auto* verify = app.add_subcommand("verify", "compare what is on disk with what it should be");
   verify->add_option("ID", arguments.identifier, "identifier")->required();
+  verify->add_flag("--origin", arguments.origin, "ask the server too whether its file has the same length");
+  header(verify);
   library(verify);
 
   auto* demo = app.add_subcommand("demo", "show the main job on this machine, over loopback");
@@ -171,7 +173,7 @@ int run(int argc, char** argv) {
     return cancelCommand(directory, arguments.identifiers);
   if (*remove)
     return removeCommand(directory, arguments.identifiers);
-  return verifyCommand(directory, arguments.identifier);
+  return verifyCommand(directory, arguments.identifier, arguments.origin, headers);
 }
 
 } // namespace
