@@ -126,10 +126,12 @@ TEST_F(FileQueueOrderTest, ATokenCanStartAgainBeforeItsEndWasTold) {
   open(1);
   start("film");
   start("other");
-  downloader->pauseDownloadWithIdentifier("film");
-  EXPECT_FALSE(downloader->isDownloadingIdentifier("film"));
-  start("film"); // waits behind the other: the first one still has its place
-  EXPECT_EQ(downloader->waitingDownloadsCount(), 2u);
+  queue->sync([&] { // so that no end can be told in between
+    downloader->pauseDownloadWithIdentifier("film");
+    EXPECT_FALSE(downloader->isDownloadingIdentifier("film"));
+    start("film"); // waits behind the other: the first one still has its place
+    EXPECT_EQ(downloader->waitingDownloadsCount(), 2u);
+  });
   settle();
   EXPECT_TRUE(downloader->isDownloadingIdentifier("other"));
   ASSERT_TRUE(service->runningTask("http://host/other")->finish("x"));
