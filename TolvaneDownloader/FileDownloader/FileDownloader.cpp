@@ -276,6 +276,7 @@ QVErrorRef FileDownloader::startFileDownload(const std::shared_ptr<Download>& do
   withRun(uuid, [&](Run& run) {
     run = Run();
     run.fileName = name;
+    run.contentUrl = download->contentUrl();
     run.heldBefore = goesOn ? download->progress().downloadedContentSize() : 0;
     run.kept = std::chrono::steady_clock::now();
     _byRemoteURL[url->absoluteString()] = uuid;
@@ -287,7 +288,9 @@ QVErrorRef FileDownloader::startFileDownload(const std::shared_ptr<Download>& do
   // the queue asks for its request.
   const bool hasRoom = queue->activeDownloadsCount() < queue->maxConcurrentFileDownloadsCount();
   download->setState(hasRoom ? DownloadState::running : DownloadState::idle);
-  if (auto data = download->resumeData())
+  // Resume data repeats its request, with the headers of that time. Where a download has its own they may be
+  // newer (a token that expired), and a fresh request finds the same bytes.
+  if (auto data = download->resumeData(); data && download->headers().empty())
     queue->startDownloadWithIdentifierUsingResumeData(uuid, *data);
   else
     queue->startDownloadWithIdentifierFromRemoteURL(uuid, *url);
@@ -354,8 +357,12 @@ QVErrorRef FileDownloader::removeDownload(const std::string& uuid) {
   auto download = findDownload(uuid);
   if (!download)
     return fatal(ErrorType::storage_error_while_removing_file);
-  if (const auto queue = startedDownloader())
-    queue->cancelDownloadWithIdentifier(uuid);
+  // What is under way lets its bytes go when its end is told.
+  withRun(uuid, [](Run& run) { run.removed = true, run.startAgain = false; });
+  if (isUnderWay(uuid))
+    startedDownloader()->cancelDownloadWithIdentifier(uuid);
+  else
+    discardParts(download->contentUrl());
   if (auto local = download->localUrl(); local && FileManager::fileExistsAtPath(*local))
     if (auto error = halvix::Utils::removeFile(*local))
       return QVErrorBuilder(ErrorType::storage_error_while_removing_file)

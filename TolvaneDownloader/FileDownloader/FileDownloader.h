@@ -88,10 +88,12 @@ private:
   /// What is known of a download in this process besides its record.
   struct Run {
     std::string fileName;
+    std::string contentUrl;
     std::int64_t heldBefore = 0; ///< bytes that an earlier run had, until the first progress of this one
     std::chrono::steady_clock::time_point kept; ///< when the record was last marked for its progress
     bool whole = false;                         ///< the file that stands in its place is the server's
     bool ending = false;                        ///< was paused, and its end is not told yet
+    bool removed = false;                       ///< taken off the list while it was under way
     bool startAgain = false;                    ///< was to start while it was ending
     platform::ErrorRef placeError;              ///< why the finished file has no place
   };
@@ -116,7 +118,8 @@ private:
   void explainRestart(const std::shared_ptr<halvix::Download>& download);
   void becamePaused(const std::string& uuid, const platform::DataRef& resumeData);
   bool startsAgain(const std::string& uuid);
-  void clearPlace(const halvix::Download& download);
+  void discardParts(const std::string& contentUrl);
+  void clearPlace(const std::string& uuid);
   void storeSoon();
 
   mutable std::mutex _fileMutex; // guards what follows; nothing is called under it

@@ -6,10 +6,12 @@
 #include "TolvaneDownloader/FileDownloader/ZRKFileDownloader/ZRKFileDownloader.h"
 
 #include "halvix/Download.h"
+#include "halvix/HostEnvironment.h"
 #include "halvix/Log.h"
 #include "halvix/Utils.h"
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/FileManager.h"
+#include "platform/transfer/TransferService.h"
 
 #include <utility>
 
@@ -137,9 +139,9 @@ void FileDownloader::downloadDidCompleteWithIdentifier(const std::string& token,
                                                        const platform::URL& localFileURL) {
   startsAgain(token);
   if (auto download = findDownload(token))
-    complete(download, localFileURL.path());
-  else
-    halvix::log_e(logTag, "Completed download item not found " + token);
+    return complete(download, localFileURL.path());
+  halvix::log_e(logTag, "Completed download item not found " + token);
+  clearPlace(token);
 }
 
 void FileDownloader::complete(const std::shared_ptr<Download>& download, const std::string& path) {
@@ -164,6 +166,13 @@ void FileDownloader::downloadFailedWithIdentifier(const std::string& token, cons
                                                   const std::vector<std::string>& errorMessagesStack,
                                                   const platform::DataRef& resumeData) {
   auto download = findDownload(token);
+  std::string removedUrl;
+  withRun(token, [&](Run& run) {
+    if (run.removed)
+      removedUrl = run.contentUrl;
+  });
+  if (!removedUrl.empty())
+    discardParts(removedUrl);
   if (!download)
     return halvix::log_e(logTag, "Failed download item not found " + token);
   // The end of an earlier start of a download that was started again already.
@@ -174,7 +183,11 @@ void FileDownloader::downloadFailedWithIdentifier(const std::string& token, cons
   const bool again = startsAgain(token);
   const bool paused = download->state() == DownloadState::paused;
   download->setResumeData(resumeData);
-  clearPlace(*download);
+  clearPlace(token);
+  // The size of a page that told of an error says nothing about the file.
+  if (httpStatusCode >= 300)
+    download->setProgress(
+        download->progress().copyWithExpectedContentSize(-1).copyWithDownloadedContentSize(0));
   if (again) {
     if (auto refused = startFileDownload(download)) {
       download->setState(DownloadState::failed);
@@ -200,12 +213,20 @@ void FileDownloader::downloadFailedWithIdentifier(const std::string& token, cons
 }
 
 /// A page that told of an error must not stand where the file belongs.
-void FileDownloader::clearPlace(const Download& download) {
-  const std::string folder = folderOf(download.uuid());
+void FileDownloader::clearPlace(const std::string& uuid) {
+  const std::string folder = folderOf(uuid);
   if (!FileManager::directoryExistsAtPath(folder))
     return;
   if (auto error = halvix::Utils::removeFolder(folder))
     halvix::log_e(logTag, error->localizedDescription());
+}
+
+/// A file may be gigabytes, and nobody asks for one again that was removed.
+void FileDownloader::discardParts(const std::string& contentUrl) {
+  const auto own = environment() ? environment()->transferService() : nullptr;
+  const auto service = own ? own : platform::TransferService::defaultService();
+  if (const auto url = platform::URL::URLWithString(contentUrl); url && service)
+    service->discardPartialData(platform::URLRequest(*url));
 }
 
 void FileDownloader::downloadPausedWithIdentifier(const std::string& token,

@@ -207,6 +207,42 @@ TEST_F(Files, AnInterruptKeepsTheBytesOfWhatRunsAndWhatWaits) {
   EXPECT_EQ(server.requests("/movie.mp4")[1].header("Range").rfind("bytes=1", 0), 0u);
 }
 
+TEST_F(Files, RemovingAnUnfinishedOneLeavesNoBytesBehind) {
+  server.serve("/movie.mp4", {content(400'000), "\"v1\"", ""});
+  auto gate = makeGate();
+  auto process = startAndHold(gate, 200'000);
+  process->signal(SIGINT);
+  EXPECT_EQ(process->wait(), 130);
+  EXPECT_FALSE(filesBelow(library() + "/transfers/partials").empty());
+  EXPECT_EQ(run({"remove", identifier()}).status, 0);
+  EXPECT_EQ(filesBelow(library() + "/transfers/partials"), std::set<std::string>());
+  EXPECT_EQ(filesInPlace(), 0u);
+}
+
+TEST_F(Files, NewHeadersGoWithTheBytesThatAreThere) {
+  const std::string body = content(400'000);
+  server.serve("/movie.mp4", {body, "\"v1\"", ""});
+  Fault stall;
+  auto gate = makeGate();
+  stall.stallAfter = 200'000;
+  stall.gate = gate;
+  server.once("/movie.mp4", stall);
+  auto process = start({"download", server.url("/movie.mp4"), "--header", "X-Token: old"});
+  ASSERT_TRUE(gate->waitUntilReached());
+  waitForPartial(100'000);
+  process->signal(SIGTERM);
+  EXPECT_EQ(process->wait(), 130);
+  ProgramResult result =
+      run({"download", server.url("/movie.mp4"), "--header", "X-Token: new", "--progress", "none"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_TRUE(readFile(localPath()) == body);
+  const auto requests = server.requests("/movie.mp4");
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].header("X-Token"), "old");
+  EXPECT_EQ(requests[1].header("X-Token"), "new");
+  EXPECT_NE(requests[1].header("Range"), "");
+}
+
 TEST_F(Files, AKilledDownloadGoesOnFromTheBytesOnDisk) {
   if (!NginxServer::isInstalled())
     GTEST_SKIP() << "nginx is not installed";

@@ -65,6 +65,7 @@ public:
     return transfer::HTTPConnection::open(_connections, configuration, request, std::move(delegate),
                                           std::move(queue));
   }
+  void discardPartialData(const URLRequest& request) override;
   void shutdown() override;
   void sweep();
 
@@ -205,6 +206,12 @@ std::shared_ptr<URLSession> HTTPTransferService::sharedSession() {
     _shared = makeHandle(std::move(session), nullptr);
   }
   return _shared;
+}
+
+void HTTPTransferService::discardPartialData(const URLRequest& request) {
+  const auto range = request.valueForHTTPHeaderField("Range").value_or("");
+  while (auto claim = _parts->store.adopt(request.HTTPMethod(), request.url().absoluteString(), range))
+    claim->file->remove();
 }
 
 void HTTPTransferService::shutdown() {

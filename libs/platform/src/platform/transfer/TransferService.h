@@ -39,6 +39,10 @@ public:
     return nullptr;
   }
 
+  /// Removes what download tasks of that request that have ended left on disk to be gone on with. Bytes of a
+  /// task that has not ended stay. For what will not be wanted again; it blocks on the disk.
+  virtual void discardPartialData(const URLRequest& request) { (void)request; }
+
   /// Stops all transfers, syncs what they hold, completes every task with NSURLErrorCancelled and delivers
   /// what is waiting; then returns. Tasks of background sessions stay in the journal for the next process.
   /// New tasks complete at once. Not to be called from a delegate queue.
