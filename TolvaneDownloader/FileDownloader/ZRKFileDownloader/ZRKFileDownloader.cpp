@@ -63,7 +63,7 @@ std::shared_ptr<ZRKFileDownloader> ZRKFileDownloader::downloaderWithDelegate(
     const std::string& backgroundSessionIdentifier, ZRKFileDownloaderEnvironment environment) {
   auto made = std::make_unique<State>();
   auto& state = *made;
-  state.delegate = std::move(delegate);
+  state.fileDownloadDelegate = std::move(delegate);
   state.environment = std::move(environment);
   if (state.environment.temporaryDirectory.empty())
     state.environment.temporaryDirectory = std::filesystem::temp_directory_path().string();
@@ -72,20 +72,20 @@ std::shared_ptr<ZRKFileDownloader> ZRKFileDownloader::downloaderWithDelegate(
   state.service = state.environment.service ? state.environment.service : TransferService::defaultService();
   state.hasSessions = !state.service || state.service->hasBackgroundSessions();
   if (maxConcurrentDownloads > 0)
-    state.limit = static_cast<std::uint64_t>(maxConcurrentDownloads);
-  state.sessionIdentifier = backgroundSessionIdentifier;
+    state.maxConcurrentFileDownloadsCount = static_cast<std::uint64_t>(maxConcurrentDownloads);
+  state.backgroundSessionIdentifier = backgroundSessionIdentifier;
   std::shared_ptr<ZRKFileDownloader> downloader(new ZRKFileDownloader(std::move(made)));
   if (state.hasSessions) {
     ErrorRef error;
     auto session = downloader->_openSession(backgroundSessionIdentifier, &error);
     std::lock_guard guard(state.mutex);
-    state.session = std::move(session);
+    state.backgroundSession = std::move(session);
     state.sessionError = std::move(error);
   } else {
-    state.writerQueue =
+    state.downloadFileSerialWriterDispatchQueue =
         std::make_shared<SerialQueue>(state.environment.bundleIdentifier + ".downloadFileWriter");
     // What a client adds for all its requests holds for this transport too.
-    if (auto client = state.delegate.lock())
+    if (auto client = state.fileDownloadDelegate.lock())
       client->customizeBackgroundSessionConfiguration(state.connectionConfiguration);
   }
   return downloader;
@@ -94,7 +94,7 @@ std::shared_ptr<ZRKFileDownloader> ZRKFileDownloader::downloaderWithDelegate(
 std::shared_ptr<URLSession> ZRKFileDownloader::_openSession(const std::string& identifier, ErrorRef* error) {
   auto configuration = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier(identifier);
   configuration.service = _state->service;
-  if (auto delegate = _state->delegate.lock())
+  if (auto delegate = _state->fileDownloadDelegate.lock())
     delegate->customizeBackgroundSessionConfiguration(configuration);
   auto session = URLSession::sessionWithConfiguration(configuration, weak_from_this(), _state->queue, error);
   if (!session && !*error)
@@ -114,9 +114,9 @@ void ZRKFileDownloader::invalidateSessionConfigurationAndCancelTasks(bool cancel
   std::shared_ptr<URLSession> old;
   {
     std::lock_guard guard(state.mutex);
-    old = std::exchange(state.session, std::move(fresh));
+    old = std::exchange(state.backgroundSession, std::move(fresh));
     state.sessionError = std::move(error);
-    state.sessionIdentifier = std::move(identifier);
+    state.backgroundSessionIdentifier = std::move(identifier);
     if (old) {
       state.closingSessions.emplace(old->configuration().identifier, State::Closing{old, state.sessionBase});
       constexpr DownloadID TasksOfOneSession = DownloadID{1} << 48;
@@ -166,7 +166,7 @@ void ZRKFileDownloader::_takeOverTasks(std::vector<DownloadTaskRef> tasks, std::
     const auto downloadID = task->taskIdentifier();
     {
       std::lock_guard guard(_state->mutex);
-      if (_state->active.contains(_state->sessionBase + downloadID))
+      if (_state->activeDownloadsDictionary.contains(_state->sessionBase + downloadID))
         continue;
     }
     if (!_takeOver(task, downloadID))
@@ -179,14 +179,14 @@ ZRKFileDownloader::ItemRef ZRKFileDownloader::_takeOver(const DownloadTaskRef& t
   auto token = task->taskDescription();
   if (!token)
     return nullptr;
-  auto delegate = _state->delegate.lock();
+  auto delegate = _state->fileDownloadDelegate.lock();
   auto item = ZRKFileDownloadItem::itemWithDownloadToken(*token, task, nullptr,
                                                          delegate ? delegate->rootProgress() : nullptr);
   if (delegate)
     delegate->incrementNetworkActivityIndicatorActivityCount();
   {
     std::lock_guard guard(_state->mutex);
-    _state->active.emplace(downloadID, State::Active{item, nullptr, std::nullopt});
+    _state->activeDownloadsDictionary.emplace(downloadID, State::Active{item, nullptr, std::nullopt});
     _state->activeTokens.emplace(*token, downloadID);
   }
   _attachHandlers(*item);
@@ -200,16 +200,17 @@ ZRKFileDownloader::ItemRef ZRKFileDownloader::_takeOver(const DownloadTaskRef& t
 
 void ZRKFileDownloader::startDownloadWithIdentifierFromRemoteURL(const std::string& token,
                                                                  const URL& remoteURL) {
-  _startDownload(token, remoteURL, std::nullopt);
+  _startDownloadWithDownloadToken(token, remoteURL, std::nullopt);
 }
 
 void ZRKFileDownloader::startDownloadWithIdentifierUsingResumeData(const std::string& token,
                                                                    const Data& resumeData) {
-  _startDownload(token, std::nullopt, resumeData);
+  _startDownloadWithDownloadToken(token, std::nullopt, resumeData);
 }
 
-void ZRKFileDownloader::_startDownload(const std::string& token, std::optional<URL> remoteURL,
-                                       std::optional<Data> resumeData) {
+void ZRKFileDownloader::_startDownloadWithDownloadToken(const std::string& token,
+                                                        std::optional<URL> remoteURL,
+                                                        std::optional<Data> resumeData) {
   State::StartingPlace place;
   {
     std::lock_guard guard(_state->mutex);
@@ -235,7 +236,7 @@ void ZRKFileDownloader::_startNextWaitingDownload() {
 }
 
 void ZRKFileDownloader::_start(Beginning beginning) {
-  auto delegate = _state->delegate.lock();
+  auto delegate = _state->fileDownloadDelegate.lock();
   auto root = delegate ? delegate->rootProgress() : nullptr;
   ItemRef item;
   DownloadTaskRef task;
@@ -265,7 +266,7 @@ void ZRKFileDownloader::_start(Beginning beginning) {
   {
     std::lock_guard guard(_state->mutex);
     downloadID = task ? beginning.base + task->taskIdentifier() : ++_state->highestDownloadID;
-    _state->active.emplace(downloadID, State::Active{item, connection, std::nullopt});
+    _state->activeDownloadsDictionary.emplace(downloadID, State::Active{item, connection, std::nullopt});
     _state->activeTokens.emplace(beginning.token, downloadID);
     commands.swap(beginning.place->commands);
     _state->starting.erase(beginning.place);
@@ -289,7 +290,7 @@ DownloadTaskRef ZRKFileDownloader::_makeTask(Beginning& beginning) {
   std::shared_ptr<URLSession> session;
   {
     std::lock_guard guard(_state->mutex);
-    session = _state->session;
+    session = _state->backgroundSession;
     beginning.base = _state->sessionBase;
     beginning.error = _state->sessionError;
   }
@@ -318,7 +319,7 @@ std::shared_ptr<ZRKConnectionDownload> ZRKFileDownloader::_makeConnection(Beginn
     return nullptr;
   auto made = ZRKConnectionDownload::downloadWithRequest(
       *request, *_state->service, _state->connectionConfiguration, _state->environment.temporaryDirectory,
-      _state->writerQueue, _state->queue);
+      _state->downloadFileSerialWriterDispatchQueue, _state->queue);
   if (!made)
     beginning.error =
         makeError(NSURLErrorDomain, NSURLErrorUnknown, "The transfer service has no connections.");
@@ -329,7 +330,7 @@ std::optional<URLRequest> ZRKFileDownloader::_requestForRemoteURL(Beginning& beg
   // A plain request is what the platform sends anyway: nothing is cached here, and the configuration's 60
   // seconds without a byte end it.
   std::optional<URLRequest> request(*beginning.remoteURL);
-  if (auto delegate = _state->delegate.lock())
+  if (auto delegate = _state->fileDownloadDelegate.lock())
     if (auto answer = delegate->urlRequestForRemoteURL(*beginning.remoteURL))
       request = std::move(*answer);
   if (!request)
@@ -354,7 +355,7 @@ void ZRKFileDownloader::_giveUpStart(Beginning beginning) {
     auto self = weak.lock();
     if (!self)
       return;
-    if (auto delegate = self->_state->delegate.lock())
+    if (auto delegate = self->_state->fileDownloadDelegate.lock())
       delegate->downloadFailedWithIdentifier(beginning.token, beginning.error, 0, beginning.messages,
                                              nullptr);
     self->_startNextWaitingDownload();
@@ -376,7 +377,7 @@ void ZRKFileDownloader::_attachHandlers(const ZRKFileDownloadItem& item) {
     if (auto self = weak.lock())
       self->pauseDownloadWithIdentifier(token, [weak, token](const DataRef& resumeData) {
         auto downloader = weak.lock();
-        auto delegate = downloader ? downloader->_state->delegate.lock() : nullptr;
+        auto delegate = downloader ? downloader->_state->fileDownloadDelegate.lock() : nullptr;
         if (delegate)
           delegate->downloadPausedWithIdentifier(token, resumeData);
       });
@@ -420,7 +421,7 @@ void ZRKFileDownloader::_stopDownload(const std::string& token, Stop how, Resume
       downloadID = *active;
       item = _state->item(downloadID);
     } else {
-      waited = _state->takeWaiting(token);
+      waited = _state->removeWaitingDownloadObject(token);
     }
   }
   if (item) {
@@ -436,7 +437,7 @@ void ZRKFileDownloader::_stopDownload(const std::string& token, Stop how, Resume
       auto self = weak.lock();
       if (!self)
         return;
-      if (auto delegate = self->_state->delegate.lock())
+      if (auto delegate = self->_state->fileDownloadDelegate.lock())
         delegate->downloadFailedWithIdentifier(
             token,
             makeError(NSURLErrorDomain, NSURLErrorCancelled, "The download was cancelled before it started."),
@@ -463,6 +464,11 @@ void ZRKFileDownloader::_stopNow(DownloadID downloadID, const ItemRef& item,
       task->cancelByProducingResumeData(resumeDataBlock);
     else
       task->cancel();
+    if (task->state() == URLSessionTaskState::Completed)
+      _state->queue->async([weak = weak_from_this(), downloadID, item] {
+        if (auto self = weak.lock())
+          self->_reportTaskNotFound(downloadID, item);
+      });
     return;
   }
   if (resumeDataBlock)
@@ -473,7 +479,7 @@ void ZRKFileDownloader::_stopNow(DownloadID downloadID, const ItemRef& item,
 void ZRKFileDownloader::resumeDownloadWithIdentifier(const std::string& token) {
   if (isDownloadingIdentifier(token) || isWaitingForDownloadOfIdentifier(token))
     return;
-  auto delegate = _state->delegate.lock();
+  auto delegate = _state->fileDownloadDelegate.lock();
   if (!delegate || !delegate->resumeDownloadWithIdentifier(token))
     ZRKLogError("Resume action called without implementation");
 }
@@ -505,15 +511,18 @@ ZRKFileDownloader::downloadProgressForIdentifier(const std::string& token) const
     if (auto downloadID = _state->downloadIDForActiveDownloadToken(token))
       item = _state->item(*downloadID);
   }
-  if (!item)
-    return nullptr;
-  const auto expected = item->expectedFileSizeInBytes(), received = item->receivedFileSizeInBytes();
+  return item ? _downloadProgressForItem(*item) : nullptr;
+}
+
+std::shared_ptr<ZRKFileDownloadProgress>
+ZRKFileDownloader::_downloadProgressForItem(ZRKFileDownloadItem& item) {
+  const auto expected = item.expectedFileSizeInBytes(), received = item.receivedFileSizeInBytes();
   const float fraction = expected >= 1 ? static_cast<float>(received) / static_cast<float>(expected) : 0;
-  const auto sample = remainingTimeAndBytesPerSecondForDownloadItem(*item);
-  item->progress()->setThroughput(static_cast<std::int64_t>(sample.bytesPerSecondSpeed));
-  item->progress()->setEstimatedTimeRemaining(std::chrono::duration<double>(sample.remainingTime));
+  const auto sample = remainingTimeAndBytesPerSecondForDownloadItem(item);
+  item.progress()->setThroughput(static_cast<std::int64_t>(sample.bytesPerSecondSpeed));
+  item.progress()->setEstimatedTimeRemaining(std::chrono::duration<double>(sample.remainingTime));
   return ZRKFileDownloadProgress::downloadProgress(fraction, expected, received, sample.remainingTime,
-                                                   sample.bytesPerSecondSpeed, item->progress());
+                                                   sample.bytesPerSecondSpeed, item.progress());
 }
 
 ZRKFileDownloader::SpeedAndRemainingTime
@@ -548,12 +557,12 @@ bool ZRKFileDownloader::httpStatusCodeIsValidForDownloadIdentifier(int httpStatu
 
 std::string ZRKFileDownloader::backgroundSessionIdentifier() const {
   std::lock_guard guard(_state->mutex);
-  return _state->sessionIdentifier;
+  return _state->backgroundSessionIdentifier;
 }
 
 std::shared_ptr<URLSession> ZRKFileDownloader::backgroundSession() const {
   std::lock_guard guard(_state->mutex);
-  return _state->session;
+  return _state->backgroundSession;
 }
 
 ErrorRef ZRKFileDownloader::sessionError() const {
@@ -562,7 +571,7 @@ ErrorRef ZRKFileDownloader::sessionError() const {
 }
 
 std::uint64_t ZRKFileDownloader::maxConcurrentFileDownloadsCount() const {
-  return _state->limit;
+  return _state->maxConcurrentFileDownloadsCount;
 }
 
 ZRKFileDownloader::DownloadID ZRKFileDownloader::highestDownloadID() const {
@@ -572,10 +581,10 @@ ZRKFileDownloader::DownloadID ZRKFileDownloader::highestDownloadID() const {
 
 std::size_t ZRKFileDownloader::activeDownloadsCount() const {
   std::lock_guard guard(_state->mutex);
-  return _state->active.size() + _state->starting.size();
+  return _state->activeDownloadsDictionary.size() + _state->starting.size();
 }
 
 std::size_t ZRKFileDownloader::waitingDownloadsCount() const {
   std::lock_guard guard(_state->mutex);
-  return _state->waiting.size();
+  return _state->waitingDownloadsArray.size();
 }

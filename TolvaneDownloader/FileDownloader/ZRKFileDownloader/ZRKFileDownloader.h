@@ -186,8 +186,8 @@ private:
                        const platform::DownloadTaskRef& download, DownloadID& downloadID);
 
   // The queue
-  void _startDownload(const std::string& token, std::optional<platform::URL> remoteURL,
-                      std::optional<platform::Data> resumeData);
+  void _startDownloadWithDownloadToken(const std::string& token, std::optional<platform::URL> remoteURL,
+                                       std::optional<platform::Data> resumeData);
   void _start(Beginning beginning);
   platform::DownloadTaskRef _makeTask(Beginning& beginning);
   std::shared_ptr<ZRKConnectionDownload> _makeConnection(Beginning& beginning);
@@ -198,6 +198,7 @@ private:
   enum class Stop { Pause, Cancel };
   void _stopDownload(const std::string& token, Stop how, ResumeDataBlock resumeDataBlock);
   void _stopNow(DownloadID downloadID, const ItemRef& item, const ResumeDataBlock& resumeDataBlock);
+  static std::shared_ptr<ZRKFileDownloadProgress> _downloadProgressForItem(ZRKFileDownloadItem& item);
   void _answerLater(ResumeDataBlock resumeDataBlock, platform::DataRef resumeData);
 
   // Events of either transport
@@ -210,9 +211,10 @@ private:
   void _handleChallenge(const std::string& token, const platform::AuthenticationChallenge& challenge,
                         platform::ChallengeCompletion completion);
   bool _statusIsValid(DownloadID downloadID, int status, const std::string& token);
+  void _reportTaskNotFound(DownloadID downloadID, const ItemRef& item);
   bool _retire(DownloadID downloadID, const ItemRef& item);
-  void _handleSuccessfulDownload(const platform::URL& localFileURL, const ItemRef& item,
-                                 DownloadID downloadID);
+  void _handleSuccessfulDownloadToLocalFileURL(const platform::URL& localFileURL, const ItemRef& item,
+                                               DownloadID downloadID);
   void _handleDownloadWithError(const platform::ErrorRef& error, const ItemRef& item, DownloadID downloadID,
                                 const platform::DataRef& resumeData);
 

@@ -122,7 +122,7 @@ void ZRKFileDownloader::setBackgroundSessionCompletionHandlerBlock(std::function
   {
     std::lock_guard guard(_state->mutex);
     if (!std::exchange(_state->eventsFinished, false)) {
-      _state->sessionCompletionHandler = std::move(handler);
+      _state->bgSessionCompletionHandlerBlock = std::move(handler);
       return;
     }
   }
@@ -134,7 +134,7 @@ void ZRKFileDownloader::URLSessionDidFinishEventsForBackgroundURLSession(URLSess
   std::function<void()> handler;
   {
     std::lock_guard guard(_state->mutex);
-    handler = std::exchange(_state->sessionCompletionHandler, nullptr);
+    handler = std::exchange(_state->bgSessionCompletionHandlerBlock, nullptr);
     _state->eventsFinished = !handler;
   }
   if (handler)
@@ -192,23 +192,23 @@ void ZRKFileDownloader::_handleProgress(const ItemRef& item, std::int64_t writte
   // The size first: bytes count as units of the progress only once it is known.
   item->setExpectedFileSizeInBytes(expected);
   item->setReceivedFileSizeInBytes(written);
-  if (auto delegate = _state->delegate.lock())
+  if (auto delegate = _state->fileDownloadDelegate.lock())
     delegate->downloadProgressChangedForIdentifier(item->downloadToken());
 }
 
 bool ZRKFileDownloader::_statusIsValid(DownloadID downloadID, int status, const std::string& token) {
   {
     std::lock_guard guard(_state->mutex);
-    auto found = _state->active.find(downloadID);
-    if (found != _state->active.end() && found->second.statusIsValid)
+    auto found = _state->activeDownloadsDictionary.find(downloadID);
+    if (found != _state->activeDownloadsDictionary.end() && found->second.statusIsValid)
       return *found->second.statusIsValid;
   }
-  auto delegate = _state->delegate.lock();
+  auto delegate = _state->fileDownloadDelegate.lock();
   auto answer = delegate ? delegate->httpStatusCodeIsValidForDownloadIdentifier(status, token) : std::nullopt;
   const bool valid = answer ? *answer : httpStatusCodeIsValidForDownloadIdentifier(status, token);
   std::lock_guard guard(_state->mutex);
-  auto found = _state->active.find(downloadID);
-  if (found != _state->active.end())
+  auto found = _state->activeDownloadsDictionary.find(downloadID);
+  if (found != _state->activeDownloadsDictionary.end())
     found->second.statusIsValid = valid;
   return valid;
 }
@@ -221,7 +221,7 @@ void ZRKFileDownloader::_handleFinishedFile(DownloadID downloadID, const ItemRef
   if (!_statusIsValid(downloadID, status, token))
     return;
   const auto refuse = [&](std::string line) { item->pushErrorMessage(std::move(line)); };
-  auto delegate = _state->delegate.lock();
+  auto delegate = _state->fileDownloadDelegate.lock();
   std::optional<URL> destination;
   if (!remoteURL) {
     refuse(ZRKLogError("Missing information: Remote URL (token: " + token + ")"));
@@ -277,7 +277,7 @@ void ZRKFileDownloader::_handleEnd(DownloadID downloadID, const ItemRef& item, i
     return;
   }
   if (auto file = item->finalLocalFileURL()) {
-    _handleSuccessfulDownload(*file, item, downloadID);
+    _handleSuccessfulDownloadToLocalFileURL(*file, item, downloadID);
     return;
   }
   auto messages = item->errorMessagesStack();
@@ -292,24 +292,24 @@ bool ZRKFileDownloader::_retire(DownloadID downloadID, const ItemRef& item) {
   std::shared_ptr<ZRKConnectionDownload> connection;
   {
     std::lock_guard guard(_state->mutex);
-    auto found = _state->active.find(downloadID);
-    if (found == _state->active.end() || found->second.item != item)
+    auto found = _state->activeDownloadsDictionary.find(downloadID);
+    if (found == _state->activeDownloadsDictionary.end() || found->second.item != item)
       return false;
     connection = std::move(found->second.connectionDownload);
-    _state->active.erase(found);
+    _state->activeDownloadsDictionary.erase(found);
     _state->activeTokens.erase({item->downloadToken(), downloadID});
   }
   item->progress()->setCompletedUnitCount(item->progress()->totalUnitCount());
-  if (auto delegate = _state->delegate.lock())
+  if (auto delegate = _state->fileDownloadDelegate.lock())
     delegate->decrementNetworkActivityIndicatorActivityCount();
   return true;
 }
 
-void ZRKFileDownloader::_handleSuccessfulDownload(const URL& localFileURL, const ItemRef& item,
-                                                  DownloadID downloadID) {
+void ZRKFileDownloader::_handleSuccessfulDownloadToLocalFileURL(const URL& localFileURL, const ItemRef& item,
+                                                                DownloadID downloadID) {
   if (!_retire(downloadID, item))
     return;
-  if (auto delegate = _state->delegate.lock())
+  if (auto delegate = _state->fileDownloadDelegate.lock())
     delegate->downloadDidCompleteWithIdentifier(item->downloadToken(), localFileURL);
   _startNextWaitingDownload();
 }
@@ -318,15 +318,28 @@ void ZRKFileDownloader::_handleDownloadWithError(const ErrorRef& error, const It
                                                  DownloadID downloadID, const DataRef& resumeData) {
   if (!_retire(downloadID, item))
     return;
-  if (auto delegate = _state->delegate.lock())
+  if (auto delegate = _state->fileDownloadDelegate.lock())
     delegate->downloadFailedWithIdentifier(item->downloadToken(), error, item->lastHttpStatusCode(),
                                            item->errorMessagesStack(), resumeData);
   _startNextWaitingDownload();
 }
 
+void ZRKFileDownloader::_reportTaskNotFound(DownloadID downloadID, const ItemRef& item) {
+  {
+    // The end of a task that has ended is told before this runs. One that kept it to itself is gone.
+    std::lock_guard guard(_state->mutex);
+    if (!_state->activeDownloadsDictionary.contains(downloadID))
+      return;
+  }
+  ZRKLogInfo("NSURLSessionDownloadTask cancelled (task not found): " + std::to_string(downloadID));
+  _handleDownloadWithError(failureOf(NSURLErrorCancelled, "The download was cancelled",
+                                     item->sessionDownloadTask()->originalRequest().url()),
+                           item, downloadID, nullptr);
+}
+
 void ZRKFileDownloader::_handleChallenge(const std::string& token, const AuthenticationChallenge& challenge,
                                          ChallengeCompletion completion) {
-  auto delegate = _state->delegate.lock();
+  auto delegate = _state->fileDownloadDelegate.lock();
   if (delegate && delegate->onAuthenticationChallenge(challenge, token, completion))
     return;
   ZRKLogError("Received authentication challenge with no delegate method implemented");

@@ -3,18 +3,18 @@
 #include <iterator>
 
 void ZRKFileDownloader::State::wait(Waiting entry) {
-  waiting.push_back(std::move(entry));
-  waitingTokens[waiting.back().downloadToken].push_back(std::prev(waiting.end()));
+  waitingDownloadsArray.push_back(std::move(entry));
+  waitingTokens[waitingDownloadsArray.back().downloadToken].push_back(std::prev(waitingDownloadsArray.end()));
 }
 
 std::optional<ZRKFileDownloader::State::Waiting> ZRKFileDownloader::State::takeOldestWaiting() {
-  if (waiting.empty())
+  if (waitingDownloadsArray.empty())
     return std::nullopt;
-  return takeWaiting(waiting.front().downloadToken);
+  return removeWaitingDownloadObject(waitingDownloadsArray.front().downloadToken);
 }
 
 std::optional<ZRKFileDownloader::State::Waiting>
-ZRKFileDownloader::State::takeWaiting(const std::string& token) {
+ZRKFileDownloader::State::removeWaitingDownloadObject(const std::string& token) {
   auto found = waitingTokens.find(token);
   if (found == waitingTokens.end())
     return std::nullopt;
@@ -23,7 +23,7 @@ ZRKFileDownloader::State::takeWaiting(const std::string& token) {
   if (found->second.empty())
     waitingTokens.erase(found);
   auto entry = std::move(*place);
-  waiting.erase(place);
+  waitingDownloadsArray.erase(place);
   return entry;
 }
 
@@ -43,8 +43,8 @@ ZRKFileDownloader::State::downloadIDForActiveDownloadToken(const std::string& to
 }
 
 ZRKFileDownloader::State::ItemRef ZRKFileDownloader::State::item(DownloadID downloadID) const {
-  auto found = active.find(downloadID);
-  return found == active.end() ? nullptr : found->second.item;
+  auto found = activeDownloadsDictionary.find(downloadID);
+  return found == activeDownloadsDictionary.end() ? nullptr : found->second.item;
 }
 
 ZRKFileDownloader::DownloadID ZRKFileDownloader::State::baseOf(const platform::URLSession& told) const {

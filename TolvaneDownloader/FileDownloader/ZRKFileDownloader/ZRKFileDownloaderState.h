@@ -33,20 +33,21 @@ struct ZRKFileDownloader::State {
   };
   using StartingPlace = std::list<Starting>::iterator;
 
-  std::weak_ptr<ZRKFileDownloadDelegate> delegate;
+  std::weak_ptr<ZRKFileDownloadDelegate> fileDownloadDelegate;
   ZRKFileDownloaderEnvironment environment;
   std::shared_ptr<platform::Queue> queue;
   std::shared_ptr<platform::TransferService> service;
   bool hasSessions = true;
-  std::uint64_t limit = UnlimitedDownloads;
-  std::shared_ptr<platform::Queue> writerQueue; ///< older transport: files are written here
+  std::uint64_t maxConcurrentFileDownloadsCount = UnlimitedDownloads;
+  /// Older transport: files are written here.
+  std::shared_ptr<platform::Queue> downloadFileSerialWriterDispatchQueue;
   platform::URLSessionConfiguration connectionConfiguration;
 
   mutable std::mutex mutex;
 
   // Sessions. The tasks of each count from one, so a session that follows another has a base of its own.
-  std::string sessionIdentifier;
-  std::shared_ptr<platform::URLSession> session;
+  std::string backgroundSessionIdentifier;
+  std::shared_ptr<platform::URLSession> backgroundSession;
   platform::ErrorRef sessionError;
   DownloadID sessionBase = 0;
   struct Closing {
@@ -54,23 +55,26 @@ struct ZRKFileDownloader::State {
     DownloadID base;
   };
   std::unordered_map<std::string, Closing> closingSessions; ///< until they have said that they are invalid
-  std::function<void()> sessionCompletionHandler;
+  std::function<void()> bgSessionCompletionHandlerBlock;
   bool eventsFinished = false; ///< before anybody had asked to be told
 
-  std::unordered_map<DownloadID, Active> active;
+  std::unordered_map<DownloadID, Active> activeDownloadsDictionary;
   /// Those of them that nobody has stopped yet: a token stands for its newest one.
   std::set<std::pair<std::string, DownloadID>> activeTokens;
   std::list<Starting> starting;
-  std::list<Waiting> waiting; ///< oldest first
+  std::list<Waiting> waitingDownloadsArray; ///< oldest first
   /// Places of a token in the list, oldest first.
   std::unordered_map<std::string, std::deque<std::list<Waiting>::iterator>> waitingTokens;
   DownloadID highestDownloadID = 0;
 
   // All of these need the lock.
-  bool isFull() const { return limit != UnlimitedDownloads && active.size() + starting.size() >= limit; }
+  bool isFull() const {
+    return maxConcurrentFileDownloadsCount != UnlimitedDownloads &&
+           activeDownloadsDictionary.size() + starting.size() >= maxConcurrentFileDownloadsCount;
+  }
   void wait(Waiting entry);
   std::optional<Waiting> takeOldestWaiting();
-  std::optional<Waiting> takeWaiting(const std::string& token); ///< the oldest of that token
+  std::optional<Waiting> removeWaitingDownloadObject(const std::string& token); ///< the oldest of that token
   StartingPlace beginStart(const std::string& token);
   std::optional<DownloadID> downloadIDForActiveDownloadToken(const std::string& token) const;
   ItemRef item(DownloadID downloadID) const;
