@@ -141,7 +141,7 @@ void FileDownloader::downloadDidCompleteWithIdentifier(const std::string& token,
   if (auto download = findDownload(token))
     return complete(download, localFileURL.path());
   halvix::log_e(logTag, "Completed download item not found " + token);
-  clearPlace(token);
+  halvix::Utils::removeFolder(folderOf(token)); // removed while its file came into its place
 }
 
 void FileDownloader::complete(const std::shared_ptr<Download>& download, const std::string& path) {
@@ -212,10 +212,10 @@ void FileDownloader::downloadFailedWithIdentifier(const std::string& token, cons
   });
 }
 
-/// A page that told of an error must not stand where the file belongs.
+/// Takes away a directory that was made for a file that never came into it.
 void FileDownloader::clearPlace(const std::string& uuid) {
   const std::string folder = folderOf(uuid);
-  if (!FileManager::directoryExistsAtPath(folder))
+  if (!FileManager::directoryExistsAtPath(folder) || !FileManager::contentsOfDirectoryAtPath(folder).empty())
     return;
   if (auto error = halvix::Utils::removeFolder(folder))
     halvix::log_e(logTag, error->localizedDescription());

@@ -108,6 +108,7 @@ Snapshot snapshotOf(const std::vector<BatchEntry>& entries) {
   Snapshot all;
   all.expectedBytes = 0;
   std::size_t complete = 0, ended = 0;
+  bool paused = false;
   for (const BatchEntry& entry : entries) {
     const Snapshot one = snapshotOfOne(*entry.download);
     const bool whole = entry.result == RunResult::Complete;
@@ -115,6 +116,7 @@ Snapshot snapshotOf(const std::vector<BatchEntry>& entries) {
     all.qualities.push_back(
         {name.empty() ? entry.download->contentUrl() : name, one.downloadedBytes, one.expectedBytes, whole});
     all.downloadedBytes += one.downloadedBytes;
+    paused |= entry.result == RunResult::Pending && entry.download->state() == DownloadState::paused;
     complete += whole;
     ended += entry.result != RunResult::Pending;
     // What failed adds nothing more.
@@ -124,6 +126,7 @@ Snapshot snapshotOf(const std::vector<BatchEntry>& entries) {
   all.totalLabel = std::to_string(complete) + " of " + std::to_string(entries.size());
   all.state = halvix::rawValue(complete == entries.size() ? DownloadState::success
                                : ended == entries.size()  ? DownloadState::failed
+                               : paused                   ? DownloadState::paused
                                                           : DownloadState::running);
   return all;
 }
