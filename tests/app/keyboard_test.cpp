@@ -88,6 +88,7 @@ protected:
     stall.stallAfter = 200'000;
     stall.gate = gate;
     server.once("/movie.mp4", stall);
+    stall.stallAfter = 50'000; // of the rest
     server.once("/movie.mp4", stall);
   }
   std::vector<std::string> command() const {
