@@ -49,7 +49,8 @@ public:
   }
   void command(char key) {
     std::lock_guard lock(_mutex);
-    _key = key;
+    if (_key != 'q') // which nothing takes back
+      _key = key;
     _changed.notify_all();
   }
 
@@ -136,7 +137,8 @@ class BatchRun {
 public:
   BatchRun(Host& host, std::vector<BatchEntry>& entries, std::size_t limit,
            std::shared_ptr<Follower> follower)
-      : _host(host), _entries(entries), _follower(std::move(follower)) {
+      : _host(host), _entries(entries), _follower(std::move(follower)), _held(entries.size()),
+        _told(entries.size()) {
     const bool filesAlone = std::all_of(entries.begin(), entries.end(),
                                         [](const auto& entry) { return isPlainFile(*entry.download); });
     _room = filesAlone ? entries.size() : std::max<std::size_t>(limit, 1);
@@ -191,14 +193,9 @@ public:
         pause(i);
     else
       for (std::size_t i = 0; i < _next; ++i)
-        if (_entries[i].result == RunResult::Pending &&
+        if (_held[i] && _entries[i].result == RunResult::Pending &&
             _entries[i].download->state() == DownloadState::paused)
-          _host.manager().resume(
-              _entries[i].download,
-              [follower = _follower, download = _entries[i].download](const halvix::QVErrorRef& error) {
-                if (error)
-                  follower->settle(download, RunResult::Failed, halvix::describeError(error));
-              });
+          release(i);
   }
 
   void interrupt() {
@@ -213,7 +210,6 @@ public:
   /// Remarks that came since the last time.
   std::vector<std::string> takeNotices() {
     std::vector<std::string> news;
-    _told.resize(_entries.size());
     for (std::size_t i = 0; i < _next; ++i) {
       // Those of a presentation are told when it was prepared.
       if (_told[i] || !isPlainFile(*_entries[i].download))
@@ -231,8 +227,18 @@ private:
     const DownloadRef& download = _entries[position].download;
     const DownloadState state = download->state();
     if (_entries[position].result == RunResult::Pending &&
-        (state == DownloadState::running || (state == DownloadState::idle && download->isStarted())))
+        (state == DownloadState::running || (state == DownloadState::idle && download->isStarted()))) {
+      _held[position] = true;
       _host.manager().pause(download);
+    }
+  }
+  void release(std::size_t position) {
+    _held[position] = false;
+    const DownloadRef& download = _entries[position].download;
+    _host.manager().resume(download, [follower = _follower, download](const halvix::QVErrorRef& error) {
+      if (error)
+        follower->settle(download, RunResult::Failed, halvix::describeError(error));
+    });
   }
   void fail(std::size_t position, const halvix::QVErrorRef& error) {
     settle(position, halvix::describeError(error));
@@ -250,6 +256,7 @@ private:
   std::size_t _next = 0;    ///< first one that was not looked at yet
   std::size_t _running = 0; ///< started and not ended
   bool _paused = false;
+  std::vector<bool> _held; ///< paused here, and not resumed yet
   std::vector<bool> _told;
 };
 

@@ -114,7 +114,6 @@ TEST_F(Files, TheServerTellsWhatTheURLDoesNot) {
       extra.headers["Content-Disposition"] = disposition;
     server.serve(path, {content(1000), "\"e\"", "", type}, extra);
   };
-  serve("/get?id=1", "video/mp4", "");
   serve("/get", "video/mp4", "attachment; filename=\"../../../a \x1b film.mp4\"");
   serve("/song", "audio/mpeg", "");
   ASSERT_EQ(run({"download", server.url("/get"), "--progress", "none"}).status, 0);
@@ -130,6 +129,9 @@ TEST_F(Files, TheServerTellsWhatTheURLDoesNot) {
   ASSERT_EQ(inspected.status, 0) << inspected.err;
   EXPECT_EQ(json::parse(inspected.out)["bytes"], 1000);
   EXPECT_EQ(json::parse(inspected.out)["resumable"], true);
+
+  serve("/attached", "application/octet-stream", "attachment; filename=talk.mp3");
+  EXPECT_NE(runProgram({"inspect", server.url("/attached")}).out.find("file talk.mp3"), std::string::npos);
 
   serve("/page", "text/html", "");
   ProgramResult refused = run({"download", server.url("/page")});
