@@ -30,7 +30,7 @@ private:
 };
 
 struct DownloadOptions {
-  std::string url;
+  std::vector<std::string> urls;
   std::string title;
   Selector video, audio, text;
   platform::HTTPHeaders headers;
@@ -49,6 +49,7 @@ int resumeCommand(const std::string& library, const std::vector<std::string>& id
                   std::optional<int> jobs, ProgressMode progress);
 int cancelCommand(const std::string& library, const std::vector<std::string>& identifiers);
 int removeCommand(const std::string& library, const std::vector<std::string>& identifiers);
-int verifyCommand(const std::string& library, const std::string& identifier);
+int verifyCommand(const std::string& library, const std::string& identifier, bool withOrigin,
+                  const platform::HTTPHeaders& headers);
 
 } // namespace tolvane

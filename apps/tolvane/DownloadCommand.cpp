@@ -1,5 +1,5 @@
 #include "apps/tolvane/Commands.h"
-#include "apps/tolvane/DownloadRun.h"
+#include "apps/tolvane/DownloadBatch.h"
 #include "apps/tolvane/Host.h"
 #include "apps/tolvane/Interruption.h"
 #include "apps/tolvane/Text.h"
@@ -8,6 +8,7 @@
 #include "halvix/DownloadManager.h"
 #include "halvix/ErrorDescription.h"
 #include "platform/application/Application.h"
+#include "platform/foundation/FileManager.h"
 #include "platform/foundation/Locale.h"
 #include "platform/foundation/URL.h"
 
@@ -15,6 +16,9 @@
 #include <atomic>
 #include <cstdio>
 #include <future>
+#include <mutex>
+#include <optional>
+#include <set>
 #include <type_traits>
 
 namespace tolvane {
@@ -59,17 +63,40 @@ private:
   std::shared_ptr<State> _state = std::make_shared<State>();
 };
 
-halvix::ContentType contentTypeOf(Host& host, const DownloadOptions& options, Interruption& interruption) {
-  auto type = std::make_shared<std::optional<halvix::ContentType>>();
+/// What each URL holds, asked for all at once; of those that cannot be told `failures` has the reason.
+std::vector<std::optional<halvix::ContentType>> contentTypesOf(Host& host, const DownloadOptions& options,
+                                                               Interruption& interruption,
+                                                               std::vector<std::string>& failures) {
+  struct Gathering {
+    std::mutex mutex;
+    std::vector<std::optional<halvix::ContentType>> types;
+    std::vector<std::string> failures;
+    std::size_t missing;
+  };
+  auto gathering = std::make_shared<Gathering>();
+  gathering->types.resize(options.urls.size());
+  gathering->failures.resize(options.urls.size());
+  gathering->missing = options.urls.size();
   Answer answer(interruption);
-  host.manager().determineContentType(
-      options.url, options.headers,
-      [type, done = answer.completion()](std::optional<halvix::ContentType> found, halvix::QVErrorRef error) {
-        *type = found;
-        done(std::move(error));
-      });
+  for (std::size_t i = 0; i < options.urls.size(); ++i)
+    host.manager().determineContentType(
+        options.urls[i], options.headers,
+        [gathering, i, done = answer.completion()](std::optional<halvix::ContentType> found,
+                                                   const halvix::QVErrorRef& error) {
+          bool last = false;
+          {
+            std::lock_guard lock(gathering->mutex);
+            gathering->types[i] = found;
+            if (!found)
+              gathering->failures[i] = error ? halvix::describeError(error) : "its content cannot be told";
+            last = --gathering->missing == 0;
+          }
+          if (last)
+            done(nullptr);
+        });
   answer.wait();
-  return type->value();
+  failures = gathering->failures;
+  return gathering->types;
 }
 
 template <class Rendition, class Tracks>
@@ -137,26 +164,62 @@ void printNotices(const halvix::Download& download) {
     std::fprintf(stderr, "tolvane: note: %s\n", oneLine(notice).c_str());
 }
 
-/// Runs a prepared download to its end; the exit status.
-int run(Host& host, const DownloadRef& download, ProgressMode mode, Interruption& interruption,
-        const std::function<halvix::QVErrorRef()>& start) {
+std::string nameOf(const halvix::Download& download) {
+  return oneLine(download.title().empty() ? download.contentUrl() : download.title());
+}
+
+/// A presentation when all that is chosen is there, a file when it is; without its file it is fetched anew.
+bool isAlreadyComplete(const halvix::Download& download) {
+  if (download.state() != halvix::DownloadState::success)
+    return false;
+  if (!isPlainFile(download))
+    return everythingDownloaded(download.selection());
+  const auto path = download.localUrl();
+  return path && platform::FileManager::fileExistsAtPath(*path);
+}
+
+/// Announces what is not complete yet and puts it into the batch.
+void enlist(const DownloadRef& download, std::vector<BatchEntry>& entries) {
+  std::printf("%s  %s\n", download->uuid().c_str(), nameOf(*download).c_str());
+  if (isAlreadyComplete(*download))
+    std::printf("already complete: %s\n", download->localUrl().value_or("").c_str());
+  else
+    entries.push_back({download, RunResult::Pending, {}});
+  std::fflush(stdout);
+}
+
+/// Runs prepared downloads to their ends; the exit status. `alone`: a failure is told without a name.
+int run(Host& host, std::vector<BatchEntry>& entries, std::optional<int> jobs, ProgressMode mode,
+        Interruption& interruption, bool alone) {
+  if (entries.empty())
+    return statusDone;
   // Progress is for people; standard output stays free for the results of the other modes.
   auto display = ProgressDisplay::create(mode, stdout);
-  std::string error;
-  switch (followDownload(host, download, *display, interruption, start, error)) {
-  case RunResult::Complete:
-    // What was not recorded would pass for interrupted; a disk that has room again takes it now.
-    require(host.manager().store());
-    if (mode != ProgressMode::JSON && mode != ProgressMode::None)
-      std::printf("complete: %s\n", download->localUrl().value_or("").c_str());
-    return statusDone;
-  case RunResult::Interrupted:
-    std::fprintf(stderr, "tolvane: interrupted; what was downloaded is kept, 'tolvane resume %s' goes on\n",
-                 download->uuid().c_str());
-    return statusInterrupted;
-  default:
-    throw Failure(error);
+  followDownloads(host, entries, static_cast<std::size_t>(jobs.value_or(4)), *display, interruption);
+
+  int status = statusDone;
+  std::size_t interrupted = 0;
+  for (const BatchEntry& entry : entries) {
+    if (entry.result == RunResult::Complete && mode != ProgressMode::JSON && mode != ProgressMode::None)
+      std::printf("complete: %s\n", entry.download->localUrl().value_or("").c_str());
+    interrupted += entry.result == RunResult::Interrupted;
   }
+  std::fflush(stdout);
+  for (const BatchEntry& entry : entries)
+    if (entry.result == RunResult::Failed) {
+      if (alone)
+        throw Failure(entry.error);
+      std::fprintf(stderr, "tolvane: %s: %s\n", nameOf(*entry.download).c_str(),
+                   oneLine(entry.error).c_str());
+      status = statusFailed;
+    }
+  // What was not recorded would pass for interrupted; a disk that has room again takes it now.
+  require(host.manager().store());
+  if (interrupted == 0)
+    return status;
+  std::fprintf(stderr, "tolvane: interrupted; what was downloaded is kept, 'tolvane resume %s' goes on\n",
+               interrupted == 1 && entries.size() == 1 ? entries[0].download->uuid().c_str() : "--all");
+  return statusInterrupted;
 }
 
 void prepare(Host& host, const DownloadRef& download, Interruption& interruption) {
@@ -176,18 +239,14 @@ std::vector<DownloadRef> findAll(Host& host, const std::vector<std::string>& ide
 
 } // namespace
 
-int downloadCommand(const std::string& library, const DownloadOptions& options) {
-  auto url = platform::URL::URLWithString(options.url);
-  if (!url || !url->isHTTP() || !url->host())
-    throw Failure("'" + options.url + "' is no address that can be downloaded; give an http or https URL",
-                  statusUsage);
-  Interruption interruption;
-  platform::Application::shared().observeTerminalSignals();
-  Host host(library);
+namespace {
 
+/// The prepared download of one URL, with its choice made.
+DownloadRef prepareNew(Host& host, const std::string& url, halvix::ContentType type,
+                       const DownloadOptions& options, Interruption& interruption) {
   halvix::PlayerConfiguration configuration;
-  configuration.contentUrl = options.url;
-  configuration.contentType = contentTypeOf(host, options, interruption);
+  configuration.contentUrl = url;
+  configuration.contentType = type;
   configuration.title = options.title;
   halvix::QVErrorRef error;
   DownloadRef download = host.manager().createDownload(configuration, options.headers, &error);
@@ -197,6 +256,8 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
 
   try {
     prepare(host, download, interruption);
+    if (isPlainFile(*download))
+      return download;
     bool chosenBefore = download->hasSelection();
     halvix::Selection selection = choose(*download->tracks(), options, chosenBefore);
     if (!chosenBefore) {
@@ -210,22 +271,61 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
     host.manager().discard(download);
     throw;
   }
+  return download;
+}
 
-  std::printf("%s  %s\n", download->uuid().c_str(),
-              oneLine(download->title().empty() ? options.url : download->title()).c_str());
-  std::fflush(stdout);
-  if (download->state() == halvix::DownloadState::success && everythingDownloaded(download->selection())) {
-    std::printf("already complete: %s\n", download->localUrl().value_or("").c_str());
-    return statusDone;
+void checkURLs(const DownloadOptions& options) {
+  for (const std::string& text : options.urls) {
+    auto url = platform::URL::URLWithString(text);
+    if (!url || !url->isHTTP() || !url->host())
+      throw Failure("'" + text + "' is no address that can be downloaded; give an http or https URL",
+                    statusUsage);
   }
-  return run(host, download, options.progress, interruption, [&] { return host.manager().start(download); });
+  if (options.urls.size() > 1 && !options.title.empty())
+    throw Failure("--title names one download, and there are several URLs", statusUsage);
+}
+
+} // namespace
+
+int downloadCommand(const std::string& library, const DownloadOptions& options) {
+  checkURLs(options);
+  const bool alone = options.urls.size() == 1;
+  Interruption interruption;
+  platform::Application::shared().observeTerminalSignals();
+  Host host(library, options.jobs.value_or(0));
+
+  int status = statusDone;
+  std::vector<std::string> failures;
+  const auto types = contentTypesOf(host, options, interruption, failures);
+  std::vector<BatchEntry> entries;
+  std::set<std::string> seen;
+  for (std::size_t i = 0; i < options.urls.size(); ++i) {
+    const std::string& url = options.urls[i];
+    if (!seen.insert(url).second)
+      continue;
+    try {
+      if (!types[i])
+        throw Failure(failures[i]);
+      enlist(prepareNew(host, url, *types[i], options, interruption), entries);
+    } catch (const std::runtime_error& failure) {
+      // One that cannot be begun does not keep the others from it.
+      auto* own = dynamic_cast<const Failure*>(&failure);
+      if (alone || (own && own->status() == statusInterrupted))
+        throw;
+      std::fprintf(stderr, "tolvane: %s: %s\n", oneLine(halvix::urlForDisplay(url)).c_str(),
+                   oneLine(failure.what()).c_str());
+      status = statusFailed;
+    }
+  }
+  const int ended = run(host, entries, options.jobs, options.progress, interruption, alone);
+  return ended == statusDone ? status : ended;
 }
 
 int resumeCommand(const std::string& library, const std::vector<std::string>& identifiers, bool all,
                   std::optional<int> jobs, ProgressMode progress) {
   Interruption interruption;
   platform::Application::shared().observeTerminalSignals();
-  Host host(library);
+  Host host(library, jobs.value_or(0));
   std::vector<DownloadRef> downloads;
   if (all) {
     for (const DownloadRef& download : host.manager().downloads())
@@ -237,22 +337,13 @@ int resumeCommand(const std::string& library, const std::vector<std::string>& id
     std::printf("nothing to resume\n");
 
   int status = statusDone;
+  std::vector<BatchEntry> entries;
   for (const DownloadRef& download : downloads) {
-    std::printf("%s  %s\n", download->uuid().c_str(),
-                oneLine(download->title().empty() ? download->contentUrl() : download->title()).c_str());
-    std::fflush(stdout);
     if (jobs)
       download->setMaximumConcurrentTransfers(*jobs);
     try {
       prepare(host, download, interruption);
-      if (download->state() == halvix::DownloadState::success &&
-          everythingDownloaded(download->selection())) {
-        std::printf("already complete: %s\n", download->localUrl().value_or("").c_str());
-        continue;
-      }
-      int one = run(host, download, progress, interruption, [&] { return host.manager().start(download); });
-      if (one == statusInterrupted)
-        return one;
+      enlist(download, entries);
     } catch (const Failure& failure) {
       // One download that fails does not keep the others from going on.
       if (failure.status() == statusInterrupted)
@@ -261,7 +352,8 @@ int resumeCommand(const std::string& library, const std::vector<std::string>& id
       status = statusFailed;
     }
   }
-  return status;
+  const int ended = run(host, entries, jobs, progress, interruption, false);
+  return ended == statusDone ? status : ended;
 }
 
 int cancelCommand(const std::string& library, const std::vector<std::string>& identifiers) {

@@ -66,10 +66,12 @@ void require(const halvix::QVErrorRef& error) {
     throw Failure(halvix::describeError(error));
 }
 
-Host::Host(const std::string& library) {
+Host::Host(const std::string& library, int files) {
   halvix::HostOptions options;
   options.libraryDirectory = library;
   options.preferredLanguages = {userLocaleName()};
+  if (files > 0)
+    options.maximumConcurrentFiles = files;
   halvix::QVErrorRef error;
   // First the library and its lock, so that a second process hears of the library and not of its parts.
   _environment = halvix::HostEnvironment::open(options, &error);

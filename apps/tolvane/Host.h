@@ -28,8 +28,8 @@ std::string userLocaleName();
 class Host {
 public:
   /// Throws Failure: the library is held by another process, cannot be written, is damaged or from a newer
-  /// version.
-  explicit Host(const std::string& library);
+  /// version. `files`: most plain files at once; 0 leaves the host's default.
+  explicit Host(const std::string& library, int files = 0);
   ~Host();
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;

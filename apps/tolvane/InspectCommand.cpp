@@ -1,4 +1,5 @@
 #include "apps/tolvane/Commands.h"
+#include "apps/tolvane/FileCommands.h"
 #include "apps/tolvane/Host.h"
 #include "apps/tolvane/PresentationJSON.h"
 #include "apps/tolvane/Text.h"
@@ -109,6 +110,8 @@ int inspectCommand(const std::string& source, const platform::HTTPHeaders& heade
     });
     done.get_future().wait();
     require(failure);
+    if (type == halvix::ContentType::mp4 || type == halvix::ContentType::mp3)
+      return inspectFile(source, headers, type, asJSON);
   } else if (auto known = halvix::contentTypeFromURL(source))
     type = *known;
 

@@ -1,5 +1,7 @@
 #include "apps/tolvane/Interruption.h"
 
+#include "apps/tolvane/Keyboard.h"
+
 #include <atomic>
 #include <csignal>
 #include <mutex>
@@ -27,8 +29,10 @@ Interruption::Interruption() : _state(std::make_shared<State>()) {
     for (int number = 0; sigwait(&state->signals, &number) == 0;) {
       if (state->ending)
         return;
-      if (state->happened.exchange(true))
+      if (state->happened.exchange(true)) {
+        Keyboard::restoreTerminal();
         _exit(130);
+      }
       std::lock_guard lock(state->mutex);
       if (state->handler)
         state->handler();
@@ -41,6 +45,10 @@ Interruption::~Interruption() {
   pthread_kill(_state->thread.native_handle(), SIGTERM);
   _state->thread.join();
   pthread_sigmask(SIG_UNBLOCK, &_state->signals, nullptr);
+}
+
+void Interruption::raise() {
+  pthread_kill(_state->thread.native_handle(), SIGINT);
 }
 
 bool Interruption::happened() const {

@@ -17,6 +17,9 @@ public:
 
   bool happened() const;
 
+  /// As if SIGINT had come.
+  void raise();
+
   /// `handler` runs on a thread of its own when the first signal comes, at once when it already came.
   /// Replaces the handler before; null for none. A handler that is running has ended when this returns.
   void setHandler(std::function<void()> handler);

@@ -89,6 +89,11 @@ class BarDisplay : public ProgressDisplay {
 public:
   explicit BarDisplay(std::FILE* out) : _out(out) {}
 
+  void hint(const std::string& text) override {
+    std::fprintf(_out, "%s\n", text.c_str());
+    std::fflush(_out);
+  }
+
   void update(const Snapshot& snapshot) override {
     _rate.add(snapshot.downloadedBytes);
     if (_throttle.due())
@@ -112,7 +117,11 @@ private:
     if (_lines > 0)
       text += "\033[" + std::to_string(_lines) + "A";
     std::size_t lines = 0;
+    // Where not all fit, what moves is worth a line.
+    const bool allFit = snapshot.qualities.size() + 2 < rows;
     for (const QualityProgress& quality : snapshot.qualities) {
+      if (!allFit && (quality.complete || quality.downloadedBytes == 0))
+        continue;
       if (lines + 2 >= rows)
         break;
       text +=
@@ -121,10 +130,12 @@ private:
     }
     double rate = _rate.bytesPerSecond();
     std::int64_t left = _rate.secondsLeft(snapshot);
-    std::string tail =
-        isComplete(snapshot) ? "" : bytesText(std::int64_t(rate)) + "/s  " + timeText(left) + " left";
-    text +=
-        line("total", snapshot.downloadedBytes, snapshot.expectedBytes, isComplete(snapshot), tail, width);
+    std::string tail = isComplete(snapshot) ? ""
+                       : snapshot.state == "paused"
+                           ? "paused"
+                           : bytesText(std::int64_t(rate)) + "/s  " + timeText(left) + " left";
+    text += line(snapshot.totalLabel, snapshot.downloadedBytes, snapshot.expectedBytes, isComplete(snapshot),
+                 tail, width);
     ++lines;
     // A redraw with fewer lines must not leave old ones below.
     text += "\033[J";
@@ -190,7 +201,8 @@ private:
   }
 
   void print(const Snapshot& snapshot, int value) {
-    std::fprintf(_out, "%s%% of %s, %s/s\n", percentText(value).c_str(),
+    const std::string label = snapshot.totalLabel == "total" ? "" : snapshot.totalLabel + ": ";
+    std::fprintf(_out, "%s%s%% of %s, %s/s\n", label.c_str(), percentText(value).c_str(),
                  snapshot.expectedBytes < 0 ? "an unknown size" : bytesText(snapshot.expectedBytes).c_str(),
                  bytesText(std::int64_t(_rate.bytesPerSecond())).c_str());
     std::fflush(_out);

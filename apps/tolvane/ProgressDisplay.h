@@ -16,10 +16,11 @@ struct QualityProgress {
   bool complete = false;
 };
 
-/// How far a download is.
+/// How far a download is, or several as one.
 struct Snapshot {
   std::string identifier;
   std::string title;
+  std::string totalLabel = "total";
   std::string state;
   std::vector<QualityProgress> qualities;
   std::int64_t downloadedBytes = 0;
@@ -38,6 +39,9 @@ public:
 
   /// Shows what changed; cheap enough for every event, because it draws a few times a second at most.
   virtual void update(const Snapshot& snapshot) = 0;
+
+  /// A line for who sits in front of it, before the first state.
+  virtual void hint(const std::string& text) { (void)text; }
 
   /// Shows the final state and leaves the terminal on a fresh line.
   virtual void finish(const Snapshot& snapshot) = 0;

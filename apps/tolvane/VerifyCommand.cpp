@@ -7,6 +7,7 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVResourcePath.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVTrack.h"
 #include "apps/tolvane/Commands.h"
+#include "apps/tolvane/FileCommands.h"
 #include "apps/tolvane/Host.h"
 #include "apps/tolvane/Manifest.h"
 #include "apps/tolvane/MediaFileCheck.h"
@@ -95,8 +96,14 @@ void printSome(const char* what, const std::vector<std::string>& names) {
 
 } // namespace
 
-int verifyCommand(const std::string& library, const std::string& identifier) {
+int verifyCommand(const std::string& library, const std::string& identifier, bool withOrigin,
+                  const platform::HTTPHeaders& headers) {
   halvix::DownloadSummary download = find(library, identifier);
+  if (download.contentType == halvix::ContentType::mp4 || download.contentType == halvix::ContentType::mp3)
+    return verifyFile(download, withOrigin, headers);
+  if (withOrigin)
+    throw Failure("--origin compares files only; a presentation is compared with its stored manifest",
+                  statusUsage);
   const std::string folder = directoryOf(library, download.id);
   auto properties =
       QVMovieDownloadProperties::propertiesWithLocalPath(folder, QVMovieDownloadProperties::defaultJSONName);

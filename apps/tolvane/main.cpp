@@ -32,15 +32,15 @@ void addHeader(platform::HTTPHeaders& headers, const std::string& text) {
 
 struct Arguments {
   std::string library, source, base, title, video, audio, text, progress = "auto", identifier;
-  std::vector<std::string> identifiers, headers;
+  std::vector<std::string> sources, identifiers, headers;
   int jobs = 0;
-  bool json = false, all = false;
+  bool json = false, all = false, origin = false;
 };
 
 DownloadOptions downloadOptions(const Arguments& arguments, const platform::HTTPHeaders& headers,
                                 ProgressMode mode) {
   DownloadOptions options;
-  options.url = arguments.source;
+  options.urls = arguments.sources;
   options.title = arguments.title;
   try {
     if (!arguments.video.empty())
@@ -75,7 +75,9 @@ int run(int argc, char** argv) {
         ->take_all();
   };
   auto running = [&](CLI::App* command) {
-    command->add_option("--jobs", arguments.jobs, "most transfers at once for each quality (default 4)")
+    command
+        ->add_option("--jobs", arguments.jobs,
+                     "most transfers at once: of files, and of each quality of a presentation (default 4)")
         ->check(CLI::Range(1, 64));
     command->add_option("--progress", arguments.progress, "auto, bar, plain, json or none");
   };
@@ -92,10 +94,11 @@ int run(int argc, char** argv) {
   resources->add_flag("--json", arguments.json, "as JSON");
   header(resources);
 
-  auto* download = app.add_subcommand("download", "download a presentation, or go on with it");
-  download->add_option("URL", arguments.source, "address of the manifest")->required();
+  auto* download = app.add_subcommand("download", "download presentations and files, or go on with them");
+  download->add_option("URL", arguments.sources, "addresses of manifests and of MP4 or MP3 files")
+      ->required();
   library(download);
-  download->add_option("--title", arguments.title, "name to show in lists");
+  download->add_option("--title", arguments.title, "name to show in lists, of a single URL");
   download->add_option("--video", arguments.video, "best (default), worst, all, none, 720p, 1500k or id:X");
   download->add_option("--audio", arguments.audio, "best, all, none, languages such as en,de, or id:X");
   download->add_option("--text", arguments.text, "best, all, none (default), languages, or id:X");
@@ -122,8 +125,10 @@ int run(int argc, char** argv) {
   remove->add_option("ID", arguments.identifiers, "identifiers")->required();
   library(remove);
 
-  auto* verify = app.add_subcommand("verify", "compare a download's directory with its manifest");
+  auto* verify = app.add_subcommand("verify", "compare what is on disk with what it should be");
   verify->add_option("ID", arguments.identifier, "identifier")->required();
+  verify->add_flag("--origin", arguments.origin, "ask the server too whether its file has the same length");
+  header(verify);
   library(verify);
 
   auto* demo = app.add_subcommand("demo", "show the main job on this machine, over loopback");
@@ -168,7 +173,7 @@ int run(int argc, char** argv) {
     return cancelCommand(directory, arguments.identifiers);
   if (*remove)
     return removeCommand(directory, arguments.identifiers);
-  return verifyCommand(directory, arguments.identifier);
+  return verifyCommand(directory, arguments.identifier, arguments.origin, headers);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "TolvaneDownloader/DASHDownloader/DashDownloaderFactory.h"
 #include "TolvaneDownloader/DownloaderPlugin.h"
+#include "TolvaneDownloader/FileDownloader/FileDownloader.h"
 #include "tests/adapters/AdapterFixture.h"
 
 #include "halvix/Plugin.h"
@@ -52,6 +53,8 @@ TEST(Plugin, RegistersItsFactoriesAndHandsOutTheSharedDownloader) {
   EXPECT_EQ(context->components()->downloader(second, ContentType::dash), downloader);
   EXPECT_EQ(dispatchers->made, (std::vector<std::string>{"first", "second"}));
   EXPECT_EQ(downloader->dispatcher(), dispatchers->last) << "the last session that asked gets the events";
+  for (ContentType file : {ContentType::mp4, ContentType::mp3})
+    EXPECT_EQ(context->components()->downloader(first, file), plugin.fileDownloader());
   plugin.pluginDetached();
   EXPECT_NE(context->components()->factory(ContentType::dash, first), nullptr)
       << "detaching releases nothing";

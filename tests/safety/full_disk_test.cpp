@@ -86,3 +86,26 @@ TEST(FullDisk, OneErrorThatTellsTheSpaceNeededAndTheDownloadGoesOnWhenThereIsRoo
       EXPECT_EQ(std::count(whole.begin(), whole.end(), requests[i].path.substr(1)), 0) << requests[i].path;
   }
 }
+
+TEST(FullDisk, AFileKeepsItsBytesAndGoesOnWhenThereIsRoom) {
+  const std::string body(6'000'000, 'm');
+  FaultServer server;
+  server.serve("/movie.mp4", {body, "\"v1\"", ""});
+  SmallDisk disk("4000000");
+  if (!disk.isMounted())
+    GTEST_SKIP() << "no file system can be mounted here";
+  const std::string library = disk.path() + "/library";
+  ProgramResult result =
+      runBounded({"download", server.url("/movie.mp4"), "--progress", "none", "--library", library});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(endFault(result), "");
+  EXPECT_NE(result.err.find("needed"), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("free"), std::string::npos) << result.err;
+
+  ASSERT_TRUE(disk.resize("16000000"));
+  result = runBounded({"resume", "--all", "--progress", "none", "--library", library});
+  EXPECT_EQ(result.status, 0) << result.err;
+  const json entry = json::parse(runBounded({"list", "--json", "--library", library}).out)[0];
+  EXPECT_EQ(readFile(entry["localPath"].get<std::string>()), body);
+  EXPECT_NE(server.requests().back().header("Range"), "") << "the partial file stays usable";
+}

@@ -1,5 +1,6 @@
 #include "halvix/ContentTypeDetection.h"
 
+#include "halvix/ContentName.h"
 #include "halvix/ErrorDescription.h"
 
 #include "platform/concurrency/Queue.h"
@@ -66,6 +67,11 @@ void detectContentType(const std::string& url, const platform::HTTPHeaders& head
         auto type = header ? contentTypeFromMIMEType(*header) : std::nullopt;
         if (!type)
           type = contentTypeFromURL(response->url().absoluteString());
+        // "application/octet-stream" with a name is how many servers hand out files.
+        if (const auto disposition = response->valueForHTTPHeaderField("Content-Disposition");
+            disposition && !type)
+          if (const auto name = fileNameFromContentDisposition(*disposition))
+            type = contentTypeFromURL(*name);
         if (type)
           return answer(completion, type, nullptr);
         answer(

@@ -88,6 +88,8 @@ inline constexpr const char* NSLocalizedDescriptionKey = "NSLocalizedDescription
 inline constexpr const char* NSLocalizedFailureReasonErrorKey = "NSLocalizedFailureReason";
 inline constexpr const char* NSLocalizedRecoverySuggestionErrorKey = "NSLocalizedRecoverySuggestion";
 inline constexpr const char* NSUnderlyingErrorKey = "NSUnderlyingError";
+/// A `URL`; the text of it stands under the next one.
+inline constexpr const char* NSURLErrorFailingURLErrorKey = "NSErrorFailingURLKey";
 inline constexpr const char* NSURLErrorFailingURLStringErrorKey = "NSErrorFailingURLStringKey";
 /// User info key of the resume data (a `DataRef`) of a failed or cancelled download task.
 inline constexpr const char* NSURLSessionDownloadTaskResumeData = "NSURLSessionDownloadTaskResumeData";

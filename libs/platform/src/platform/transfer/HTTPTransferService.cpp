@@ -2,6 +2,8 @@
 #include "platform/foundation/FileManager.h"
 #include "platform/foundation/StringHash.h"
 #include "platform/transfer/TransferService.h"
+#include "platform/transfer/internal/ConnectionLoop.h"
+#include "platform/transfer/internal/HTTPConnection.h"
 #include "platform/transfer/internal/ServiceParts.h"
 #include "platform/transfer/internal/Session.h"
 
@@ -55,6 +57,15 @@ public:
                                           std::weak_ptr<URLSessionDelegate> delegate,
                                           std::shared_ptr<Queue> delegateQueue, ErrorRef* error) override;
   std::shared_ptr<URLSession> sharedSession() override;
+  bool hasBackgroundSessions() const override { return _parts->options.backgroundSessions; }
+  std::shared_ptr<URLConnection> openConnection(const URLSessionConfiguration& configuration,
+                                                const URLRequest& request,
+                                                std::weak_ptr<URLConnectionDelegate> delegate,
+                                                std::shared_ptr<Queue> queue) override {
+    return transfer::HTTPConnection::open(_connections, configuration, request, std::move(delegate),
+                                          std::move(queue));
+  }
+  void discardPartialData(const URLRequest& request) override;
   void shutdown() override;
   void sweep();
 
@@ -69,6 +80,8 @@ private:
   std::vector<std::shared_ptr<Session>> sessions();
 
   const std::shared_ptr<ServiceParts> _parts;
+  const std::shared_ptr<transfer::ConnectionLoop> _connections =
+      std::make_shared<transfer::ConnectionLoop>(_parts->options);
   std::mutex _mutex;
   std::vector<std::weak_ptr<Session>> _sessions;
   std::size_t _pruneAt = 64;
@@ -134,6 +147,13 @@ std::shared_ptr<Session> HTTPTransferService::openBackground(const URLSessionCon
                                                              std::weak_ptr<URLSessionDelegate> delegate,
                                                              std::shared_ptr<Queue> delegateQueue,
                                                              ErrorRef* error) {
+  if (!_parts->options.backgroundSessions) {
+    if (error)
+      *error = makeError(NSURLErrorDomain, NSURLErrorUnknown,
+                         "The session \"" + configuration.identifier +
+                             "\" cannot be opened: this service has no background sessions.");
+    return nullptr;
+  }
   // One that is on its way out, by the loss of its last reference or by cancelling, is waited for: to its
   // former holder it is gone already.
   for (const auto& other : sessions())
@@ -188,6 +208,12 @@ std::shared_ptr<URLSession> HTTPTransferService::sharedSession() {
   return _shared;
 }
 
+void HTTPTransferService::discardPartialData(const URLRequest& request) {
+  const auto range = request.valueForHTTPHeaderField("Range").value_or("");
+  while (auto claim = _parts->store.adopt(request.HTTPMethod(), request.url().absoluteString(), range))
+    claim->file->remove();
+}
+
 void HTTPTransferService::shutdown() {
   std::lock_guard once(_shutdownMutex);
   {
@@ -195,6 +221,7 @@ void HTTPTransferService::shutdown() {
     if (std::exchange(_stopped, true))
       return;
   }
+  _connections->stop();
   auto open = sessions();
   for (const auto& session : open)
     session->abandon(true);

@@ -9,6 +9,8 @@
 namespace platform {
 
 class Queue;
+class URLConnection;
+class URLConnectionDelegate;
 
 /// What hosts sessions. Applications make one and set it as the process's default; tests put a scripted one
 /// in its place. Thread-safe.
@@ -23,6 +25,23 @@ public:
 
   /// An ordinary session without a delegate, made once.
   virtual std::shared_ptr<URLSession> sharedSession() = 0;
+
+  /// False when sessions of an identifier cannot be had here: `openSession` refuses them.
+  virtual bool hasBackgroundSessions() const { return true; }
+
+  /// A plain connection, not started; its events arrive on `queue` (not null). Only `HTTPAdditionalHeaders`
+  /// and `timeoutIntervalForRequest` of the configuration count. Null when the service has no connections.
+  virtual std::shared_ptr<URLConnection> openConnection(const URLSessionConfiguration& configuration,
+                                                        const URLRequest& request,
+                                                        std::weak_ptr<URLConnectionDelegate> delegate,
+                                                        std::shared_ptr<Queue> queue) {
+    (void)configuration, (void)request, (void)delegate, (void)queue;
+    return nullptr;
+  }
+
+  /// Removes what download tasks of that request that have ended left on disk to be gone on with. Bytes of a
+  /// task that has not ended stay. For what will not be wanted again; it blocks on the disk.
+  virtual void discardPartialData(const URLRequest& request) { (void)request; }
 
   /// Stops all transfers, syncs what they hold, completes every task with NSURLErrorCancelled and delivers
   /// what is waiting; then returns. Tasks of background sessions stay in the journal for the next process.
@@ -47,6 +66,8 @@ struct HTTPTransferServiceOptions {
   std::chrono::milliseconds retryDelay{500};
   /// PEM file with the certificate authorities to trust instead of the system's; empty: the system's.
   std::string certificateAuthorityFile;
+  /// False: the service offers no background sessions, and what needs them falls back to plain connections.
+  bool backgroundSessions = true;
 };
 
 /// The background HTTP download service over libcurl and SQLite. Null with `error` set when the directory or

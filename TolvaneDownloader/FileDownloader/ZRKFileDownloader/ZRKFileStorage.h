@@ -1,0 +1,28 @@
+#pragma once
+
+#include "platform/foundation/URL.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+// Where the file queue puts files, and what it does to put them there. All operations block on the disk.
+
+/// A new random UUID, in capitals.
+std::string ZRKNewUUID();
+
+/// The place for the body of a plain connection: the URL's last path component in the folder "file-download"
+/// of `temporaryDirectory`, which is made when missing. The name never leads out of the folder; a file that
+/// stands there already belongs to another download. Nothing, with a log line, when the folder cannot be
+/// made.
+std::optional<platform::URL> ZRKTempLocalFileURLForDownloadFromURL(const platform::URL& remoteURL,
+                                                                   const std::string& temporaryDirectory);
+
+/// `directory`/file-download, made when missing and marked as not worth a backup; nothing, with a log line,
+/// when that fails.
+std::optional<std::string> ZRKFileDownloadFolder(const std::string& directory);
+
+/// Moves a received file to `destination`, replacing a file that stands there, and reads its size. Answers
+/// the line that was logged when something failed; `size` is valid on success.
+std::optional<std::string> ZRKPlaceFile(const std::string& location, const std::string& destination,
+                                        std::int64_t& size);

@@ -1,0 +1,321 @@
+#include "apps/tolvane/DownloadBatch.h"
+
+#include "apps/tolvane/Host.h"
+#include "apps/tolvane/Interruption.h"
+#include "apps/tolvane/Keyboard.h"
+#include "apps/tolvane/Text.h"
+
+#include "halvix/Download.h"
+#include "halvix/DownloadManager.h"
+#include "halvix/DownloaderDispatcher.h"
+#include "halvix/ErrorDescription.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+
+namespace tolvane {
+namespace {
+
+using halvix::DownloadState;
+using DownloadRef = std::shared_ptr<halvix::Download>;
+
+/// Collects what the host tells, and wakes the thread that shows it for what cannot wait.
+class Follower : public halvix::DownloadDelegate {
+public:
+  explicit Follower(const std::vector<BatchEntry>& entries) : _results(entries.size()) {
+    for (std::size_t i = 0; i < entries.size(); ++i)
+      _positions.emplace(entries[i].download.get(), i);
+  }
+
+  void downloadDidFail(const DownloadRef& download, const halvix::QVErrorRef& error) override {
+    // A failure that the host found on its list at start-up is of an earlier process.
+    if (error && error->type() != halvix::ErrorType::download_interrupted)
+      settle(download, RunResult::Failed, halvix::describeError(error));
+  }
+  void downloadDidFinish(const DownloadRef& download) override { settle(download, RunResult::Complete, {}); }
+
+  void settle(const DownloadRef& download, RunResult result, std::string error) {
+    std::lock_guard lock(_mutex);
+    const auto position = _positions.find(download.get());
+    if (position == _positions.end() || _results[position->second].first != RunResult::Pending)
+      return;
+    _results[position->second] = {result, std::move(error)};
+    _settled.push_back(position->second);
+    _changed.notify_all();
+  }
+  void command(char key) {
+    std::lock_guard lock(_mutex);
+    if (_key != 'q') // which nothing takes back
+      _key = key;
+    _changed.notify_all();
+  }
+
+  /// Waits for a moment, or for an end or a command; the commands are 'p', 'r', 'q' and 0 for none.
+  char wait(std::vector<BatchEntry>& entries) {
+    std::unique_lock lock(_mutex);
+    // Progress is looked at every now and then instead of at each event: of many downloads there are more
+    // than anybody can read.
+    _changed.wait_for(lock, std::chrono::milliseconds(100), [&] { return _key || !_settled.empty(); });
+    for (std::size_t position : _settled) {
+      entries[position].result = _results[position].first;
+      entries[position].error = _results[position].second;
+    }
+    _settled.clear();
+    return std::exchange(_key, 0);
+  }
+
+private:
+  std::unordered_map<const halvix::Download*, std::size_t> _positions;
+  std::mutex _mutex;
+  std::condition_variable _changed;
+  std::vector<std::pair<RunResult, std::string>> _results;
+  std::vector<std::size_t> _settled; ///< news of `_results`
+  char _key = 0;
+};
+
+Snapshot snapshotOfOne(const halvix::Download& download) {
+  Snapshot snapshot;
+  snapshot.identifier = download.uuid();
+  snapshot.title = download.title();
+  snapshot.state = halvix::rawValue(download.state());
+  halvix::DownloadProgress progress = download.progress();
+  if (!progress.renditions() || progress.renditions()->empty()) {
+    snapshot.downloadedBytes = progress.downloadedContentSize();
+    snapshot.expectedBytes = progress.expectedContentSize();
+    return snapshot;
+  }
+  // The total of the lines that are shown; the record's own counts look at a run, which may be the rest of a
+  // download.
+  snapshot.expectedBytes = 0;
+  for (const halvix::RenditionProgress& rendition : *progress.renditions()) {
+    const bool known = rendition.expectedContentSize >= 0;
+    snapshot.qualities.push_back({rendition.label, rendition.downloadedContentSize,
+                                  rendition.expectedContentSize,
+                                  known && rendition.downloadedContentSize >= rendition.expectedContentSize});
+    snapshot.downloadedBytes += rendition.downloadedContentSize;
+    snapshot.expectedBytes =
+        known && snapshot.expectedBytes >= 0 ? snapshot.expectedBytes + rendition.expectedContentSize : -1;
+  }
+  return snapshot;
+}
+
+Snapshot snapshotOf(const std::vector<BatchEntry>& entries) {
+  if (entries.size() == 1)
+    return snapshotOfOne(*entries[0].download);
+  Snapshot all;
+  all.expectedBytes = 0;
+  std::size_t complete = 0, ended = 0;
+  bool paused = false;
+  for (const BatchEntry& entry : entries) {
+    const Snapshot one = snapshotOfOne(*entry.download);
+    const bool whole = entry.result == RunResult::Complete;
+    const std::string& name = one.title;
+    all.qualities.push_back(
+        {name.empty() ? entry.download->contentUrl() : name, one.downloadedBytes, one.expectedBytes, whole});
+    all.downloadedBytes += one.downloadedBytes;
+    paused |= entry.result == RunResult::Pending && entry.download->state() == DownloadState::paused;
+    complete += whole;
+    ended += entry.result != RunResult::Pending;
+    // What failed adds nothing more.
+    const std::int64_t expected = entry.result == RunResult::Failed ? one.downloadedBytes : one.expectedBytes;
+    all.expectedBytes = expected >= 0 && all.expectedBytes >= 0 ? all.expectedBytes + expected : -1;
+  }
+  all.totalLabel = std::to_string(complete) + " of " + std::to_string(entries.size());
+  all.state = halvix::rawValue(complete == entries.size() ? DownloadState::success
+                               : ended == entries.size()  ? DownloadState::failed
+                               : paused                   ? DownloadState::paused
+                                                          : DownloadState::running);
+  return all;
+}
+
+/// What goes on while a batch runs; used from one thread.
+class BatchRun {
+public:
+  BatchRun(Host& host, std::vector<BatchEntry>& entries, std::size_t limit,
+           std::shared_ptr<Follower> follower)
+      : _host(host), _entries(entries), _follower(std::move(follower)), _held(entries.size()),
+        _told(entries.size()) {
+    const bool filesAlone = std::all_of(entries.begin(), entries.end(),
+                                        [](const auto& entry) { return isPlainFile(*entry.download); });
+    _room = filesAlone ? entries.size() : std::max<std::size_t>(limit, 1);
+  }
+
+  /// Starts what there is room for. New ones stand on the list in one writing, before the first byte.
+  void startMore() {
+    std::vector<std::size_t> due;
+    for (; _next < _entries.size() && _running + due.size() < _room; ++_next)
+      if (_entries[_next].result == RunResult::Pending)
+        due.push_back(_next);
+    if (due.size() > 1) {
+      for (std::size_t position : due)
+        _entries[position].download->keep();
+      if (auto error = _host.manager().store())
+        for (std::size_t position : due) {
+          _host.manager().remove(_entries[position].download);
+          fail(position, error);
+        }
+    }
+    for (std::size_t position : due) {
+      if (_entries[position].result != RunResult::Pending)
+        continue;
+      const DownloadRef& download = _entries[position].download;
+      ++_running;
+      if (auto error = _host.manager().start(download))
+        fail(position, error);
+      else if (download->state() == DownloadState::idle && !isPlainFile(*download))
+        // Started, and yet nothing runs: there will be no event to wait for.
+        settle(position, "nothing of what is chosen is offered any more");
+    }
+  }
+
+  /// Counts what ended since the last time; whether all has.
+  bool allEnded() {
+    std::size_t pending = 0;
+    for (std::size_t i = 0; i < _next; ++i)
+      pending += _entries[i].result == RunResult::Pending;
+    _running = pending;
+    return pending == 0 && _next == _entries.size();
+  }
+
+  void setPaused(bool paused) { _paused = paused; }
+  bool isPaused() const { return _paused; }
+
+  /// Brings what is under way to what is wanted. Commands take effect later, so this is asked again and
+  /// again.
+  void reconcile() {
+    // The last first: a place that becomes free must not be taken by one that is to pause as well.
+    if (_paused)
+      for (std::size_t i = _next; i-- > 0;)
+        pause(i);
+    else
+      for (std::size_t i = 0; i < _next; ++i)
+        if (_held[i] && _entries[i].result == RunResult::Pending &&
+            _entries[i].download->state() == DownloadState::paused)
+          release(i);
+  }
+
+  void interrupt() {
+    _paused = true;
+    reconcile();
+    for (BatchEntry& entry : _entries)
+      if (entry.result == RunResult::Pending)
+        entry.result = RunResult::Interrupted;
+    _host.manager().store();
+  }
+
+  /// Remarks that came since the last time.
+  std::vector<std::string> takeNotices() {
+    std::vector<std::string> news;
+    for (std::size_t i = 0; i < _next; ++i) {
+      // Those of a presentation are told when it was prepared.
+      if (_told[i] || !isPlainFile(*_entries[i].download))
+        continue;
+      for (const std::string& notice : _entries[i].download->notices()) {
+        _told[i] = true;
+        news.push_back(_entries[i].download->title() + ": " + notice);
+      }
+    }
+    return news;
+  }
+
+private:
+  void pause(std::size_t position) {
+    const DownloadRef& download = _entries[position].download;
+    const DownloadState state = download->state();
+    if (_entries[position].result == RunResult::Pending &&
+        (state == DownloadState::running || (state == DownloadState::idle && download->isStarted()))) {
+      _held[position] = true;
+      _host.manager().pause(download);
+    }
+  }
+  void release(std::size_t position) {
+    _held[position] = false;
+    const DownloadRef& download = _entries[position].download;
+    _host.manager().resume(download, [follower = _follower, download](const halvix::QVErrorRef& error) {
+      if (error)
+        follower->settle(download, RunResult::Failed, halvix::describeError(error));
+    });
+  }
+  void fail(std::size_t position, const halvix::QVErrorRef& error) {
+    settle(position, halvix::describeError(error));
+  }
+  void settle(std::size_t position, std::string error) {
+    _follower->settle(_entries[position].download, RunResult::Failed, error);
+    _entries[position].result = RunResult::Failed;
+    _entries[position].error = std::move(error);
+  }
+
+  Host& _host;
+  std::vector<BatchEntry>& _entries;
+  const std::shared_ptr<Follower> _follower;
+  std::size_t _room = 1;
+  std::size_t _next = 0;    ///< first one that was not looked at yet
+  std::size_t _running = 0; ///< started and not ended
+  bool _paused = false;
+  std::vector<bool> _held; ///< paused here, and not resumed yet
+  std::vector<bool> _told;
+};
+
+} // namespace
+
+bool isPlainFile(const halvix::Download& download) {
+  const auto type = download.contentType();
+  return type == halvix::ContentType::mp4 || type == halvix::ContentType::mp3;
+}
+
+void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t limit,
+                     ProgressDisplay& display, Interruption& interruption) {
+  auto follower = std::make_shared<Follower>(entries);
+  host.manager().addListener(follower);
+  interruption.setHandler([follower] { follower->command('q'); });
+  {
+    Keyboard keyboard([follower, &interruption](char key) {
+      if (key == 'q')
+        interruption.raise();
+      else if (key == 'p' || key == 'r')
+        follower->command(key);
+    });
+    if (keyboard.isAvailable())
+      display.hint("p pauses, r resumes, q quits and keeps everything");
+
+    BatchRun run(host, entries, limit, follower);
+    run.startMore();
+    display.update(snapshotOf(entries)); // where it starts from, for the rate
+    bool shown = false;
+    while (!run.allEnded()) {
+      const char command = follower->wait(entries);
+      if (command == 'q')
+        break;
+      if (command)
+        run.setPaused(command == 'p');
+      run.reconcile();
+      if (run.allEnded())
+        break;
+      if (!run.isPaused())
+        run.startMore();
+      for (const std::string& notice : run.takeNotices()) {
+        display.finish(snapshotOf(entries));
+        std::fprintf(stderr, "tolvane: note: %s\n", oneLine(notice).c_str());
+      }
+      display.update(snapshotOf(entries));
+      shown = true;
+    }
+    for (const std::string& notice : run.takeNotices())
+      std::fprintf(stderr, "tolvane: note: %s\n", oneLine(notice).c_str());
+    if (!run.allEnded())
+      run.interrupt();
+    const bool anyComplete = std::any_of(entries.begin(), entries.end(), [](const auto& entry) {
+      return entry.result == RunResult::Complete;
+    });
+    if (shown || anyComplete)
+      display.finish(snapshotOf(entries));
+  }
+  interruption.setHandler(nullptr);
+  host.manager().removeListener(follower);
+}
+
+} // namespace tolvane

@@ -1,0 +1,426 @@
+// Downloads from a real server, over a session and over plain connections: what is reported must be the same.
+
+#include "tests/files/RecordingFileDelegate.h"
+
+#include "TolvaneDownloader/FileDownloader/ZRKFileDownloader/ZRKFileDownloadProgress.h"
+
+#include "platform/foundation/FileManager.h"
+#include "platform/foundation/Progress.h"
+#include "platform/transfer/TransferService.h"
+#include "tests/support/Command.h"
+#include "tests/support/FaultServer.h"
+#include "tests/support/NginxServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+using namespace platform;
+using namespace support;
+using namespace files;
+using testing::AnyOf;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::SizeIs;
+using testing::StartsWith;
+
+namespace {
+
+enum class Transport { Session, Connection };
+
+std::string bytes(std::size_t count, unsigned seed = 1) {
+  std::string text(count, '\0');
+  for (auto& c : text)
+    c = static_cast<char>((seed = seed * 1664525u + 1013904223u) >> 24);
+  return text;
+}
+
+/// Serves `content` to whoever proves by a digest (RFC 7616, MD5, qop=auth) to know the password.
+ServerHandler digestProtected(const std::string& directory, const std::string& userAndRealm,
+                              std::string password, std::string content) {
+  const auto md5 = [directory](const std::string& text) {
+    std::ofstream(directory + "/md5-in", std::ios::binary) << text;
+    runCommand({"sh", "-c", "md5sum < md5-in > md5-out"}, directory);
+    return readFile(directory + "/md5-out").substr(0, 32);
+  };
+  return [=](const ServerRequest& request, ServerConnection& connection) {
+    const auto header = request.header("Authorization");
+    const auto field = [&](const std::string& name) {
+      std::smatch found;
+      return std::regex_search(header, found, std::regex("[ ,]" + name + "=\"?([^\",]*)")) ? found[1].str()
+                                                                                           : "";
+    };
+    const auto proof = md5(md5(userAndRealm + ":" + password) + ":nonce-1:" + field("nc") + ":" +
+                           field("cnonce") + ":auth:" + md5("GET:" + request.target));
+    if (header.starts_with("Digest ") && field("response") == proof)
+      FaultServer::reply(200, {}, content)(request, connection);
+    else
+      FaultServer::reply(401,
+                         {{"WWW-Authenticate",
+                           "Basic realm=\"weak\", Digest realm=\"vault\", nonce=\"nonce-1\", qop=\"auth\""}},
+                         "who are you?")(request, connection);
+  };
+}
+
+class FileDownloaderTest : public testing::TestWithParam<Transport> {
+protected:
+  void TearDown() override {
+    downloader.reset();
+    if (service)
+      service->shutdown();
+  }
+
+  void open(std::int64_t limit = 0) {
+    HTTPTransferServiceOptions options;
+    options.directory = directory / "service";
+    options.retryDelay = std::chrono::milliseconds(1);
+    options.backgroundSessions = GetParam() == Transport::Session;
+    service = makeHTTPTransferService(options);
+    ASSERT_TRUE(service);
+    ZRKFileDownloaderEnvironment environment;
+    environment.bundleIdentifier = "test.app";
+    environment.documentsDirectory = directory / "documents";
+    environment.temporaryDirectory = directory / "temporary";
+    environment.service = service;
+    downloader = ZRKFileDownloader::downloaderWithDelegate(delegate, limit, environment);
+    ASSERT_FALSE(downloader->sessionError());
+    EXPECT_EQ(downloader->backgroundSession() != nullptr, GetParam() == Transport::Session);
+  }
+
+  void start(const std::string& token, const std::string& path) {
+    downloader->startDownloadWithIdentifierFromRemoteURL(token, *URL::URLWithString(server.url(path)));
+  }
+
+  End download(const std::string& path) {
+    if (!downloader)
+      open();
+    start(path, path);
+    EXPECT_TRUE(delegate->waitForEnds(++ended));
+    return delegate->end(ended - 1);
+  }
+
+  std::size_t filesBelow(const std::string& name) const {
+    std::size_t count = 0;
+    if (std::filesystem::exists(directory / name))
+      for (const auto& entry : std::filesystem::recursive_directory_iterator(directory / name))
+        count += entry.is_regular_file() && entry.path().filename() != "CACHEDIR.TAG";
+    return count;
+  }
+
+  static void expectError(const End& end, std::int64_t code) {
+    ASSERT_TRUE(end.error) << end.file->absoluteString();
+    EXPECT_EQ(end.error->code(), code) << end.error->localizedDescription();
+    EXPECT_TRUE(end.error->domain().isIdenticalTo(NSURLErrorDomain));
+  }
+
+  TemporaryDirectory directory;
+  FaultServer server;
+  std::shared_ptr<TransferService> service;
+  std::shared_ptr<RecordingFileDelegate> delegate = std::make_shared<RecordingFileDelegate>();
+  std::shared_ptr<ZRKFileDownloader> downloader;
+  CapturedLines log;
+  std::size_t ended = 0;
+};
+
+TEST_P(FileDownloaderTest, PutsAFileIntoItsPlace) {
+  const auto content = bytes(3 << 20);
+  server.serve("/movie.mp4", {content, "\"1\"", ""});
+  delegate->headers["X-Key"] = "secret";
+  delegate->root = Progress::progressWithTotalUnitCount(0);
+  auto end = download("/movie.mp4");
+  ASSERT_TRUE(end.file) << end.error->localizedDescription();
+  EXPECT_TRUE(readFile(end.file->path()) == content);
+  EXPECT_THAT(end.file->path(),
+              MatchesRegex(std::string(directory / "documents") +
+                           "/file-download/[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\\.mp4"));
+  EXPECT_TRUE(FileManager::fileExistsAtPath(directory / "documents/file-download/CACHEDIR.TAG"));
+  EXPECT_EQ(server.requests("/movie.mp4").at(0).header("X-Key"), "secret");
+  const auto records = delegate->records.copy();
+  EXPECT_THAT(records.events, ElementsAre("+", "-", "ended /movie.mp4"));
+  EXPECT_GT(records.progress, 0u);
+  EXPECT_EQ(records.statusChecks, 1u);
+  EXPECT_FALSE(downloader->hasActiveDownloads());
+  EXPECT_DOUBLE_EQ(delegate->root->fractionCompleted(), 1.0);
+  EXPECT_EQ(filesBelow("temporary"), 0u);
+}
+
+TEST_P(FileDownloaderTest, KeepsToItsLimitInTheOrderOfArrival) {
+  open(2);
+  auto gate = makeGate();
+  for (auto name : {"a", "b", "c", "d", "e"}) {
+    server.serve(std::string("/") + name, {name, "", ""});
+    Fault held;
+    held.stallAfter = 0;
+    held.gate = gate;
+    server.once(std::string("/") + name, held);
+    start(name, std::string("/") + name);
+  }
+  EXPECT_EQ(downloader->waitingDownloadsCount(), 3u);
+  EXPECT_TRUE(downloader->isDownloadingIdentifier("b"));
+  EXPECT_FALSE(downloader->isWaitingForDownloadOfIdentifier("b"));
+  EXPECT_TRUE(downloader->isWaitingForDownloadOfIdentifier("c"));
+  EXPECT_FALSE(downloader->isDownloadingIdentifier("c"));
+
+  // Stopping what waits: a paused one goes silently, a cancelled one is told.
+  downloader->pauseDownloadWithIdentifier("d");
+  downloader->cancelDownloadWithIdentifier("e");
+  downloader->cancelDownloadWithIdentifier("unknown");
+  ASSERT_TRUE(delegate->waitForEnds(1));
+  auto cancelled = delegate->end(0);
+  EXPECT_EQ(cancelled.token, "e");
+  expectError(cancelled, NSURLErrorCancelled);
+  EXPECT_EQ(downloader->waitingDownloadsCount(), 1u);
+  gate->open();
+  ASSERT_TRUE(delegate->waitForEnds(4));
+  const auto records = delegate->records.copy();
+  EXPECT_THAT(records.ends, SizeIs(4));
+  EXPECT_EQ(records.ends.back().token, "c");
+  EXPECT_THAT(server.requests("/d"), IsEmpty());
+  EXPECT_THAT(server.requests("/e"), IsEmpty());
+  EXPECT_EQ(records.activity, 0);
+}
+
+TEST_P(FileDownloaderTest, JudgesTheStatus) {
+  server.handle("/gone", FaultServer::reply(404, {{"Content-Length", "4"}}, "page"));
+  server.handle("/same", FaultServer::reply(304));
+  std::filesystem::create_directories(directory / "own");
+  delegate->place = [this](const std::string&) { return URL::fileURLWithPath(directory / "own/file"); };
+  directory.write("own/file", "an older good one");
+  auto gone = download("/gone");
+  expectError(gone, NSURLErrorBadServerResponse);
+  EXPECT_EQ(gone.status, 404);
+  EXPECT_THAT(gone.messages, ElementsAre("Invalid http status code: 404"));
+  EXPECT_EQ(*gone.error->value<std::string>(NSURLErrorFailingURLStringErrorKey), server.url("/gone"));
+  EXPECT_EQ(gone.error->value<URL>(NSURLErrorFailingURLErrorKey)->absoluteString(), server.url("/gone"));
+  EXPECT_EQ(download("/same").messages.at(0), "Invalid http status code: 304");
+  EXPECT_EQ(readFile(directory / "own/file"), "an older good one") << "an error page is not the file";
+  delegate->statusIsValid = true;
+  auto accepted = download("/gone");
+  ASSERT_TRUE(accepted.file);
+  EXPECT_EQ(readFile(accepted.file->path()), "page");
+  EXPECT_EQ(filesBelow("temporary"), 0u);
+}
+
+TEST_P(FileDownloaderTest, TellsWhatWasWrongWithAFile) {
+  server.serve("/empty", {"", "\"1\"", ""});
+  server.serve("/file", {"content", "\"1\"", ""});
+  const auto expectUnusable = [this](const End& end, const std::string& message) {
+    expectError(end, NSURLErrorResourceUnavailable);
+    EXPECT_EQ(end.status, 200);
+    ASSERT_THAT(end.messages, SizeIs(1));
+    EXPECT_THAT(end.messages[0], StartsWith("ERR: " + message));
+    EXPECT_THAT(end.messages[0], MatchesRegex(".* \\([A-Za-z]+\\.cpp, [0-9]+\\)"));
+    EXPECT_THAT(log.lines(), Contains(end.messages[0]));
+    EXPECT_THAT(end.error->localizedDescription(), HasSubstr(message));
+  };
+  auto empty = download("/empty");
+  expectUnusable(empty, "Zero file size for item at ");
+  EXPECT_THAT(empty.messages.at(0), HasSubstr("Code=-1014"));
+
+  delegate->place = [](const std::string&) { return std::nullopt; };
+  expectUnusable(download("/file"), "Missing information: Local file URL (token: /file)");
+
+  const auto folder = directory / "documents/file-download/";
+  std::filesystem::create_directories(std::string(folder) + "here/below");
+  delegate->place = [&](const std::string&) { return URL::fileURLWithPath(std::string(folder) + "here"); };
+  expectUnusable(download("/file"), "Error on removing file at " + std::string(folder) + "here");
+  EXPECT_TRUE(FileManager::directoryExistsAtPath(std::string(folder) + "here/below"));
+
+  delegate->place = [&](const std::string&) {
+    return URL::fileURLWithPath(std::string(folder) + "no/such/folder");
+  };
+  auto unmoved = download("/file");
+  expectUnusable(unmoved, "Unable to move file from ");
+  EXPECT_THAT(unmoved.messages.at(0), HasSubstr("Code=-3005"));
+
+  delegate->place = nullptr;
+  delegate->fileIsValid = false;
+  expectUnusable(download("/file"), "Download check failed for item at " + std::string(folder));
+  EXPECT_EQ(filesBelow("documents"), 0u) << "nothing that was refused stays behind";
+  std::filesystem::remove_all(directory / "documents");
+  directory.write("documents", "not a directory");
+  expectUnusable(download("/file"), "Missing information: Local file URL (token: /file)");
+  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: on create directory: ")));
+  // A folder that takes no files.
+  std::filesystem::remove(directory / "documents");
+  std::filesystem::create_directories(directory / "documents");
+  std::filesystem::create_directory_symlink("/proc/self", directory / "documents/file-download");
+  expectUnusable(download("/file"), "Missing information: Local file URL (token: /file)");
+  EXPECT_THAT(log.lines(),
+              Contains(StartsWith("ERR: on set resource value (NSURLIsExcludedFromBackupKey): ")));
+  EXPECT_EQ(filesBelow("temporary"), 0u);
+}
+
+TEST_P(FileDownloaderTest, ReportsLostConnectionsAndBadStarts) {
+  server.serve("/cut", {bytes(100'000), "\"1\"", ""});
+  Fault cut;
+  cut.cutAfter = 50'000;
+  server.once("/cut", cut);
+  auto lost = download("/cut");
+  expectError(lost, NSURLErrorNetworkConnectionLost);
+  EXPECT_EQ(lost.status, 200);
+  server.handle("/circle", FaultServer::redirect("/circle"));
+  expectError(download("/circle"), NSURLErrorHTTPTooManyRedirects);
+  server.handle("/down", FaultServer::redirect("ftp://127.0.0.1/x"));
+  expectError(download("/down"), NSURLErrorUnsupportedURL);
+
+  delegate->request = [](const URL&) { return std::nullopt; };
+  auto refused = download("/cut");
+  expectError(refused, NSURLErrorBadURL);
+  EXPECT_THAT(refused.messages,
+              ElementsAre(StartsWith("ERR: No download item ("), StartsWith("ERR: No url request (")));
+  // A client's own request, to another host than the first: its header stays with that one.
+  delegate->request = [](const URL& url) {
+    std::optional<URLRequest> request(url);
+    request->setValueForHTTPHeaderField("me", "X-Token");
+    return request;
+  };
+  server.handle("/away", FaultServer::redirect(server.url("/cut", "localhost")));
+  auto followed = download("/away");
+  ASSERT_TRUE(followed.file) << followed.error->localizedDescription();
+  EXPECT_EQ(server.requests("/away").at(0).header("X-Token"), "me");
+  EXPECT_EQ(server.requests("/cut").back().header("X-Token"), "");
+  EXPECT_EQ(delegate->records.copy().activity, 0);
+  EXPECT_EQ(filesBelow("temporary"), 0u);
+
+  Data garbage{1, 2, 3};
+  downloader->startDownloadWithIdentifierUsingResumeData("garbage", garbage);
+  ASSERT_TRUE(delegate->waitForEnds(++ended));
+  auto unusable = delegate->end(ended - 1);
+  if (GetParam() == Transport::Connection) {
+    expectError(unusable, NSURLErrorBadURL);
+    EXPECT_THAT(unusable.messages,
+                ElementsAre(StartsWith("ERR: No download item ("), StartsWith("ERR: Missing remote url (")));
+  } else {
+    expectError(unusable, NSURLErrorUnknown);
+  }
+}
+
+TEST_P(FileDownloaderTest, StopsAndResumesThroughItsProgress) {
+  const auto content = bytes(1 << 20);
+  server.serve("/movie.mp4", {content, "\"1\"", ""});
+  auto gate = makeGate();
+  Fault held;
+  held.stallAfter = 600'000;
+  held.gate = gate;
+  server.once("/movie.mp4", held);
+  open();
+  std::optional<DataRef> resumeData;
+  delegate->resume = [&](const std::string& token) {
+    if (*resumeData)
+      downloader->startDownloadWithIdentifierUsingResumeData(token, **resumeData);
+    else
+      start(token, "/movie.mp4");
+  };
+  delegate->root = Progress::progressWithTotalUnitCount(0);
+  start("film", "/movie.mp4");
+  std::shared_ptr<ZRKFileDownloadProgress> progress;
+  ASSERT_TRUE(delegate->records.waitUntil([&](const auto&) {
+    progress = downloader->downloadProgressForIdentifier("film");
+    return progress && progress->receivedFileSize() >= 600'000;
+  }));
+  EXPECT_EQ(progress->expectedFileSize(), std::int64_t(content.size()));
+  EXPECT_FLOAT_EQ(progress->downloadProgress(), 600'000.0f / static_cast<float>(content.size()));
+  EXPECT_EQ(progress->nativeProgress()->completedUnitCount(), progress->receivedFileSize());
+  EXPECT_TRUE(progress->nativeProgress()->throughput());
+  delegate->root->pause();
+  ASSERT_TRUE(delegate->waitForEnds(1));
+  auto records = delegate->records.copy();
+  EXPECT_THAT(records.events, ElementsAre("+", "paused film", "-", "ended film"));
+  expectError(records.ends[0], NSURLErrorCancelled);
+  resumeData = records.paused.at(0).second;
+  EXPECT_EQ(*resumeData != nullptr, GetParam() == Transport::Session);
+  EXPECT_EQ(records.ends[0].resumeData != nullptr, GetParam() == Transport::Session);
+  EXPECT_FALSE(downloader->downloadProgressForIdentifier("film"));
+
+  delegate->root->resume();
+  progress->nativeProgress()->resume();
+  ASSERT_TRUE(delegate->waitForEnds(2));
+  auto end = delegate->end(1);
+  ASSERT_TRUE(end.file) << end.error->localizedDescription();
+  EXPECT_TRUE(readFile(end.file->path()) == content);
+  if (GetParam() == Transport::Session) {
+    EXPECT_EQ(server.requests("/movie.mp4").at(1).header("Range"), "bytes=600000-");
+  }
+
+  // Cancelling the root ends what runs, what waits and whatever is started below it afterwards.
+  server.serve("/stuck", {content, "\"1\"", ""}, held);
+  start("stuck", "/stuck");
+  ASSERT_TRUE(server.waitForRequests("/stuck", 1));
+  delegate->root->cancel();
+  start("late", "/stuck");
+  ASSERT_TRUE(delegate->waitForEnds(4));
+  expectError(delegate->end(2), NSURLErrorCancelled);
+  expectError(delegate->end(3), NSURLErrorCancelled);
+  EXPECT_EQ(delegate->records.copy().activity, 0);
+  downloader->cancelDownloadWithIdentifier("stuck");
+  Arrival<DataRef> nothing;
+  downloader->pauseDownloadWithIdentifier("stuck", [&](DataRef data) { nothing.arrive(std::move(data)); });
+  EXPECT_EQ(nothing.wait(), std::optional<DataRef>(nullptr));
+  delegate->resume = nullptr;
+  downloader->resumeDownloadWithIdentifier("stuck");
+  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Resume action called without implementation (")));
+}
+
+TEST_P(FileDownloaderTest, AnswersChallenges) {
+  server.serve("/secret", {"the secret", "\"1\"", ""});
+  server.protect("/secret", "me", "right");
+  auto refused = download("/secret");
+  expectError(refused, NSURLErrorBadServerResponse);
+  EXPECT_THAT(refused.messages, ElementsAre("Invalid http status code: 401"));
+  EXPECT_THAT(log.lines(),
+              Contains(StartsWith("ERR: Received authentication challenge with no delegate method "
+                                  "implemented (")));
+  delegate->credentials = [](const AuthenticationChallenge& challenge) {
+    return URLCredential{"me", challenge.previousFailureCount == 0 ? "wrong" : "right"};
+  };
+  auto allowed = download("/secret");
+  ASSERT_TRUE(allowed.file) << allowed.error->localizedDescription();
+  EXPECT_EQ(readFile(allowed.file->path()), "the secret");
+  EXPECT_THAT(delegate->records.copy().challenges, SizeIs(2));
+
+  server.handle("/vault", digestProtected(directory.path(), "me:vault", "right", "the gold"));
+  auto opened = download("/vault");
+  ASSERT_TRUE(opened.file) << opened.error->localizedDescription();
+  EXPECT_EQ(readFile(opened.file->path()), "the gold");
+  const auto challenges = delegate->records.copy().challenges;
+  ASSERT_THAT(challenges, SizeIs(4));
+  EXPECT_EQ(challenges[3].scheme, "digest");
+  EXPECT_EQ(challenges[3].realm, "vault");
+  EXPECT_EQ(challenges[3].previousFailureCount, 1);
+}
+
+TEST_P(FileDownloaderTest, BadStartsInTheListDoNotStandOnOneStack) {
+  open(1);
+  auto gate = makeGate();
+  Fault held;
+  held.stallAfter = 0;
+  held.gate = gate;
+  server.serve("/first", {"x", "", ""}, held);
+  start("first", "/first");
+  ASSERT_TRUE(server.waitForRequests("/first", 1));
+  delegate->request = [](const URL&) { return std::nullopt; };
+  constexpr std::size_t Many = 20'000;
+  for (std::size_t i = 0; i < Many; ++i)
+    start("bad", "/bad");
+  gate->open();
+  ASSERT_TRUE(delegate->waitForEnds(1 + Many));
+  EXPECT_EQ(downloader->waitingDownloadsCount(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, FileDownloaderTest,
+                         testing::Values(Transport::Session, Transport::Connection),
+                         [](const auto& transport) {
+                           return transport.param == Transport::Session ? "Session" : "Connection";
+                         });
+
+} // namespace

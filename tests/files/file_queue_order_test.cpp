@@ -1,0 +1,186 @@
+// What depends on the order of events, over a scripted service.
+
+#include "tests/files/RecordingFileDelegate.h"
+
+#include "platform/concurrency/Queue.h"
+#include "platform/foundation/Progress.h"
+#include "tests/support/ScriptedTransferService.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace platform;
+using namespace support;
+using namespace files;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::SizeIs;
+using testing::StartsWith;
+
+namespace {
+
+class FileQueueOrderTest : public testing::Test {
+protected:
+  void open(std::int64_t limit = 0, const std::string& identifier = "session") {
+    ZRKFileDownloaderEnvironment environment;
+    environment.bundleIdentifier = "test.app";
+    environment.documentsDirectory = directory / "documents";
+    environment.service = service;
+    environment.delegateQueue = queue;
+    downloader = ZRKFileDownloader::downloaderWithDelegate(delegate, limit, identifier, environment);
+  }
+  void start(const std::string& token) {
+    downloader->startDownloadWithIdentifierFromRemoteURL(token, urlOf(token));
+  }
+  static URL urlOf(const std::string& token) { return *URL::URLWithString("http://host/" + token); }
+  void settle() {
+    service->run();
+    queue->sync([] {});
+  }
+
+  TemporaryDirectory directory;
+  std::shared_ptr<ScriptedTransferService> service =
+      std::make_shared<ScriptedTransferService>(directory.path(), ScriptedTransferService::Delivery::OnQueue);
+  std::shared_ptr<SerialQueue> queue = std::make_shared<SerialQueue>("client");
+  std::shared_ptr<RecordingFileDelegate> delegate = std::make_shared<RecordingFileDelegate>();
+  std::shared_ptr<ZRKFileDownloader> downloader;
+  CapturedLines log;
+};
+
+TEST_F(FileQueueOrderTest, TakesOverWhatAnEarlierProcessLeft) {
+  Survivor running(URLRequest(urlOf("running")));
+  running.description = "running";
+  running.bytesReceived = 40;
+  service->addSurvivor("session", running);
+  service->addSurvivor("session", Survivor(URLRequest(urlOf("nameless"))));
+  Survivor unstarted(URLRequest(urlOf("unstarted")));
+  unstarted.description = "unstarted";
+  unstarted.state = URLSessionTaskState::Suspended;
+  service->addSurvivor("session", unstarted);
+  Survivor finished(URLRequest(urlOf("finished.mp4")));
+  finished.description = "finished";
+  finished.finishedContent = "whole";
+  service->addSurvivor("session", finished);
+  delegate->root = Progress::progressWithTotalUnitCount(0);
+  open();
+  settle();
+  // What had ended before is told although nobody has asked for the tasks yet.
+  ASSERT_THAT(delegate->records.copy().ends, SizeIs(1));
+  auto end = delegate->end(0);
+  ASSERT_TRUE(end.file);
+  EXPECT_EQ(end.token, "finished");
+  EXPECT_EQ(readFile(end.file->path()), "whole");
+
+  Expectation ready;
+  downloader->setupWithCompletionBlock([&] { ready.fulfil(); });
+  ASSERT_TRUE(ready.wait());
+  EXPECT_TRUE(downloader->isDownloadingIdentifier("running"));
+  EXPECT_TRUE(downloader->isDownloadingIdentifier("unstarted"));
+  EXPECT_EQ(downloader->activeDownloadsCount(), 2u);
+  EXPECT_EQ(delegate->root->totalUnitCount(), 3);
+  EXPECT_EQ(delegate->records.copy().activity, 2);
+  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Missing task description (")));
+  EXPECT_EQ(service->runningTask("http://host/unstarted")->state(), URLSessionTaskState::Running);
+  delegate->root->cancel();
+  settle();
+  EXPECT_THAT(delegate->records.copy().ends, SizeIs(3));
+  EXPECT_EQ(delegate->records.copy().activity, 0);
+  // The one without a name belongs to nobody.
+  ASSERT_TRUE(service->runningTask("http://host/nameless")->finish("x"));
+  settle();
+  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Missing download item for taskIdentifier: ")));
+  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Download item not found for download task: ")));
+}
+
+TEST_F(FileQueueOrderTest, AFreshSessionGoesOnWithTheQueue) {
+  open(1);
+  start("old");
+  start("next");
+  auto old = service->runningTask("http://host/old");
+  ASSERT_TRUE(old->write(10, 100));
+  settle();
+  const auto first = downloader->backgroundSessionIdentifier();
+  downloader->invalidateSessionConfigurationAndCancelTasks(false);
+  EXPECT_THAT(downloader->backgroundSessionIdentifier(), StartsWith("test.app."));
+  EXPECT_NE(downloader->backgroundSessionIdentifier(), first);
+  // The first session's last task and the second's first one have the same number.
+  ASSERT_TRUE(old->finish(std::string(100, 'x')));
+  settle();
+  ASSERT_THAT(delegate->records.copy().ends, SizeIs(1));
+  EXPECT_TRUE(delegate->end(0).file);
+  auto next = service->runningTask("http://host/next");
+  ASSERT_TRUE(next);
+  EXPECT_EQ(next->taskIdentifier(), old->taskIdentifier());
+  EXPECT_THAT(log.lines(), Contains(StartsWith("INFO: Session has been intentionally invalidated (")));
+
+  start("last");
+  downloader->invalidateSessionConfigurationAndCancelTasks(true);
+  settle();
+  EXPECT_EQ(delegate->end(1).error->code(), NSURLErrorCancelled);
+  ASSERT_TRUE(service->runningTask("http://host/last"));
+  EXPECT_EQ(delegate->records.copy().activity, 1);
+}
+
+TEST_F(FileQueueOrderTest, ATokenCanStartAgainBeforeItsEndWasTold) {
+  open(1);
+  start("film");
+  start("other");
+  queue->sync([&] { // so that no end can be told in between
+    downloader->pauseDownloadWithIdentifier("film");
+    EXPECT_FALSE(downloader->isDownloadingIdentifier("film"));
+    start("film"); // waits behind the other: the first one still has its place
+    EXPECT_EQ(downloader->waitingDownloadsCount(), 2u);
+  });
+  settle();
+  EXPECT_TRUE(downloader->isDownloadingIdentifier("other"));
+  ASSERT_TRUE(service->runningTask("http://host/other")->finish("x"));
+  settle();
+  EXPECT_TRUE(downloader->isDownloadingIdentifier("film"));
+  downloader->cancelDownloadWithIdentifier("film");
+  settle();
+  EXPECT_THAT(delegate->records.copy().ends, SizeIs(3));
+  EXPECT_EQ(delegate->records.copy().activity, 0);
+}
+
+TEST_F(FileQueueOrderTest, APausedWaitingStartGivesItsResumeDataBack) {
+  open(1);
+  start("first");
+  const Data data{1, 2, 3};
+  downloader->startDownloadWithIdentifierUsingResumeData("film", data);
+  Arrival<DataRef> back;
+  downloader->pauseDownloadWithIdentifier("film", [&](DataRef resumeData) { back.arrive(resumeData); });
+  auto arrived = back.wait();
+  ASSERT_TRUE(arrived && *arrived);
+  EXPECT_EQ(**arrived, data);
+  EXPECT_FALSE(downloader->isWaitingForDownloadOfIdentifier("film"));
+}
+
+TEST_F(FileQueueOrderTest, ASessionThatIsInUseIsToldByEveryStart) {
+  open(0, "taken");
+  auto first = downloader;
+  open(0, "taken");
+  ASSERT_TRUE(downloader->sessionError());
+  start("film");
+  ASSERT_TRUE(delegate->waitForEnds(1));
+  EXPECT_EQ(delegate->end(0).error->code(), NSURLErrorBackgroundSessionInUseByAnotherProcess);
+  EXPECT_THAT(delegate->end(0).messages, ElementsAre(StartsWith("ERR: No download item (")));
+  Expectation ready;
+  downloader->setupWithCompletionBlock([&] { ready.fulfil(); });
+  EXPECT_TRUE(ready.wait());
+}
+
+TEST_F(FileQueueOrderTest, CallsTheApplicationBackOnceAllEventsWereTold) {
+  open();
+  Expectation early, late;
+  downloader->setBackgroundSessionCompletionHandlerBlock([&] { early.fulfil(); });
+  service->session("session")->finishEvents();
+  ASSERT_TRUE(early.wait());
+  service->session("session")->finishEvents();
+  settle();
+  downloader->setBackgroundSessionCompletionHandlerBlock([&] { late.fulfil(); });
+  ASSERT_TRUE(late.wait());
+  EXPECT_EQ(early.count(), 1u);
+}
+
+} // namespace
