@@ -1,6 +1,6 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVDASHPlaylist.h"
 
-#include "TolvaneDownloader/DASHDownloader/Internal/QVDASHExceptions.h"
+#include "TolvaneDownloader/DASHDownloader/Internal/QVBindingExceptions.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVDASHMovie.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
 #include "mpl/dash/MediaPresentationDescription.h"
@@ -69,7 +69,7 @@ QVDASHPlaylist::playlistWithManifest(const mpl::dash::MediaPresentationDescripti
 }
 
 std::shared_ptr<QVPlaylist> QVPlaylistFactory::dashGenerateWithData(const platform::Data& data) {
-  return QVTranslateDASHExceptions([&data] {
+  return QVTranslateExceptions([&data] {
     // Without a manifest URL: the tree outlives the place that it was fetched from, so relative references
     // stay relative and are read against whatever base a listing gives.
     const auto manifest =

@@ -12,6 +12,7 @@ namespace {
 
 constexpr const char* exceptionName = "QVPlaylistFactoryException";
 constexpr const char* dashGeneratorErrorKey = "DASHGeneratorError";
+constexpr const char* smoothStreamingGeneratorErrorKey = "SmoothStreamingGeneratorError";
 
 const platform::ErrorDomain factoryErrorDomain{"NSErrorQVDownloader"};
 const platform::ErrorDomain httpErrorDomain{"QVDownloadHTTPErrorDomain"};
@@ -23,7 +24,10 @@ struct Format {
 };
 
 /// In the order of trying.
-constexpr Format formats[] = {{dashGeneratorErrorKey, &QVPlaylistFactory::dashGenerateWithData}};
+constexpr Format formats[] = {
+    {dashGeneratorErrorKey, &QVPlaylistFactory::dashGenerateWithData},
+    {smoothStreamingGeneratorErrorKey, &QVPlaylistFactory::smoothGenerateWithData},
+};
 
 platform::ErrorRef makeFactoryError(const std::string& reason, platform::ErrorRef cause) {
   const std::string text = platform::StringTable::localizedString(reason);

@@ -26,7 +26,8 @@ public:
 
   /// Null when the manifest is sound but holds nothing that can be downloaded. Raises a `platform::Exception`
   /// "QVPlaylistFactoryException" when no format fits; its user info holds each format's own exception (a
-  /// `platform::Exception`) under "DASHGeneratorError" and so on.
+  /// `platform::Exception`) under "DASHGeneratorError" and
+  /// "SmoothStreamingGeneratorError".
   static std::shared_ptr<QVPlaylist> generateWithData(const platform::Data& data);
 
   /// Reads a stored manifest. Null with `error` (may be null) untouched when the file cannot be read or holds
@@ -52,6 +53,11 @@ public:
 
   /// The DASH format. Raises "QVPlaylistFactoryException" with the parser's message as its reason.
   static std::shared_ptr<QVPlaylist> dashGenerateWithData(const platform::Data& data);
+
+  /// The Smooth Streaming format. Never null; without a movie when the manifest holds no stream. Raises
+  /// "QVPlaylistFactoryException": "Can't parse SmoothStreaming XML" for what is no XML, else the fault that
+  /// was found.
+  static std::shared_ptr<QVPlaylist> smoothGenerateWithData(const platform::Data& data);
 
   QVPlaylistFactory() = delete;
 };

@@ -1,0 +1,27 @@
+#include "TolvaneDownloader/DASHDownloader/Internal/QVSmoothStreamingPlaylist.h"
+
+#include "TolvaneDownloader/DASHDownloader/Internal/QVBindingExceptions.h"
+#include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
+#include "TolvaneDownloader/DASHDownloader/Internal/QVSmoothStreamingMovie.h"
+#include "mpl/smoothstreaming/Media.h"
+#include "qvc/xml/Element.h"
+#include "qvc/xml/Parser.h"
+
+std::shared_ptr<QVSmoothStreamingPlaylist>
+QVSmoothStreamingPlaylist::playlistWithManifest(const SmoothStreaming::Media& manifest) {
+  std::vector<std::shared_ptr<QVMovie>> movies;
+  movies.reserve(1);
+  std::shared_ptr<QVSmoothStreamingPlaylist> playlist(new QVSmoothStreamingPlaylist(std::move(movies)));
+  if (auto movie = QVSmoothStreamingMovie::movieWithMedia(manifest, playlist))
+    playlist->addMovie(std::move(movie));
+  return playlist;
+}
+
+std::shared_ptr<QVPlaylist> QVPlaylistFactory::smoothGenerateWithData(const platform::Data& data) {
+  return QVTranslateExceptions([&data] {
+    qvc::xml::Element root;
+    if (qvc::xml::Parser::parse(root, data.data(), data.size(), nullptr) != qvc::qvc_Success)
+      throw platform::Exception("QVPlaylistFactoryException", "Can't parse SmoothStreaming XML");
+    return QVSmoothStreamingPlaylist::playlistWithManifest(SmoothStreaming::Media(root));
+  });
+}
