@@ -160,6 +160,8 @@ int run(Host& host, const DownloadRef& download, ProgressMode mode, Interruption
 }
 
 void prepare(Host& host, const DownloadRef& download, Interruption& interruption) {
+  // A copy of what a live presentation lists at the moment would pass for the whole.
+  download->setRefusesLive(true);
   Answer answer(interruption);
   host.manager().prepare(download, answer.completion());
   answer.wait();

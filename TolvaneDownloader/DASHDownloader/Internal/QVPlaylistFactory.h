@@ -48,7 +48,8 @@ public:
 
   /// An error of domain "NSErrorQVDownloader", code -101, whose description, failure reason and recovery
   /// suggestion are the exception's reason in the user's language. Its `underlyingError` is made the same way
-  /// of the format's exception that the user info holds, so that a reader learns why.
+  /// of the formats' exceptions that the user info holds, so that a reader learns why: of the format whose
+  /// root element the document has, else of all.
   static platform::ErrorRef errorWithException(const platform::Exception& exception);
 
   /// The DASH format. Raises "QVPlaylistFactoryException" with the parser's message as its reason.

@@ -12,6 +12,7 @@ QVSmoothStreamingPlaylist::playlistWithManifest(const SmoothStreaming::Media& ma
   std::vector<std::shared_ptr<QVMovie>> movies;
   movies.reserve(1);
   std::shared_ptr<QVSmoothStreamingPlaylist> playlist(new QVSmoothStreamingPlaylist(std::move(movies)));
+  playlist->setLive(manifest.isLive());
   if (auto movie = QVSmoothStreamingMovie::movieWithMedia(manifest, playlist))
     playlist->addMovie(std::move(movie));
   return playlist;

@@ -15,9 +15,13 @@ namespace {
 using StreamElementRef = std::shared_ptr<const SmoothStreaming::StreamElement>;
 using SmoothStreaming::TrackElement;
 
-/// None for a text level without one, so that the type's default applies.
+/// None for a text level without one, and for one that its four bytes leave with half a character at the end:
+/// the type's default applies then.
 std::optional<std::string> fourCCOf(const TrackElement& level) {
-  return level.fourCC().isEmpty() ? std::nullopt : std::optional(level.fourCC().toStdString());
+  const std::string code = level.fourCC().toStdString();
+  if (code.empty() || static_cast<unsigned char>(code.back()) >= 0xC0)
+    return std::nullopt;
+  return code;
 }
 
 /// Not the position: levels that the manifest gives no index share an identifier.
