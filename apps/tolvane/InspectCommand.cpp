@@ -86,7 +86,8 @@ void print(const json& presentation) {
       std::string line = "  " + track["type"].get<std::string>();
       if (!track["language"].is_null())
         line += " " + track["language"].get<std::string>();
-      line += "  (" + track["name"].get<std::string>() + ")";
+      if (const auto name = track["name"].get<std::string>(); !name.empty())
+        line += "  (" + name + ")";
       std::printf("%s\n", oneLine(line).c_str());
       for (const json& quality : track["qualities"])
         printQuality(quality);
