@@ -1,5 +1,6 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
 
+#include "TolvaneDownloader/DASHDownloader/Internal/QVManifestDocument.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylist.h"
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/Exception.h"
@@ -23,15 +24,15 @@ struct Format {
   const char* name;
   const char* errorKey;
   const char* otherDocument;
-  std::shared_ptr<QVPlaylist> (*generate)(const platform::Data&);
+  std::shared_ptr<QVPlaylist> (*generate)(const QVManifestDocument&);
 };
 
 /// In the order of trying.
 constexpr Format formats[] = {
-    {"DASH", dashGeneratorErrorKey, "Not a valid MPD", &QVPlaylistFactory::dashGenerateWithData},
+    {"DASH", dashGeneratorErrorKey, "Not a valid MPD", &QVPlaylistFactory::dashGenerateWithDocument},
     {"Smooth Streaming", smoothStreamingGeneratorErrorKey,
      "Passed invalid XML element. Expected tag SmoothStreamingMedia but got ",
-     &QVPlaylistFactory::smoothGenerateWithData},
+     &QVPlaylistFactory::smoothGenerateWithDocument},
 };
 
 platform::ErrorRef makeFactoryError(const std::string& reason, platform::ErrorRef cause) {
@@ -108,11 +109,20 @@ platform::ErrorRef makeURLError(platform::URLErrorCode code, const std::string& 
 
 } // namespace
 
+std::shared_ptr<QVPlaylist> QVPlaylistFactory::dashGenerateWithData(const platform::Data& data) {
+  return dashGenerateWithDocument(QVManifestDocument(data));
+}
+
+std::shared_ptr<QVPlaylist> QVPlaylistFactory::smoothGenerateWithData(const platform::Data& data) {
+  return smoothGenerateWithDocument(QVManifestDocument(data));
+}
+
 std::shared_ptr<QVPlaylist> QVPlaylistFactory::generateWithData(const platform::Data& data) {
   platform::UserInfo userInfo;
+  const QVManifestDocument document(data);
   for (const Format& format : formats) {
     try {
-      return format.generate(data);
+      return format.generate(document);
     } catch (const platform::Exception& exception) {
       userInfo.emplace(format.errorKey, exception);
     }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+class QVManifestDocument;
 class QVPlaylist;
 
 namespace platform {
@@ -59,6 +60,10 @@ public:
   /// "QVPlaylistFactoryException": "Can't parse SmoothStreaming XML" for what is no XML, else the fault that
   /// was found.
   static std::shared_ptr<QVPlaylist> smoothGenerateWithData(const platform::Data& data);
+
+  // The same of a document that several formats look at.
+  static std::shared_ptr<QVPlaylist> dashGenerateWithDocument(const QVManifestDocument& document);
+  static std::shared_ptr<QVPlaylist> smoothGenerateWithDocument(const QVManifestDocument& document);
 
   QVPlaylistFactory() = delete;
 };

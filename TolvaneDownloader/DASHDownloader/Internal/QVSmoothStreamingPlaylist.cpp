@@ -1,11 +1,10 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVSmoothStreamingPlaylist.h"
 
 #include "TolvaneDownloader/DASHDownloader/Internal/QVBindingExceptions.h"
+#include "TolvaneDownloader/DASHDownloader/Internal/QVManifestDocument.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVSmoothStreamingMovie.h"
 #include "mpl/smoothstreaming/Media.h"
-#include "qvc/xml/Element.h"
-#include "qvc/xml/Parser.h"
 
 std::shared_ptr<QVSmoothStreamingPlaylist>
 QVSmoothStreamingPlaylist::playlistWithManifest(const SmoothStreaming::Media& manifest) {
@@ -18,11 +17,11 @@ QVSmoothStreamingPlaylist::playlistWithManifest(const SmoothStreaming::Media& ma
   return playlist;
 }
 
-std::shared_ptr<QVPlaylist> QVPlaylistFactory::smoothGenerateWithData(const platform::Data& data) {
-  return QVTranslateExceptions([&data] {
-    qvc::xml::Element root;
-    if (qvc::xml::Parser::parse(root, data.data(), data.size(), nullptr) != qvc::qvc_Success)
+std::shared_ptr<QVPlaylist>
+QVPlaylistFactory::smoothGenerateWithDocument(const QVManifestDocument& document) {
+  return QVTranslateExceptions([&document] {
+    if (document.root().isNull())
       throw platform::Exception("QVPlaylistFactoryException", "Can't parse SmoothStreaming XML");
-    return QVSmoothStreamingPlaylist::playlistWithManifest(SmoothStreaming::Media(root));
+    return QVSmoothStreamingPlaylist::playlistWithManifest(SmoothStreaming::Media(document.root()));
   });
 }

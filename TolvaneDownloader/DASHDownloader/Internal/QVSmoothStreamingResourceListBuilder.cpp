@@ -1,7 +1,6 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVSmoothStreamingResourceListBuilder.h"
 
 #include "TolvaneDownloader/DASHDownloader/Internal/QVRangedURL.h"
-#include "mpl/RangedURI.h"
 #include "mpl/smoothstreaming/StreamElement.h"
 #include "platform/foundation/Exception.h"
 
@@ -23,13 +22,11 @@ QVResourceListRef QVSmoothStreamingResourceListBuilder::fillResourcesWithBaseURL
 QVResourceList QVSmoothStreamingResourceListBuilder::_listResources() const {
   if (_streamElement->numberOfListedFragments() > maximumResources)
     throw platform::Exception("QVPlaylistFactoryException", "Too many fragments in stream");
-  std::vector<mpl::RangedURI> fragments;
-  _streamElement->fillListOfURL(*_baseURL, _index, fragments);
+  // What `fillListOfURL` lists, without a list of its own in between. A fragment is always fetched whole.
   QVResourceList resources;
-  resources.reserve(fragments.size());
-  // A fragment is always fetched whole.
-  for (const mpl::RangedURI& fragment : fragments)
-    resources.push_back(
-        QVRangedURL::rangedURLWithReferenceURL(fragment.reference.uri.get().toStdString(), _baseURL));
+  resources.reserve(_streamElement->numberOfListedFragments());
+  _streamElement->visitURLs(_index, [&](std::string& uri) {
+    resources.push_back(QVRangedURL::rangedURLWithReferenceURL(std::move(uri), _baseURL));
+  });
   return resources;
 }

@@ -5,7 +5,10 @@
 #include "mpl/smoothstreaming/TrackElement.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <stdexcept>
+#include <string_view>
 
 namespace SmoothStreaming {
 
@@ -38,28 +41,28 @@ public:
     for (;;) {
       const std::size_t first = rest.find(tokens[0]);
       const std::size_t at = std::min(first, rest.find(tokens[1]));
-      _pieces.emplace_back(rest.substr(0, at));
+      _size += _pieces.emplace_back(rest.substr(0, at)).size();
       if (at == std::string_view::npos)
         break;
       rest.remove_prefix(at + (at == first ? tokens[0] : tokens[1]).size());
     }
   }
 
-  qvc::FastString at(std::uint64_t time) const {
-    const std::string digits = std::to_string(time);
-    std::size_t size = (_pieces.size() - 1) * digits.size();
-    for (const std::string& piece : _pieces)
-      size += piece.size();
+  std::string at(std::uint64_t time) const {
+    std::array<char, 20> buffer;
+    const char* const end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), time).ptr;
+    const std::string_view digits(buffer.data(), static_cast<std::size_t>(end - buffer.data()));
     std::string text;
-    text.reserve(size);
+    text.reserve(_size + (_pieces.size() - 1) * digits.size());
     text = _pieces.front();
     for (std::size_t i = 1; i < _pieces.size(); ++i)
       text.append(digits).append(_pieces[i]);
-    return qvc::FastString(std::move(text));
+    return text;
   }
 
 private:
   std::vector<std::string> _pieces; ///< Never empty.
+  std::size_t _size = 0;            ///< Of all pieces together.
 };
 
 } // namespace
@@ -109,24 +112,33 @@ StreamElement::StreamElement(const qvc::xml::Element& element)
 
 StreamElement::~StreamElement() = default;
 
-void StreamElement::fillListOfURL(const qvc::FastString& baseURL, unsigned long trackElementIndex,
-                                  std::vector<mpl::RangedURI>& out) const {
+void StreamElement::visitURLs(unsigned long trackElementIndex,
+                              const std::function<void(std::string& uri)>& visit) const {
   if (trackElementIndex >= _trackElements.size())
     throw std::invalid_argument("trackElementIndex shall be less than number of available tracks");
   const auto bitrate = qvc::FastString::fromUInt(_trackElements[trackElementIndex]->bitrate());
   const TimeTemplate uri(_url.replaceAllCopy("{bitrate}", bitrate).replaceAllRef("{Bitrate}", bitrate));
-  const mpl::SharedText base(baseURL);
-
-  // Sized by what is described: what is declared may be any number.
-  std::vector<mpl::RangedURI> list;
-  list.reserve(_numberOfListedFragments);
+  std::uint64_t left = _numberOfListedFragments;
   for (const auto& fragment : _streamFragmentElements) {
-    for (std::uint64_t j = 0; j < fragment->repeats(); ++j) {
-      if (list.size() == _numberOfListedFragments)
-        break;
-      list.push_back({mpl::Range(), {uri.at(fragment->time() + fragment->duration() * j), base}});
+    for (std::uint64_t j = 0; j < fragment->repeats(); ++j, --left) {
+      if (left == 0)
+        return;
+      std::string text = uri.at(fragment->time() + fragment->duration() * j);
+      visit(text);
     }
   }
+}
+
+void StreamElement::fillListOfURL(const qvc::FastString& baseURL, unsigned long trackElementIndex,
+                                  std::vector<mpl::RangedURI>& out) const {
+  const mpl::SharedText base(baseURL);
+  std::vector<mpl::RangedURI> list;
+  // Not what is declared, which may be any number: what is described.
+  if (trackElementIndex < _trackElements.size())
+    list.reserve(_numberOfListedFragments);
+  visitURLs(trackElementIndex, [&](std::string& uri) {
+    list.push_back({mpl::Range(), {qvc::FastString(std::move(uri)), base}});
+  });
   out = std::move(list);
 }
 

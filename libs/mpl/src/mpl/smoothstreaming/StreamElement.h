@@ -5,7 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace mpl {
@@ -55,6 +57,10 @@ public:
   /// How many URLs `fillListOfURL` lists: what the entries describe, at most what the manifest declares. A
   /// few bytes can describe billions, so a caller looks here first.
   std::uint64_t numberOfListedFragments() const noexcept { return _numberOfListedFragments; }
+
+  /// Calls `visit` with the reference text of each URL that `fillListOfURL` lists, in order; it may take the
+  /// text. Throws as that does, before the first call.
+  void visitURLs(unsigned long trackElementIndex, const std::function<void(std::string& uri)>& visit) const;
 
   /// Replaces `out` with the URLs of one quality's fragments, in order, each a whole resource to be read
   /// against `baseURL`. Throws std::invalid_argument, `out` unchanged, when there is no such quality.
