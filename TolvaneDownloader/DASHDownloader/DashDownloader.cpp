@@ -47,15 +47,23 @@ template <class Parent> QVErrorRef fatal(ErrorType type, const Parent& parent) {
   return QVErrorBuilder(type).severity(ErrorSeverity::fatal).parent(parent).build();
 }
 
+const platform::ErrorDomain errorDomain{"NSErrorQVDownloader"};
+
+platform::ErrorRef refuseLive(const QVPlaylist& playlist) {
+  return playlist.isLive() ? platform::makeError(errorDomain, -101,
+                                                 std::string("the presentation is live; only one that has "
+                                                             "ended can be downloaded"))
+                           : nullptr;
+}
+
 /// A raised exception as the reason of a host error: its text, and the file system's own error if it has one.
 platform::ErrorRef reasonOf(const platform::Exception& exception) {
-  static const platform::ErrorDomain domain{"NSErrorQVDownloader"};
   platform::ErrorRef cause;
   auto found = exception.userInfo().find("NSError");
   if (found != exception.userInfo().end())
     if (auto* error = std::any_cast<platform::ErrorRef>(&found->second))
       cause = *error;
-  return platform::makeError(domain, -101, exception.reason(), cause);
+  return platform::makeError(errorDomain, -101, exception.reason(), cause);
 }
 
 std::optional<DownloadState> hostState(QVDownloadStatus status) {
@@ -162,7 +170,8 @@ void DashDownloader::prepareDownload(const std::string& uuid, PrepareCompletion 
     completion(download, nullptr);
   };
   try {
-    _downloader->fetchDownloadSetForURL(download->contentUrl(), answer, headersForDownload(uuid));
+    _downloader->fetchDownloadSetForURL(download->contentUrl(), answer, headersForDownload(uuid),
+                                        download->refusesLive() ? refuseLive : nullptr);
   } catch (const platform::Exception& exception) {
     completion(nullptr, fatal(ErrorType::downloader_request_creation_failed, reasonOf(exception)));
   }
@@ -269,6 +278,7 @@ void DashDownloader::inspectContent(const std::string& source, const platform::H
                                      .build());
     auto presentation = std::make_shared<halvix::Presentation>();
     presentation->url = source;
+    presentation->isLive = playlist->isLive();
     for (const auto& movie : playlist->movies())
       presentation->movies.push_back(
           {movie->duration(), describeTracks(*movie, [](const std::shared_ptr<QVQuality>& quality) {

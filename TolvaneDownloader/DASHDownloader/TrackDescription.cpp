@@ -110,5 +110,7 @@ std::int64_t nominalBytes(const QVQuality& quality) {
   auto track = quality.parent();
   if (!track || track->duration() <= 0 || quality.bitrate() == 0)
     return -1;
-  return static_cast<std::int64_t>(track->duration() * quality.bitrate() / 8);
+  const double bytes = track->duration() * quality.bitrate() / 8;
+  // A duration beyond all reason tells no size.
+  return bytes < 4e15 ? static_cast<std::int64_t>(bytes) : -1;
 }

@@ -223,6 +223,8 @@ int run(Host& host, std::vector<BatchEntry>& entries, std::optional<int> jobs, P
 }
 
 void prepare(Host& host, const DownloadRef& download, Interruption& interruption) {
+  // A copy of what a live presentation lists at the moment would pass for the whole.
+  download->setRefusesLive(true);
   Answer answer(interruption);
   host.manager().prepare(download, answer.completion());
   answer.wait();

@@ -10,6 +10,7 @@
 #include "halvix/Presentation.h"
 #include "platform/foundation/URL.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <future>
 #include <nlohmann/json.hpp>
@@ -56,6 +57,10 @@ json describe(const halvix::PresentationMovie& movie) {
   return movieJSON(movie.duration, std::move(tracks));
 }
 
+std::string durationText(double seconds) {
+  return timeText(static_cast<std::int64_t>(std::min(seconds, 1e15) + 0.5)); // hostile ones fit no integer
+}
+
 void printQuality(const json& quality) {
   auto number = [&](const char* key) {
     return quality[key].is_null() ? std::int64_t(0) : quality[key].get<std::int64_t>();
@@ -76,19 +81,21 @@ void print(const json& presentation) {
   std::size_t index = 0;
   for (const json& movie : presentation["movies"]) {
     std::printf("movie %zu%s\n", ++index,
-                movie["duration"].is_null()
-                    ? ""
-                    : (", " + timeText(std::int64_t(movie["duration"].get<double>() + 0.5))).c_str());
+                movie["duration"].is_null() ? ""
+                                            : (", " + durationText(movie["duration"].get<double>())).c_str());
     for (const json& track : movie["tracks"]) {
       std::string line = "  " + track["type"].get<std::string>();
       if (!track["language"].is_null())
         line += " " + track["language"].get<std::string>();
-      line += "  (" + track["name"].get<std::string>() + ")";
+      if (const auto name = track["name"].get<std::string>(); !name.empty())
+        line += "  (" + name + ")";
       std::printf("%s\n", oneLine(line).c_str());
       for (const json& quality : track["qualities"])
         printQuality(quality);
     }
   }
+  if (presentation["live"].get<bool>())
+    std::printf("live: cannot be downloaded before it has ended\n");
   if (index > 1)
     std::printf("a download takes the first of the %zu movies\n", index);
 }
@@ -130,7 +137,7 @@ int inspectCommand(const std::string& source, const platform::HTTPHeaders& heade
   auto [presentation, failure] = answer.get_future().get();
   require(failure);
 
-  json object = {{"url", presentation->url}, {"movies", json::array()}};
+  json object = {{"url", presentation->url}, {"live", presentation->isLive}, {"movies", json::array()}};
   for (const auto& movie : presentation->movies)
     object["movies"].push_back(describe(movie));
   if (asJSON)

@@ -61,6 +61,11 @@ struct Tally {
   std::vector<std::string> damaged;
 };
 
+struct QualityTally {
+  std::shared_ptr<QVQuality> quality;
+  Tally tally;
+};
+
 /// A ranged resource tells its length; of others the file itself must tell whether its end is there.
 void check(const std::string& folder, const QVResourceDirectory& places, const QVRangedURL& resource,
            Tally& tally) {
@@ -123,32 +128,41 @@ int verifyCommand(const std::string& library, const std::string& identifier, boo
   const QVResourceDirectory places(folder, {manifestName, QVMovieDownloadProperties::defaultJSONName});
   const std::string base = resourceBase(properties->sourceURL());
   bool good = download.state == halvix::DownloadState::success;
-  std::size_t qualities = 0;
+  std::vector<QualityTally> tallies;
+  std::set<std::string> found;
   for (const auto& track : playlist->movies()[0]->tracks())
     for (const auto& quality : track->qualities()) {
-      Tally tally;
       auto resources = quality->resourceBuilder()->fillResourcesWithBaseURL(base);
       if (!resources)
         continue;
+      Tally tally;
       for (const auto& resource : *resources)
         check(folder, places, *resource, tally);
-      // What has no file and is claimed by nobody was never chosen.
-      if (tally.whole + tally.damaged.size() == 0 && claimed.count(quality->identifier()) == 0)
-        continue;
-      ++qualities;
-      bool whole = tally.missing.empty() && tally.damaged.empty();
-      good = good && whole;
-      std::printf("%s  id:%s  %s: %zu of %zu files whole", whole ? "whole     " : "incomplete",
-                  oneLine(quality->identifier()).c_str(), oneLine(quality->parameters()).c_str(), tally.whole,
-                  resources->size());
-      if (!tally.missing.empty())
-        std::printf(", %zu missing", tally.missing.size());
-      if (!tally.damaged.empty())
-        std::printf(", %zu short or damaged", tally.damaged.size());
-      std::printf("\n");
-      printSome("missing", tally.missing);
-      printSome("damaged", tally.damaged);
+      if (tally.whole + tally.damaged.size() > 0)
+        found.insert(quality->identifier());
+      tallies.push_back({quality, std::move(tally)});
     }
+  std::size_t qualities = 0;
+  for (const auto& [quality, tally] : tallies) {
+    // What has no file and is claimed by nobody was never chosen. An identifier is a quality's own in its
+    // track only: a claim of it is for the one that has files.
+    if (tally.whole + tally.damaged.size() == 0 &&
+        (claimed.count(quality->identifier()) == 0 || found.count(quality->identifier()) != 0))
+      continue;
+    ++qualities;
+    bool whole = tally.missing.empty() && tally.damaged.empty();
+    good = good && whole;
+    std::printf("%s  id:%s  %s: %zu of %zu files whole", whole ? "whole     " : "incomplete",
+                oneLine(quality->identifier()).c_str(), oneLine(quality->parameters()).c_str(), tally.whole,
+                tally.whole + tally.missing.size() + tally.damaged.size());
+    if (!tally.missing.empty())
+      std::printf(", %zu missing", tally.missing.size());
+    if (!tally.damaged.empty())
+      std::printf(", %zu short or damaged", tally.damaged.size());
+    std::printf("\n");
+    printSome("missing", tally.missing);
+    printSome("damaged", tally.damaged);
+  }
   if (qualities == 0)
     std::printf("no resource of any quality is on disk\n");
   if (download.state != halvix::DownloadState::success)

@@ -358,11 +358,18 @@ TEST_F(ManagerTest, AsksTheServerWhenTheURLDoesNotTell) {
       temporary.path(), support::ScriptedTransferService::Delivery::OnQueue);
   environment->setTransferService(service);
   service->onDataStart([](support::ScriptedDataTask& task) {
-    EXPECT_EQ(task.request().HTTPMethod(), "HEAD");
     EXPECT_EQ(task.request().valueForHTTPHeaderField("X-Library"), "all");
     EXPECT_EQ(task.request().valueForHTTPHeaderField("Cookie"), "c");
     const std::string path = task.request().url().path();
-    if (path == "/typed")
+    // Content is asked for where its type says nothing, and then no more than its beginning.
+    const bool looks = task.request().HTTPMethod() == "GET";
+    EXPECT_EQ(looks, task.request().valueForHTTPHeaderField("Range") == "bytes=0-4095");
+    EXPECT_TRUE(looks ? path == "/html" || path == "/plain" : task.request().HTTPMethod() == "HEAD") << path;
+    if (path == "/plain")
+      task.answer(206, "<?xml version='1.0'?><SmoothStreamingMedia", {{"Content-Type", "text/plain"}});
+    else if (path == "/large")
+      task.answer(200, "", {{"Content-Type", "text/plain"}, {"Content-Length", "99999999999"}});
+    else if (path == "/typed")
       task.answer(200, "", {{"Content-Type", "application/dash+xml"}});
     else if (path == "/html")
       task.answer(200, "", {{"Content-Type", "text/html"}});
@@ -384,7 +391,9 @@ TEST_F(ManagerTest, AsksTheServerWhenTheURLDoesNotTell) {
   EXPECT_EQ(ask("http://h/a.mpd").first, ContentType::dash);
   EXPECT_TRUE(service->dataTasks().empty());
   EXPECT_EQ(ask("http://h/typed").first, ContentType::dash);
+  EXPECT_EQ(ask("http://h/plain").first, ContentType::dash);
   EXPECT_THAT(ask("http://h/html").second, testing::HasSubstr("text/html); supported are DASH"));
+  EXPECT_THAT(ask("http://h/large").second, testing::HasSubstr("text/plain); supported are DASH"));
   EXPECT_THAT(ask("http://h/missing").second, testing::HasSubstr("HTTP status 404"));
   EXPECT_THAT(ask("http://h/gone").second, testing::HasSubstr("cannot tell what \"http://h/gone\" holds: "));
   EXPECT_THAT(ask("ftp://h/a.mpd").second, testing::HasSubstr("no http or https URL"));

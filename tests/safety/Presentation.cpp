@@ -15,32 +15,60 @@ namespace {
 
 constexpr const char* qualities[] = {"low", "high"};
 
+/// The manifest of `segments` files of each quality, which `fileName` names by quality and number.
+template <class FileName> std::string dashManifest(std::size_t segments, const FileName& fileName) {
+  std::string text = "<MPD mediaPresentationDuration=\"PT" + std::to_string(segments) +
+                     "S\"><Period><AdaptationSet mimeType=\"video/mp4\">";
+  for (int quality = 0; quality < 2; ++quality) {
+    const std::string height = std::to_string(90 << quality);
+    text += std::string("<Representation id=\"") + qualities[quality] + "\" bandwidth=\"" + height +
+            "000\" height=\"" + height + "\"><SegmentList>";
+    for (std::size_t i = 0; i < segments; ++i)
+      text += "<SegmentURL media=\"" + fileName(quality, i) + "\"/>";
+    text += "</SegmentList></Representation>";
+  }
+  return text + "</AdaptationSet></Period></MPD>";
+}
+
+std::string smoothManifest(std::size_t segments) {
+  const std::string count = std::to_string(segments);
+  std::string text = "<SmoothStreamingMedia MajorVersion=\"2\" MinorVersion=\"0\" Duration=\"" + count +
+                     "0000000\"><StreamIndex Type=\"video\" Chunks=\"" + count +
+                     "\" QualityLevels=\"2\" MaxWidth=\"320\" MaxHeight=\"180\" DisplayWidth=\"320\" "
+                     "DisplayHeight=\"180\" Url=\"Quality({bitrate})Fragment(video={start time})\">";
+  for (int quality = 0; quality < 2; ++quality) {
+    const std::string height = std::to_string(90 << quality);
+    text += std::string("<QualityLevel Index=\"") + std::to_string(quality) + "\" Bitrate=\"" + height +
+            "000\" MaxWidth=\"160\" MaxHeight=\"" + height + "\" FourCC=\"H264\" CodecPrivateData=\"00\"/>";
+  }
+  return text + "<c d=\"1\" r=\"" + count + "\"/></StreamIndex></SmoothStreamingMedia>";
+}
+
 bool isState(const std::string& name) {
   return name == "manifest.mpd" || name == "QVMovieDownloadSetProperties.json";
 }
 
 } // namespace
 
-Presentation::Presentation(std::size_t segments, unsigned seed) {
+std::string nameOf(Format format) {
+  return format == Format::DASH ? "DASH" : "Smooth";
+}
+
+Presentation::Presentation(std::size_t segments, unsigned seed, Format format) {
+  const auto fileName = [format](int quality, std::size_t i) {
+    return format == Format::DASH ? std::string(qualities[quality]) + "-" + std::to_string(i) + ".m4s"
+                                  : "Quality(" + std::to_string(90'000 << quality) +
+                                        ")Fragment(video=" + std::to_string(i) + ")";
+  };
+  _manifest = format == Format::DASH ? dashManifest(segments, fileName) : smoothManifest(segments);
   std::mt19937 random(seed);
-  _manifest = "<MPD mediaPresentationDuration=\"PT" + std::to_string(segments) +
-              "S\"><Period><AdaptationSet mimeType=\"video/mp4\">";
-  int height = 90;
-  for (const char* quality : qualities) {
-    _manifest += "<Representation id=\"" + std::string(quality) + "\" bandwidth=\"" + std::to_string(height) +
-                 "000\" height=\"" + std::to_string(height) + "\"><SegmentList>";
-    height *= 2;
+  for (int quality = 0; quality < 2; ++quality)
     for (std::size_t i = 0; i < segments; ++i) {
-      std::string name = std::string(quality) + "-" + std::to_string(i) + ".m4s";
       std::string content(3'000 + random() % 37'000, '\0');
       for (char& byte : content)
         byte = static_cast<char>(random());
-      _files.emplace(name, std::move(content));
-      _manifest += "<SegmentURL media=\"" + name + "\"/>";
+      _files.emplace(fileName(quality, i), std::move(content));
     }
-    _manifest += "</SegmentList></Representation>";
-  }
-  _manifest += "</AdaptationSet></Period></MPD>";
 }
 
 void Presentation::serve(support::FaultServer& server) const {

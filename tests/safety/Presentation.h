@@ -9,14 +9,18 @@
 
 namespace safety {
 
+enum class Format { DASH, Smooth };
+std::string nameOf(Format format);
+
 /// A presentation in two qualities, and what a library that downloads it may and must hold.
 class Presentation {
 public:
   /// `segments` in each quality, of 3 to 40 kB; `seed` varies sizes and contents.
-  Presentation(std::size_t segments, unsigned seed);
+  Presentation(std::size_t segments, unsigned seed, Format format = Format::DASH);
 
   void serve(support::FaultServer& server) const;
 
+  /// Whatever the format: that is found out from the content.
   static constexpr const char* manifestPath = "/movie.mpd";
   const std::map<std::string, std::string>& files() const { return _files; } ///< name to content
   std::size_t totalBytes() const;

@@ -59,7 +59,7 @@ void pollUntil(tolvane::Process& process, microseconds longest, Condition condit
 /// One library from its first download to its end.
 class World {
 public:
-  explicit World(unsigned seed) : _random(seed), _presentation(segments, seed) {
+  World(unsigned seed, Format format) : _random(seed), _presentation(segments, seed, format) {
     _presentation.serve(_server);
     for (const auto& [name, content] : _presentation.files())
       _server.handle("/" + name, counted(FaultServer::entity({content, "\"" + name + "\"", ""})));
@@ -218,10 +218,12 @@ private:
 
 } // namespace
 
-TEST(Crashes, KilledAtAnyMomentADownloadStillEndsWholeAndFetchesNothingTwice) {
-  const int kills = rounds("TOLVANE_CRASH_ROUNDS", 50, 300);
+class Crashes : public testing::TestWithParam<Format> {};
+
+TEST_P(Crashes, KilledAtAnyMomentADownloadStillEndsWholeAndFetchesNothingTwice) {
+  const int kills = rounds("TOLVANE_CRASH_ROUNDS", 50, 300) / 2; // of each format
   unsigned seed = 1;
-  auto world = std::make_unique<World>(seed);
+  auto world = std::make_unique<World>(seed, GetParam());
   int killed = 0, inWorld = 0, worlds = 1;
   std::size_t lost = 0, twice = 0;
   for (; killed < kills && !HasFailure();) {
@@ -238,7 +240,7 @@ TEST(Crashes, KilledAtAnyMomentADownloadStillEndsWholeAndFetchesNothingTwice) {
       continue;
     world->finish();
     lost += world->lostBodies(), twice += world->bytesServedTwice();
-    world = std::make_unique<World>(++seed);
+    world = std::make_unique<World>(++seed, GetParam());
     inWorld = 0, ++worlds;
   }
   world->finish();
@@ -247,3 +249,6 @@ TEST(Crashes, KilledAtAnyMomentADownloadStillEndsWholeAndFetchesNothingTwice) {
   std::printf("%d kills over %d downloads; %zu whole bodies lost on their way, %zu bytes fetched twice\n",
               killed, worlds, lost, twice);
 }
+
+INSTANTIATE_TEST_SUITE_P(, Crashes, testing::Values(Format::DASH, Format::Smooth),
+                         [](const auto& test) { return nameOf(test.param); });

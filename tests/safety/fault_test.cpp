@@ -39,7 +39,7 @@ std::vector<LoggedCall> readLog(const std::string& path) {
 /// A server with a small presentation and a library of its own for each run.
 class Scene {
 public:
-  Scene() { presentation.serve(server); }
+  explicit Scene(Format format = Format::DASH) : presentation(3, 7, format) { presentation.serve(server); }
 
   std::vector<std::string> download() const {
     return {"download",   server.url(Presentation::manifestPath),
@@ -54,14 +54,14 @@ public:
   std::string library() const { return directory / "library"; }
 
   const TemporaryDirectory directory;
-  const Presentation presentation{3, 7};
+  const Presentation presentation;
   FaultServer server;
 };
 
 /// One run with one fault, and what comes after it.
-void expectSurvival(const std::string& fault) {
-  SCOPED_TRACE("FAULT_LAYER_FAULT='" + fault + "'");
-  Scene scene;
+void expectSurvival(const std::string& fault, Format format) {
+  SCOPED_TRACE("FAULT_LAYER_FAULT='" + fault + "', " + nameOf(format));
+  Scene scene(format);
   const Presentation& origin = scene.presentation;
   const ProgramResult run = runBounded(scene.download(), FileLayer{scene.library(), "", fault});
   EXPECT_EQ(endFault(run), "");
@@ -113,7 +113,8 @@ TEST_P(EachCall, FailsAndNothingWrongIsLeftBehind) {
   for (int n = 1; n <= count; n += step, ++number)
     for (int error : {ENOSPC, EIO})
       if (step == 1 || (number + error) % 2 == 0)
-        expectSurvival(kind + " " + std::to_string(n) + " " + std::to_string(error) + (lasting ? " on" : ""));
+        expectSurvival(kind + " " + std::to_string(n) + " " + std::to_string(error) + (lasting ? " on" : ""),
+                       number / 2 % 2 == 0 ? Format::DASH : Format::Smooth); // which makes the same calls
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, EachCall,

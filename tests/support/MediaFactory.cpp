@@ -1,9 +1,13 @@
 #include "tests/support/MediaFactory.h"
 
 #include "tests/support/Command.h"
+#include "tests/support/TemporaryDirectory.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <limits>
 #include <stdexcept>
 #include <sys/file.h>
 #include <unistd.h>
@@ -42,12 +46,14 @@ std::vector<std::string> addressingArguments(Addressing addressing) {
     return {"-use_template", "0", "-use_timeline", "0"};
   case Addressing::SingleFile:
     return {"-use_template", "0", "-use_timeline", "0", "-single_file", "1"};
+  case Addressing::Smooth:
+    break;
   }
   return {};
 }
 
 std::string nameOf(const MediaOptions& options) {
-  static constexpr const char* names[] = {"number", "time", "list", "single"};
+  static constexpr const char* names[] = {"number", "time", "list", "single", "smooth"};
   std::string name = names[static_cast<int>(options.addressing)];
   name += "-" + std::to_string(options.seconds) + "s-" + std::to_string(options.segmentSeconds) + "s";
   for (int height : options.heights)
@@ -55,6 +61,30 @@ std::string nameOf(const MediaOptions& options) {
   for (const auto& language : options.languages)
     name += "-" + language;
   return name;
+}
+
+/// The manifest that ffmpeg writes leaves out the sizes of the video stream, and the start of a stream whose
+/// first fragment, going by its file's name, does not start at 0.
+void completeSmoothManifest(const fs::path& directory, const MediaOptions& options) {
+  const fs::path path = directory / "Manifest";
+  std::string text = readFile(path);
+  const int height = *std::max_element(options.heights.begin(), options.heights.end());
+  const std::string sizes = "Width=\"" + std::to_string(height * 16 / 9 / 2 * 2) + "\" MaxHeight=\"" +
+                            std::to_string(height) + "\" ";
+  const std::string video = "<StreamIndex Type=\"video\" ";
+  text.insert(text.find(video) + video.size(),
+              "Max" + sizes + "Display" + std::string(sizes).replace(sizes.find("Max"), 3, "Display"));
+  for (const std::string kind : {"video", "audio"}) {
+    const std::string prefix = "Fragments(" + kind + "=";
+    long long start = std::numeric_limits<long long>::max();
+    for (const auto& entry : fs::recursive_directory_iterator(directory))
+      if (const std::string name = entry.path().filename(); name.starts_with(prefix))
+        start = std::min(start, std::stoll(name.substr(prefix.size())));
+    const std::string entry = "<c n=\"0\" ";
+    const std::size_t at = text.find(entry, text.find("Type=\"" + kind)) + entry.size();
+    text.insert(at, "t=\"" + std::to_string(start) + "\" ");
+  }
+  std::ofstream(path, std::ios::binary) << text;
 }
 
 std::vector<std::string> encodeCommand(const MediaOptions& options) {
@@ -91,6 +121,11 @@ std::vector<std::string> encodeCommand(const MediaOptions& options) {
   // The encoder starts before zero, which names the first file differently from what the manifest says.
   if (!options.languages.empty())
     add({"-c:a", "aac", "-b:a", "32k", "-bsf:a", "setts=pts=PTS+1024:dts=DTS+1024"});
+  if (options.addressing == Addressing::Smooth) {
+    add({"-fflags", "+bitexact", "-flags", "+bitexact", "-f", "smoothstreaming", "-min_frag_duration",
+         segment + "000000", "movie"});
+    return command;
+  }
   add({"-fflags", "+bitexact", "-flags", "+bitexact", "-f", "dash", "-seg_duration", segment,
        "-adaptation_sets", sets});
   for (const auto& argument : addressingArguments(options.addressing))
@@ -105,9 +140,10 @@ bool canMakeMedia() {
   return !findProgram("ffmpeg").empty();
 }
 
-Media makeDASHMedia(const MediaOptions& options, const std::string& cacheDirectory) {
+Media makeMedia(const MediaOptions& options, const std::string& cacheDirectory) {
   const fs::path cache = cacheDirectory.empty() ? fs::path(TEST_MEDIA_DIRECTORY) : fs::path(cacheDirectory);
   const fs::path target = cache / nameOf(options);
+  const bool smooth = options.addressing == Addressing::Smooth;
   fs::create_directories(cache);
   const FileLock lock(target.string() + ".lock");
   if (!fs::exists(target)) {
@@ -115,10 +151,15 @@ Media makeDASHMedia(const MediaOptions& options, const std::string& cacheDirecto
     fs::remove_all(unfinished);
     fs::create_directories(unfinished);
     runCommand(encodeCommand(options), unfinished.string());
-    fs::rename(unfinished, target);
+    if (smooth)
+      completeSmoothManifest(unfinished / "movie", options);
+    fs::rename(smooth ? unfinished / "movie" : unfinished, target);
+    fs::remove_all(unfinished);
   }
   Media media;
   media.directory = target.string();
+  if (smooth)
+    media.manifest = "Manifest";
   return media;
 }
 

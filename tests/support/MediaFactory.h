@@ -11,6 +11,7 @@ enum class Addressing {
   TimeTemplate,   ///< SegmentTemplate with $Time$ and a SegmentTimeline
   SegmentList,    ///< a file for each segment, all listed
   SingleFile,     ///< one file for each representation, segments listed as byte ranges of it
+  Smooth,         ///< a Smooth Streaming presentation: {start time}, and a file for each fragment
 };
 
 struct MediaOptions {
@@ -26,12 +27,12 @@ struct Media {
   std::string manifest = "manifest.mpd"; ///< name in the directory
 };
 
-/// A DASH presentation of a test pattern and sine tones, made by ffmpeg.
+/// A DASH or Smooth Streaming presentation of a test pattern and sine tones, made by ffmpeg.
 ///
 /// The files are kept for later runs, below `cacheDirectory` (empty: in the build directory), and shared: do
 /// not change them. Several processes may ask for one presentation at once. Raises std::runtime_error when
 /// ffmpeg is missing or fails.
-Media makeDASHMedia(const MediaOptions& options = {}, const std::string& cacheDirectory = {});
+Media makeMedia(const MediaOptions& options = {}, const std::string& cacheDirectory = {});
 
 /// True when ffmpeg is there to make media with.
 bool canMakeMedia();

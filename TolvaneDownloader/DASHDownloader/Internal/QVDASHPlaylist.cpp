@@ -1,7 +1,8 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVDASHPlaylist.h"
 
-#include "TolvaneDownloader/DASHDownloader/Internal/QVDASHExceptions.h"
+#include "TolvaneDownloader/DASHDownloader/Internal/QVBindingExceptions.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVDASHMovie.h"
+#include "TolvaneDownloader/DASHDownloader/Internal/QVManifestDocument.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
 #include "mpl/dash/MediaPresentationDescription.h"
 
@@ -68,12 +69,11 @@ QVDASHPlaylist::playlistWithManifest(const mpl::dash::MediaPresentationDescripti
   return playlist->movies().empty() ? nullptr : playlist;
 }
 
-std::shared_ptr<QVPlaylist> QVPlaylistFactory::dashGenerateWithData(const platform::Data& data) {
-  return QVTranslateDASHExceptions([&data] {
+std::shared_ptr<QVPlaylist> QVPlaylistFactory::dashGenerateWithDocument(const QVManifestDocument& document) {
+  return QVTranslateExceptions([&document] {
     // Without a manifest URL: the tree outlives the place that it was fetched from, so relative references
     // stay relative and are read against whatever base a listing gives.
-    const auto manifest =
-        mpl::dash::MediaPresentationDescription::parse(data.data(), data.size(), qvc::FastString());
+    const auto manifest = mpl::dash::MediaPresentationDescription::parse(document.root(), qvc::FastString());
     return QVDASHPlaylist::playlistWithManifest(*manifest);
   });
 }

@@ -1,6 +1,6 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVDASHResourceListBuilder.h"
 
-#include "TolvaneDownloader/DASHDownloader/Internal/QVDASHExceptions.h"
+#include "TolvaneDownloader/DASHDownloader/Internal/QVBindingExceptions.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVRangedURL.h"
 #include "mpl/dash/Representation.h"
 
@@ -29,7 +29,7 @@ QVResourceListRef QVDASHResourceListBuilder::fillResourcesWithBaseURL(const std:
     return _resources;
   _resources = nullptr;
   _baseURL = std::make_shared<const std::string>(baseURL);
-  _resources = QVTranslateDASHExceptions(
+  _resources = QVTranslateExceptions(
       [this] { return std::make_shared<const QVResourceList>(mergeRangedResourceURLs(_listResources())); });
   return _resources;
 }

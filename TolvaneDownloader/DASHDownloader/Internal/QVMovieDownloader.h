@@ -43,6 +43,8 @@ class QVMovieDownloader : public QVDownloadController,
 public:
   using FetchCompletion =
       std::function<void(std::shared_ptr<QVMovieDownloadSet> set, platform::ErrorRef error)>;
+  /// Null to accept. Called on the transfer's queue, without a lock.
+  using PlaylistCheck = std::function<platform::ErrorRef(const QVPlaylist& playlist)>;
 
   /// The process's instance, on the background session "QVMovieDownloader/SharedSession"; made at the first
   /// call, lives as long as the process.
@@ -100,9 +102,10 @@ public:
   /// manifest that is fetched and stored. `completion` is called exactly once, without a lock, with (set,
   /// null) or (null, error); after a fetch on the transfer's queue.
   ///
-  /// `headers` are for the manifest's request alone and win over `additionalHeaders`.
+  /// `headers` are for the manifest's request alone and win over `additionalHeaders`. `check` sees what was
+  /// fetched before anything of it is written: an error that it answers ends the fetch.
   void fetchDownloadSetForURL(const std::string& url, FetchCompletion completion,
-                              platform::HTTPHeaders headers = {});
+                              platform::HTTPHeaders headers = {}, PlaylistCheck check = nullptr);
 
   // Commands. Each is a background task of the application.
   bool download(const std::shared_ptr<QVMovieDownloadSet>& set); ///< whether a run started

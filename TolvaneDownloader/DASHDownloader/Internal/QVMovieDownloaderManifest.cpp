@@ -178,7 +178,7 @@ QVMovieDownloader::activateDownloadSet(const QVMovieDownloadProperties& properti
 }
 
 void QVMovieDownloader::fetchDownloadSetForURL(const std::string& url, FetchCompletion completion,
-                                               platform::HTTPHeaders headers) {
+                                               platform::HTTPHeaders headers, PlaylistCheck check) {
   std::shared_ptr<QVMovieDownloadSet> set;
   platform::ErrorRef error;
   std::string downloadId, manifestName;
@@ -200,10 +200,12 @@ void QVMovieDownloader::fetchDownloadSetForURL(const std::string& url, FetchComp
 
   QVPlaylistFactory::generateWithURL(
       url,
-      [weak = weak_from_this(), url, downloadId, manifestName,
-       completion = std::move(completion)](const std::shared_ptr<QVPlaylist>& playlist,
-                                           const platform::DataRef& data, platform::ErrorRef failure) {
+      [weak = weak_from_this(), url, downloadId, manifestName, completion = std::move(completion),
+       check = std::move(check)](const std::shared_ptr<QVPlaylist>& playlist, const platform::DataRef& data,
+                                 platform::ErrorRef failure) {
         std::shared_ptr<QVMovieDownloadSet> fetched;
+        if (!failure && playlist && check)
+          failure = check(*playlist);
         if (!failure) {
           if (const auto self = weak.lock())
             fetched = self->_fetchedSet(playlist, data, url, downloadId, manifestName, failure);

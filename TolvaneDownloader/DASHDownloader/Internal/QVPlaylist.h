@@ -28,10 +28,16 @@ public:
   const std::string& url() const { return _url; }
   void setUrl(std::string url) { _url = std::move(url); }
 
+  /// Whether the manifest says that the presentation is still going on, so that it lists only a part.
+  bool isLive() const { return _isLive; }
+
 protected:
   explicit QVPlaylist(std::vector<std::shared_ptr<QVMovie>> movies);
+  /// Only while the tree is built.
+  void setLive(bool live) { _isLive = live; }
 
 private:
   std::vector<std::shared_ptr<QVMovie>> _movies;
   std::string _url;
+  bool _isLive = false;
 };

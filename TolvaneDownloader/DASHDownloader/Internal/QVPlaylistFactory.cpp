@@ -1,5 +1,6 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
 
+#include "TolvaneDownloader/DASHDownloader/Internal/QVManifestDocument.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylist.h"
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/Exception.h"
@@ -12,18 +13,27 @@ namespace {
 
 constexpr const char* exceptionName = "QVPlaylistFactoryException";
 constexpr const char* dashGeneratorErrorKey = "DASHGeneratorError";
+constexpr const char* smoothStreamingGeneratorErrorKey = "SmoothStreamingGeneratorError";
 
 const platform::ErrorDomain factoryErrorDomain{"NSErrorQVDownloader"};
 const platform::ErrorDomain httpErrorDomain{"QVDownloadHTTPErrorDomain"};
 
-/// One manifest format: its generator, and the key under which its exception is kept when another is tried.
+/// One manifest format: its generator, the key under which its exception is kept when another is tried, and
+/// how that exception's reason begins when the document is of another format.
 struct Format {
+  const char* name;
   const char* errorKey;
-  std::shared_ptr<QVPlaylist> (*generate)(const platform::Data&);
+  const char* otherDocument;
+  std::shared_ptr<QVPlaylist> (*generate)(const QVManifestDocument&);
 };
 
 /// In the order of trying.
-constexpr Format formats[] = {{dashGeneratorErrorKey, &QVPlaylistFactory::dashGenerateWithData}};
+constexpr Format formats[] = {
+    {"DASH", dashGeneratorErrorKey, "Not a valid MPD", &QVPlaylistFactory::dashGenerateWithDocument},
+    {"Smooth Streaming", smoothStreamingGeneratorErrorKey,
+     "Passed invalid XML element. Expected tag SmoothStreamingMedia but got ",
+     &QVPlaylistFactory::smoothGenerateWithDocument},
+};
 
 platform::ErrorRef makeFactoryError(const std::string& reason, platform::ErrorRef cause) {
   const std::string text = platform::StringTable::localizedString(reason);
@@ -34,17 +44,25 @@ platform::ErrorRef makeFactoryError(const std::string& reason, platform::ErrorRe
                              std::move(cause));
 }
 
-/// The formats' own exceptions as errors, the first format's outermost; null when there is none.
+/// Why no format fits, for a reader; null when the exception does not hold the formats' own. Of a document
+/// that has the root of one format, the other formats' complaints say nothing.
 platform::ErrorRef causeOf(const platform::Exception& exception) {
-  platform::ErrorRef cause;
-  for (auto format = std::rbegin(formats); format != std::rend(formats); ++format) {
-    const auto found = exception.userInfo().find(format->errorKey);
+  std::string all, own;
+  for (const Format& format : formats) {
+    const auto found = exception.userInfo().find(format.errorKey);
     if (found == exception.userInfo().end())
       continue;
-    if (const auto* inner = std::any_cast<platform::Exception>(&found->second))
-      cause = makeFactoryError(inner->reason(), std::move(cause));
+    const auto* inner = std::any_cast<platform::Exception>(&found->second);
+    if (!inner)
+      continue;
+    const std::string text = std::string("as ") + format.name + ": " + inner->reason();
+    if (!inner->reason().starts_with(format.otherDocument))
+      own += (own.empty() ? "" : "; ") + text;
+    all += (all.empty() ? "" : "; ") + text;
   }
-  return cause;
+  if (all.empty())
+    return nullptr;
+  return makeFactoryError(own.empty() ? all : own, nullptr);
 }
 
 platform::ErrorRef makeHTTPError(const platform::HTTPURLResponse& response) {
@@ -91,11 +109,20 @@ platform::ErrorRef makeURLError(platform::URLErrorCode code, const std::string& 
 
 } // namespace
 
+std::shared_ptr<QVPlaylist> QVPlaylistFactory::dashGenerateWithData(const platform::Data& data) {
+  return dashGenerateWithDocument(QVManifestDocument(data));
+}
+
+std::shared_ptr<QVPlaylist> QVPlaylistFactory::smoothGenerateWithData(const platform::Data& data) {
+  return smoothGenerateWithDocument(QVManifestDocument(data));
+}
+
 std::shared_ptr<QVPlaylist> QVPlaylistFactory::generateWithData(const platform::Data& data) {
   platform::UserInfo userInfo;
+  const QVManifestDocument document(data);
   for (const Format& format : formats) {
     try {
-      return format.generate(data);
+      return format.generate(document);
     } catch (const platform::Exception& exception) {
       userInfo.emplace(format.errorKey, exception);
     }

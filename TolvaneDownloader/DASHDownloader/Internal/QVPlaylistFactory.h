@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+class QVManifestDocument;
 class QVPlaylist;
 
 namespace platform {
@@ -26,7 +27,8 @@ public:
 
   /// Null when the manifest is sound but holds nothing that can be downloaded. Raises a `platform::Exception`
   /// "QVPlaylistFactoryException" when no format fits; its user info holds each format's own exception (a
-  /// `platform::Exception`) under "DASHGeneratorError" and so on.
+  /// `platform::Exception`) under "DASHGeneratorError" and
+  /// "SmoothStreamingGeneratorError".
   static std::shared_ptr<QVPlaylist> generateWithData(const platform::Data& data);
 
   /// Reads a stored manifest. Null with `error` (may be null) untouched when the file cannot be read or holds
@@ -47,11 +49,21 @@ public:
 
   /// An error of domain "NSErrorQVDownloader", code -101, whose description, failure reason and recovery
   /// suggestion are the exception's reason in the user's language. Its `underlyingError` is made the same way
-  /// of the format's exception that the user info holds, so that a reader learns why.
+  /// of the formats' exceptions that the user info holds, so that a reader learns why: of the format whose
+  /// root element the document has, else of all.
   static platform::ErrorRef errorWithException(const platform::Exception& exception);
 
   /// The DASH format. Raises "QVPlaylistFactoryException" with the parser's message as its reason.
   static std::shared_ptr<QVPlaylist> dashGenerateWithData(const platform::Data& data);
+
+  /// The Smooth Streaming format. Never null; without a movie when the manifest holds no stream. Raises
+  /// "QVPlaylistFactoryException": "Can't parse SmoothStreaming XML" for what is no XML, else the fault that
+  /// was found.
+  static std::shared_ptr<QVPlaylist> smoothGenerateWithData(const platform::Data& data);
+
+  // The same of a document that several formats look at.
+  static std::shared_ptr<QVPlaylist> dashGenerateWithDocument(const QVManifestDocument& document);
+  static std::shared_ptr<QVPlaylist> smoothGenerateWithDocument(const QVManifestDocument& document);
 
   QVPlaylistFactory() = delete;
 };

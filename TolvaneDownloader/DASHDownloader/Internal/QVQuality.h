@@ -13,6 +13,9 @@ class QVTrack;
 namespace mpl::dash {
 class Representation;
 }
+namespace SmoothStreaming {
+class StreamElement;
+}
 
 /// One rendition of a track at one bit rate: what a user chooses and what is downloaded as a whole. Owns the
 /// builder of its resource list. Immutable; may be read from any thread.
@@ -31,6 +34,11 @@ public:
   static std::shared_ptr<QVQuality>
   qualityWithRepresentation(std::shared_ptr<const mpl::dash::Representation> representation,
                             std::int64_t durationUs, const std::shared_ptr<QVTrack>& parent);
+
+  /// The same for the quality level at `index` of a Smooth Streaming stream.
+  static std::shared_ptr<QVQuality>
+  qualityWithStreamElement(std::shared_ptr<const SmoothStreaming::StreamElement> streamElement,
+                           unsigned index, const std::shared_ptr<QVTrack>& parent);
 
   virtual ~QVQuality();
   QVQuality(const QVQuality&) = delete;

@@ -7,6 +7,7 @@
 #include "platform/transfer/TransferService.h"
 #include "platform/transfer/URLSession.h"
 
+#include <cstdlib>
 #include <utility>
 
 namespace halvix {
@@ -34,6 +35,23 @@ platform::ErrorRef statusError(int status) {
   return platform::makeError(domain, status, std::move(info));
 }
 
+/// Enough for the root element behind what may stand before it.
+constexpr const char* firstBytes = "bytes=0-4095";
+/// A server may ignore the range; what is larger than a manifest is not looked at.
+constexpr std::int64_t largestManifest = 64 << 20;
+
+/// What the first bytes of a manifest name, in any encoding whose letters have one byte that is not zero.
+std::optional<ContentType> contentTypeFromBytes(const platform::Data& data) {
+  std::string head;
+  for (std::size_t i = 0; i < data.size() && i < 4096; ++i)
+    if (data[i] != 0)
+      head += static_cast<char>(data[i]);
+  if (head.find("SmoothStreamingMedia") != std::string::npos || head.find("<MPD") != std::string::npos ||
+      head.find(":MPD") != std::string::npos)
+    return ContentType::dash;
+  return std::nullopt;
+}
+
 } // namespace
 
 void detectContentType(const std::string& url, const platform::HTTPHeaders& headers,
@@ -56,8 +74,9 @@ void detectContentType(const std::string& url, const platform::HTTPHeaders& head
   for (const auto& [name, value] : headers)
     request.setValueForHTTPHeaderField(value, name);
   const auto task = session->dataTaskWithRequest(
-      request, [url, completion](platform::DataRef, std::shared_ptr<const platform::HTTPURLResponse> response,
-                                 platform::ErrorRef error) {
+      request, [url, completion, session, request](platform::DataRef,
+                                                   std::shared_ptr<const platform::HTTPURLResponse> response,
+                                                   platform::ErrorRef error) {
         if (error || !response)
           return answer(completion, std::nullopt, unknownContent(url, {}, error));
         if (response->statusCode() < 200 || response->statusCode() > 299)
@@ -74,9 +93,24 @@ void detectContentType(const std::string& url, const platform::HTTPHeaders& head
             type = contentTypeFromURL(*name);
         if (type)
           return answer(completion, type, nullptr);
-        answer(
-            completion, std::nullopt,
-            unknownContent(url, header ? "the server says " + *header : "the server does not say", nullptr));
+        const QVErrorRef unknown =
+            unknownContent(url, header ? "the server says " + *header : "the server does not say", nullptr);
+        const auto length = response->valueForHTTPHeaderField("Content-Length");
+        if (length && std::strtoll(length->c_str(), nullptr, 10) > largestManifest)
+          return answer(completion, std::nullopt, unknown);
+        platform::URLRequest look = request;
+        look.setHTTPMethod("GET");
+        look.setValueForHTTPHeaderField(firstBytes, "Range");
+        const auto second = session->dataTaskWithRequest(
+            look, [completion, unknown](platform::DataRef data,
+                                        std::shared_ptr<const platform::HTTPURLResponse> got,
+                                        platform::ErrorRef failure) {
+              const bool fetched =
+                  !failure && data && got && got->statusCode() >= 200 && got->statusCode() <= 299;
+              const auto seen = fetched ? contentTypeFromBytes(*data) : std::nullopt;
+              answer(completion, seen, seen ? nullptr : unknown);
+            });
+        second->resume();
       });
   task->resume();
 }

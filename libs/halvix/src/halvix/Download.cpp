@@ -279,6 +279,16 @@ int Download::maximumConcurrentTransfers() const {
   return _record->maximumConcurrentTransfers.value_or(defaultConcurrentTransfers);
 }
 
+bool Download::refusesLive() const {
+  std::lock_guard lock(_mutex);
+  return _refusesLive;
+}
+
+void Download::setRefusesLive(bool refuses) {
+  std::lock_guard lock(_mutex);
+  _refusesLive = refuses;
+}
+
 void Download::setMaximumConcurrentTransfers(int count) {
   std::lock_guard lock(_mutex);
   count = count < 1 ? 1 : count;

@@ -104,6 +104,11 @@ public:
   int maximumConcurrentTransfers() const;
   void setMaximumConcurrentTransfers(int count);
 
+  /// Whether a presentation that is still going on is refused instead of taking what it lists at the moment;
+  /// false unless set. Not stored.
+  bool refusesLive() const;
+  void setRefusesLive(bool refuses);
+
   /// Opaque bytes to go on from; null when there are none.
   platform::DataRef resumeData() const;
   void setResumeData(platform::DataRef data);
@@ -180,6 +185,7 @@ private:
   bool _finishedEventDue = false;
   bool _started = false;
   bool _foundContent = false;
+  bool _refusesLive = false;
 };
 
 } // namespace halvix

@@ -22,6 +22,7 @@ struct PresentationMovie {
 struct Presentation {
   std::string url;
   std::vector<PresentationMovie> movies;
+  bool isLive = false; ///< still going on; what it lists is a part
 };
 
 /// What a downloader can implement besides `BaseDownloader`: telling what content offers, leaving no trace in

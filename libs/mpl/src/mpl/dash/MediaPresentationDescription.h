@@ -9,6 +9,10 @@
 #include <utility>
 #include <vector>
 
+namespace qvc::xml {
+class Element;
+}
+
 namespace mpl::dash {
 
 /// Where a client gets the presentation's clock from. A plain value.
@@ -27,6 +31,9 @@ public:
   static std::unique_ptr<const MediaPresentationDescription> parse(const void* data, std::size_t size,
                                                                    const qvc::FastString& manifestURL);
   static std::unique_ptr<const MediaPresentationDescription> parse(const qvc::FastString& text,
+                                                                   const qvc::FastString& manifestURL);
+  /// The same of a document that is parsed already; null stands for one that is no XML.
+  static std::unique_ptr<const MediaPresentationDescription> parse(const qvc::xml::Element& root,
                                                                    const qvc::FastString& manifestURL);
 
   MediaPresentationDescription(std::int64_t availabilityStartTime, std::int64_t mediaPresentationDuration,

@@ -28,6 +28,11 @@ std::unique_ptr<const MediaPresentationDescription> fromRoot(qvc::_qvc_Result pa
 } // namespace
 
 std::unique_ptr<const MediaPresentationDescription>
+MediaPresentationDescription::parse(const qvc::xml::Element& root, const qvc::FastString& manifestURL) {
+  return fromRoot(root.isNull() ? qvc::qvc_InvalidFormat : qvc::qvc_Success, root, manifestURL);
+}
+
+std::unique_ptr<const MediaPresentationDescription>
 MediaPresentationDescription::parse(const void* data, std::size_t size, const qvc::FastString& manifestURL) {
   Element root;
   const qvc::_qvc_Result result = qvc::xml::Parser::parse(root, data, size, nullptr);

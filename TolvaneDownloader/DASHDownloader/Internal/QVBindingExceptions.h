@@ -7,7 +7,7 @@
 
 /// Runs `work` and answers its result; what the manifest library throws leaves as the room's own exception,
 /// with the library's message as its reason.
-template <class Work> auto QVTranslateDASHExceptions(Work&& work) -> decltype(work()) {
+template <class Work> auto QVTranslateExceptions(Work&& work) -> decltype(work()) {
   try {
     return std::forward<Work>(work)();
   } catch (const platform::Exception&) {
