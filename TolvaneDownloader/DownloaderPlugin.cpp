@@ -2,6 +2,8 @@
 
 #include "TolvaneDownloader/DASHDownloader/DashDownloader.h"
 #include "TolvaneDownloader/DASHDownloader/DashDownloaderFactory.h"
+#include "TolvaneDownloader/HLSDownloader/HLSDownloader.h"
+#include "TolvaneDownloader/HLSDownloader/HLSDownloaderFactory.h"
 
 DownloaderPlugin::DownloaderPlugin() : _name("DownloaderPlugin"), _version("4.0.0") {}
 
@@ -9,7 +11,12 @@ std::shared_ptr<DashDownloader> DownloaderPlugin::dashDownloader() const {
   return DashDownloader::shared();
 }
 
+std::shared_ptr<HLSDownloader> DownloaderPlugin::hlsDownloader() const {
+  return HLSDownloader::shared();
+}
+
 void DownloaderPlugin::pluginAttached(const std::shared_ptr<halvix::QVPluginContext>& context) {
   _currentContext = context;
+  context->components()->registerFactory(std::make_shared<HLSDownloaderFactory>(context->dispatchers()));
   context->components()->registerFactory(std::make_shared<DashDownloaderFactory>(context->dispatchers()));
 }

@@ -6,6 +6,7 @@
 #include <string>
 
 class DashDownloader;
+class HLSDownloader;
 
 /// The component as the host loads it. Attached, it registers a factory for each kind of content with the
 /// host's component registry. The downloaders behind the factories are shared by the process and outlive
@@ -21,6 +22,7 @@ public:
   const std::shared_ptr<halvix::QVPluginContext>& currentContext() const { return _currentContext; }
   /// Shared by the process; made, over the host's environment, when first asked for.
   std::shared_ptr<DashDownloader> dashDownloader() const;
+  std::shared_ptr<HLSDownloader> hlsDownloader() const;
 
   void pluginAttached(const std::shared_ptr<halvix::QVPluginContext>& context) override;
   void pluginDetached() override {}
