@@ -318,9 +318,27 @@ QVErrorRef HLSDownloader::deleteDownloadedContent(const Download& download) cons
 
 void HLSDownloader::inspectContent(const std::string& source, const platform::HTTPHeaders& headers,
                                    halvix::ContentInspector::Completion completion) {
-  auto url = platform::URL::URLWithString(source);
-  if (!url || !url->isHTTP())
-    url = platform::URL::fileURLWithPath(source);
+  auto answer = [source, completion = std::move(completion)](halvix::Tracks tracks, const QVErrorRef& error) {
+    if (error)
+      return completion(nullptr, error);
+    auto presentation = std::make_shared<halvix::Presentation>();
+    presentation->url = source;
+    presentation->movies.push_back({-1, std::move(tracks)});
+    completion(std::move(presentation), nullptr);
+  };
+  const auto url = platform::URL::URLWithString(source);
+  if (!url || !url->isHTTP()) {
+    // An asset is media behind an address; of a playlist in a file the summary is told.
+    return HLSPlaylistDownloader::getPlaylist(
+        platform::URL::fileURLWithPath(source),
+        [source, answer](const std::shared_ptr<const HLSPlaylist>& playlist, PlaylistDownloaderError status) {
+          if (playlist)
+            return answer(describeTracks(*playlist), nullptr);
+          answer(
+              {},
+              fatal(ErrorType::downloader_request_creation_failed).message(reasonOf(status, source)).build());
+        });
+  }
   platform::HTTPHeaders all = this->headers();
   for (const auto& [name, value] : headers)
     all[name] = value;

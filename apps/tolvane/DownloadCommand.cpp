@@ -159,6 +159,17 @@ int run(Host& host, const DownloadRef& download, ProgressMode mode, Interruption
   }
 }
 
+/// A package holds the picture in exactly one quality, whatever was chosen.
+void noteOneVariant(const halvix::Tracks& tracks, const halvix::Selection& selection) {
+  if (selection.video.size() > 1)
+    std::fprintf(stderr,
+                 "tolvane: note: an HLS download holds one video quality; the best of the chosen %zu "
+                 "is taken\n",
+                 selection.video.size());
+  else if (selection.video.empty() && !selection.empty() && !tracks.video.empty())
+    std::fprintf(stderr, "tolvane: note: an HLS download always holds a video quality\n");
+}
+
 void prepare(Host& host, const DownloadRef& download, Interruption& interruption) {
   Answer answer(interruption);
   host.manager().prepare(download, answer.completion());
@@ -199,12 +210,16 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
     prepare(host, download, interruption);
     bool chosenBefore = download->hasSelection();
     halvix::Selection selection = choose(*download->tracks(), options, chosenBefore);
-    if (!chosenBefore) {
+    if (!download->tracks()->offersChoice()) {
+      // One stream, such as a media playlist given directly: there is nothing to select.
+    } else if (!chosenBefore) {
       if (selection.empty())
         throw SelectionError("nothing is selected; choose something with --video, --audio or --text");
       require(host.manager().select(download, selection));
     } else
       download->addToSelection(selection);
+    if (download->contentType() == halvix::ContentType::hls)
+      noteOneVariant(*download->tracks(), download->selection());
   } catch (...) {
     // A download that was only looked at leaves nothing behind; one of the list stays as it is.
     host.manager().discard(download);

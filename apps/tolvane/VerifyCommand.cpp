@@ -7,6 +7,7 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVResourcePath.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVTrack.h"
 #include "apps/tolvane/Commands.h"
+#include "apps/tolvane/HLSCommands.h"
 #include "apps/tolvane/Host.h"
 #include "apps/tolvane/Manifest.h"
 #include "apps/tolvane/MediaFileCheck.h"
@@ -97,6 +98,8 @@ void printSome(const char* what, const std::vector<std::string>& names) {
 
 int verifyCommand(const std::string& library, const std::string& identifier) {
   halvix::DownloadSummary download = find(library, identifier);
+  if (download.contentType == halvix::ContentType::hls)
+    return verifyPackage(download);
   const std::string folder = directoryOf(library, download.id);
   auto properties =
       QVMovieDownloadProperties::propertiesWithLocalPath(folder, QVMovieDownloadProperties::defaultJSONName);
