@@ -116,8 +116,14 @@ halvix::TextTrack toTextTrack(const MediaSelectionOption& option, std::size_t in
   return track;
 }
 
-halvix::Tracks describeTracks(const platform::URLAsset& asset, const HLSPlaylist& playlist) {
+halvix::Tracks describeTracks(const HLSPlaylist& playlist) {
   halvix::Tracks tracks;
+  tracks.video.push_back(toVideoTrack(playlist));
+  return tracks;
+}
+
+halvix::Tracks describeTracks(const platform::URLAsset& asset, const HLSPlaylist& playlist) {
+  halvix::Tracks tracks = describeTracks(playlist);
   if (const auto group =
           asset.mediaSelectionGroupForMediaCharacteristic(platform::AVMediaCharacteristicAudible))
     for (const auto& option : group->options())
@@ -126,7 +132,6 @@ halvix::Tracks describeTracks(const platform::URLAsset& asset, const HLSPlaylist
           asset.mediaSelectionGroupForMediaCharacteristic(platform::AVMediaCharacteristicLegible))
     for (const auto& option : group->options())
       tracks.text.push_back(toTextTrack(*option, tracks.text.size()));
-  tracks.video.push_back(toVideoTrack(playlist));
   return tracks;
 }
 

@@ -30,6 +30,9 @@ halvix::TextTrack toTextTrack(const platform::MediaSelectionOption& option, std:
 /// the place in the group, or the bit rate.
 halvix::Tracks describeTracks(const platform::URLAsset& asset, const HLSPlaylist& playlist);
 
+/// The same of a summary alone: the video track.
+halvix::Tracks describeTracks(const HLSPlaylist& playlist);
+
 /// The media selections that hold every chosen audio rendition and text track of the download. Where nothing
 /// is chosen, what the asset prefers stays. Never empty.
 std::vector<platform::MediaSelection> mapSelectedTracksToMediaSelections(const halvix::Download& download,

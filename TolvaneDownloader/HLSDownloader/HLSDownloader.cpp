@@ -342,16 +342,8 @@ void HLSDownloader::inspectContent(const std::string& source, const platform::HT
   platform::HTTPHeaders all = this->headers();
   for (const auto& [name, value] : headers)
     all[name] = value;
-  describe(makeAsset(*url, all), [source, completion = std::move(completion)](halvix::Tracks tracks,
-                                                                              const std::vector<std::string>&,
-                                                                              const QVErrorRef& error) {
-    if (error)
-      return completion(nullptr, error);
-    auto presentation = std::make_shared<halvix::Presentation>();
-    presentation->url = source;
-    presentation->movies.push_back({-1, std::move(tracks)});
-    completion(std::move(presentation), nullptr);
-  });
+  describe(makeAsset(*url, all), [answer](halvix::Tracks tracks, const std::vector<std::string>&,
+                                          const QVErrorRef& error) { answer(std::move(tracks), error); });
 }
 
 void HLSDownloader::URLSessionAggregateAssetDownloadTaskWillDownloadTo(platform::AssetDownloadURLSession&,
