@@ -73,8 +73,8 @@ class AssetDownloadDelegate {
 public:
   virtual ~AssetDownloadDelegate() = default;
 
-  /// The package's directory is settled; sent once, before anything is written and before any other event of
-  /// the task but a failure of its playlists.
+  /// The package's directory is settled; sent once, before media is written and before any other event of the
+  /// task but a failure of its playlists.
   virtual void URLSessionAggregateAssetDownloadTaskWillDownloadTo(AssetDownloadURLSession& session,
                                                                   const AggregateAssetDownloadTaskRef& task,
                                                                   const std::string& location) {
@@ -105,8 +105,7 @@ public:
 /// A package is a directory with `master.m3u8`, media playlists with relative addresses, the media, and a
 /// small state file. Its place is decided by the asset's URL, so a later download of the same URL, in any
 /// process and under any identifier, finds what is there and fetches only what is missing. Thread-safe.
-/// Destroying the last reference stops its transfers; tasks then complete with NSURLErrorCancelled when the
-/// delegate still lives.
+/// A task that was resumed keeps its session alive until it ends.
 class AssetDownloadURLSession {
 public:
   virtual ~AssetDownloadURLSession() = default;

@@ -1,0 +1,618 @@
+#include "platform/assets/internal/AggregateTask.h"
+
+#include "platform/assets/internal/AssetErrors.h"
+#include "platform/assets/internal/DownloadSession.h"
+#include "platform/foundation/FileManager.h"
+
+#include <algorithm>
+
+namespace platform::assets {
+
+namespace {
+
+constexpr const char* goOnAdvice = "What was fetched is kept; start the download again to go on";
+
+} // namespace
+
+AggregateTask::AggregateTask(std::shared_ptr<DownloadSession> session, std::uint64_t identifier,
+                             std::shared_ptr<HLSAsset> asset, std::vector<MediaSelection> selections,
+                             std::string title, DataRef artwork, std::optional<std::int64_t> minimumBitrate)
+    : _identifier(identifier), _asset(asset), _assetFace(std::move(asset)),
+      _selections(std::move(selections)), _title(std::move(title)), _artwork(std::move(artwork)),
+      _minimumBitrate(minimumBitrate), _work(session->work()), _weakSession(session) {}
+
+// ---- Commands
+
+URLSessionTaskState AggregateTask::state() const {
+  const std::lock_guard lock(_mutex);
+  return _ended                         ? URLSessionTaskState::Completed
+         : _wanted == Wanted::Cancelled ? URLSessionTaskState::Canceling
+         : _wanted == Wanted::Running   ? URLSessionTaskState::Running
+                                        : URLSessionTaskState::Suspended;
+}
+
+ErrorRef AggregateTask::error() const {
+  const std::lock_guard lock(_mutex);
+  return _error;
+}
+
+std::string AggregateTask::location() const {
+  const std::lock_guard lock(_mutex);
+  return _location;
+}
+
+void AggregateTask::command(Wanted wanted) {
+  {
+    const std::lock_guard lock(_mutex);
+    if (_ended || _wanted == Wanted::Cancelled || _wanted == wanted)
+      return;
+    _wanted = wanted;
+    if (!_session)
+      _session = _weakSession.lock();
+  }
+  _work->async([self = shared_from_this()] { self->pump(); });
+}
+
+void AggregateTask::resume() {
+  command(Wanted::Running);
+}
+
+void AggregateTask::suspend() {
+  command(Wanted::Suspended);
+}
+
+void AggregateTask::cancel() {
+  {
+    const std::lock_guard lock(_writing);
+    _mayWrite = false;
+  }
+  command(Wanted::Cancelled);
+}
+
+// ---- The engine
+
+void AggregateTask::pump() {
+  Wanted wanted;
+  {
+    const std::lock_guard lock(_mutex);
+    if (_ended)
+      return;
+    wanted = _wanted;
+    if (wanted == Wanted::Running && (!_session || _session->isInvalidated()))
+      wanted = Wanted::Cancelled;
+  }
+  if (wanted == Wanted::Cancelled && !_failure)
+    _failure = cancelledError(_asset->url().absoluteString());
+  if (_failure) {
+    abortTransfers();
+    if (_flights.empty())
+      end(_failure);
+    return;
+  }
+  if (wanted == Wanted::Suspended) {
+    suspendTransfers();
+    return;
+  }
+  resumeTransfers();
+  switch (_phase) {
+  case Phase::New:
+    load();
+    break;
+  case Phase::Loaded:
+    prepare();
+    break;
+  case Phase::Fetching:
+    fill();
+    break;
+  case Phase::LoadingAsset:
+  case Phase::LoadingPlaylists:
+  case Phase::Ended:
+    break;
+  }
+}
+
+void AggregateTask::fail(ErrorRef error) {
+  if (!_failure)
+    _failure = std::move(error);
+}
+
+void AggregateTask::load() {
+  _phase = Phase::LoadingAsset;
+  _asset->loadValuesAsynchronouslyForKeys(
+      {"tracks"}, [self = shared_from_this()] { self->_work->async([self] { self->assetLoaded(); }); });
+}
+
+void AggregateTask::assetLoaded() {
+  if (_phase != Phase::LoadingAsset)
+    return;
+  const auto model = _asset->model();
+  if (!model) {
+    ErrorRef error;
+    _asset->statusOfValueForKey("tracks", &error);
+    fail(error ? error : cancelledError(_asset->url().absoluteString()));
+  } else {
+    auto wish = _restoredWish ? *_restoredWish : model->wish(_selections, _minimumBitrate);
+    if (auto error = Streams::choose(model, std::move(wish), _streams))
+      fail(std::move(error));
+    else
+      fetchPlaylists();
+  }
+  pump();
+}
+
+void AggregateTask::fetchPlaylists() {
+  _phase = Phase::LoadingPlaylists;
+  const auto session = _weakSession.lock();
+  for (std::size_t i = 0; session && i < _streams.streams.size(); ++i) {
+    auto& stream = _streams.streams[i];
+    if (stream.playlist)
+      continue;
+    ++_playlistsPending;
+    _playlistTasks.push_back(fetchPlaylist(
+        *session->transfers(), *stream.url, _asset->headers(), _streams.model->playlist->variables(),
+        std::string("The ") + nameOf(stream.kind) + " playlist",
+        [self = shared_from_this(), i](PlaylistRef playlist, ErrorRef error) {
+          if (self->_phase != Phase::LoadingPlaylists)
+            return;
+          self->_streams.streams[i].playlist = std::move(playlist);
+          if (error)
+            self->fail(std::move(error));
+          if (--self->_playlistsPending == 0)
+            self->_phase = Phase::Loaded;
+          self->pump();
+        }));
+  }
+  if (_playlistsPending == 0)
+    _phase = Phase::Loaded;
+}
+
+void AggregateTask::prepare() {
+  _playlistTasks.clear();
+  auto error = _streams.plan();
+  if (!error)
+    error = openPackage();
+  if (error)
+    fail(std::move(error));
+  else
+    _phase = Phase::Fetching;
+  pump();
+}
+
+ErrorRef AggregateTask::openPackage() {
+  const auto session = _weakSession.lock();
+  if (!session)
+    return cancelledError(_asset->url().absoluteString());
+  const std::lock_guard writing(_writing);
+  if (!_mayWrite)
+    return cancelledError(_asset->url().absoluteString());
+  ErrorRef error;
+  _package = Package::open(session->options().directory, _asset->url().absoluteString(), error);
+  if (!_package)
+    return error;
+  const std::string path = _package->path();
+  {
+    const std::lock_guard lock(_mutex);
+    _location = path;
+  }
+  session->tell([session, self = shared_from_this(), path](AssetDownloadDelegate& delegate) {
+    delegate.URLSessionAggregateAssetDownloadTaskWillDownloadTo(*session, self, path);
+  });
+  if ((error = _package->writeState(packageState(false))))
+    return error;
+  if (_artwork && (error = _package->write(
+                       "artwork", {reinterpret_cast<const char*>(_artwork->data()), _artwork->size()})))
+    return error;
+  std::int64_t held = 0;
+  for (auto& stream : _streams.streams) {
+    StreamPlan& plan = *stream.plan;
+    if ((error = _package->makeDirectory(plan.directory())))
+      return error;
+    auto files = _package->files(plan.directory());
+    std::erase_if(files, [](const auto& file) { return file.first == mediaPlaylistName; });
+    _strays.push_back(plan.adopt(files));
+    held += plan.doneBytes();
+    _duration = std::max(_duration, plan.duration());
+    _loadedChanged |= plan.doneCount() > 0;
+  }
+  if ((error = _package->sync(".")))
+    return error;
+  _received = held;
+  _written.assign(_streams.streams.size(), 0);
+  _newest = {0, 0};
+  return nullptr;
+}
+
+// ---- Transfers
+
+void AggregateTask::fill() {
+  const auto session = _weakSession.lock();
+  const auto most =
+      static_cast<std::size_t>(std::max(session ? session->options().maximumTransfersPerPackage : 1, 1));
+  reportLoaded();
+  while (!_failure && _flights.size() < most) {
+    // What is played first is fetched first, over all streams.
+    std::optional<std::size_t> best, resource;
+    double earliest = 0;
+    for (std::size_t i = 0; i < _streams.streams.size(); ++i) {
+      StreamPlan& plan = *_streams.streams[i].plan;
+      const auto next = plan.nextMissing();
+      if (next && (!best || plan.startOfResource(*next) < earliest)) {
+        best = i, resource = next;
+        earliest = plan.startOfResource(*next);
+      }
+    }
+    if (!best)
+      break;
+    _streams.streams[*best].plan->take();
+    start(*best, *resource);
+  }
+  if (_failure)
+    pump();
+  else if (_flights.empty())
+    complete();
+}
+
+void AggregateTask::start(std::size_t streamIndex, std::size_t index) {
+  const auto session = _weakSession.lock();
+  const StreamPlan& plan = *_streams.streams[streamIndex].plan;
+  const PlannedResource& resource = plan.resources()[index];
+  const auto url = plan.url(index);
+  Flight flight;
+  flight.stream = streamIndex;
+  flight.resource = index;
+  if (!url || !session) {
+    fail(resourceError(flight, "it has no address that can be fetched", "Check the playlist", nullptr));
+    return;
+  }
+  const std::string description = _package->path() + "/" + plan.directory() + "/" + hexOf(resource.identity);
+  flight.task = session->takeStray(description);
+  if (!flight.task) {
+    auto request = requestWith(*url, _asset->headers());
+    if (resource.bytes.length >= 0)
+      request.setValueForHTTPHeaderField(
+          "bytes=" + std::to_string(resource.bytes.offset) + "-" +
+              std::to_string(resource.bytes.offset + resource.bytes.length - 1),
+          "Range");
+    flight.task = session->transfers()->downloadTaskWithRequest(request);
+    flight.task->setTaskDescription(description);
+  }
+  const auto task = flight.task;
+  session->attach(task, shared_from_this());
+  _flights.emplace(task->taskIdentifier(), std::move(flight));
+  task->resume();
+}
+
+void AggregateTask::checkHead(Flight& flight) {
+  const auto response = flight.task->response();
+  const Bytes& bytes = _streams.streams[flight.stream].plan->resources()[flight.resource].bytes;
+  if (flight.problem || !response || bytes.length < 0 || response->statusCode() != 200)
+    return;
+  // The whole file in answer to a piece of it; there is no use in waiting for its end.
+  if (bytes.offset == 0 && flight.task->countOfBytesExpectedToReceive() == bytes.length)
+    return;
+  flight.problem = resourceError(flight, "the server does not serve byte ranges, which the playlist asks for",
+                                 "Choose another quality, or ask for a server that does", nullptr);
+  flight.task->cancel();
+}
+
+ErrorRef AggregateTask::checkBody(const Flight& flight, std::int64_t size) const {
+  const auto response = flight.task->response();
+  const int status = response ? response->statusCode() : 0;
+  const PlannedResource& resource = _streams.streams[flight.stream].plan->resources()[flight.resource];
+  if (status != 200 && !(status == 206 && resource.bytes.length >= 0))
+    return resourceError(flight, "the server answered " + statusText(status), goOnAdvice,
+                         statusError(status, flight.task->originalRequest().url().absoluteString()));
+  if (resource.bytes.length >= 0 && size != resource.bytes.length)
+    return resourceError(flight,
+                         "the server sent " + std::to_string(size) + " bytes where the playlist names " +
+                             std::to_string(resource.bytes.length),
+                         "Check whether the content was changed while it was fetched, then try again",
+                         nullptr);
+  if (resource.kind == ResourceKind::Key && (size == 0 || size > 4096))
+    return resourceError(flight, "what the server sent is no key (" + std::to_string(size) + " bytes)",
+                         goOnAdvice, nullptr);
+  return nullptr;
+}
+
+ErrorRef AggregateTask::resourceError(const Flight& flight, const std::string& why, const std::string& advice,
+                                      ErrorRef cause) const {
+  const StreamPlan& plan = *_streams.streams[flight.stream].plan;
+  const PlannedResource& resource = plan.resources()[flight.resource];
+  const auto url = plan.url(flight.resource);
+  const std::string segment =
+      "segment " + std::to_string(resource.firstSegment + 1) + " of the " + nameOf(plan.kind());
+  const std::string what = resource.kind == ResourceKind::Key   ? "The key of " + segment
+                           : resource.kind == ResourceKind::Map ? "The initialization section of " + segment
+                                                                : "S" + segment.substr(1);
+  return assetError(AVErrorContentIsUnavailable, what,
+                    url ? url->absoluteString() : std::string(resource.reference), why, advice,
+                    std::move(cause));
+}
+
+void AggregateTask::didWrite(std::uint64_t transfer, std::int64_t total) {
+  const auto found = _flights.find(transfer);
+  if (found == _flights.end())
+    return;
+  Flight& flight = found->second;
+  _received += total - flight.received;
+  flight.received = total;
+  checkHead(flight);
+}
+
+void AggregateTask::didFinish(std::uint64_t transfer, const std::string& file) {
+  const auto found = _flights.find(transfer);
+  if (found == _flights.end())
+    return;
+  Flight& flight = found->second;
+  const auto attributes = FileManager::attributesOfItemAtPath(file);
+  const std::int64_t size = attributes ? attributes->size : 0;
+  if (!flight.problem)
+    flight.problem = checkBody(flight, size);
+  if (flight.problem)
+    return;
+  StreamPlan& plan = *_streams.streams[flight.stream].plan;
+  {
+    const std::lock_guard writing(_writing);
+    if (!_mayWrite)
+      return;
+    flight.problem = _package->moveIn(file, plan.directory() + "/" + plan.fileName(flight.resource, size),
+                                      plan.resources()[flight.resource].kind == ResourceKind::Key);
+  }
+  if (flight.problem)
+    return;
+  plan.markDone(flight.resource, size);
+  _received += size - flight.received;
+  flight.received = size;
+  noteLoaded(plan, flight.resource);
+}
+
+void AggregateTask::didComplete(std::uint64_t transfer, const ErrorRef& error) {
+  const auto found = _flights.find(transfer);
+  if (found == _flights.end())
+    return;
+  Flight flight = std::move(found->second);
+  _flights.erase(found);
+  if (flight.problem || error)
+    _received -= flight.received;
+  if (flight.problem)
+    fail(flight.problem);
+  else if (error && !_aborting)
+    // Its own session ends, or the service: an orderly end, not the server's fault.
+    fail(error->domain() == NSURLErrorDomain && error->code() == NSURLErrorCancelled
+             ? cancelledError(_asset->url().absoluteString())
+             : resourceError(flight, "it cannot be fetched: " + error->localizedDescription(), goOnAdvice,
+                             error));
+  if (!_failure && _phase == Phase::Fetching) {
+    const std::lock_guard writing(_writing);
+    if (_mayWrite)
+      if (auto problem = checkpoint(false))
+        fail(std::move(problem));
+  }
+  pump();
+}
+
+void AggregateTask::abortTransfers() {
+  for (const auto& task : std::exchange(_playlistTasks, {}))
+    task->cancel();
+  if (std::exchange(_aborting, true))
+    return;
+  // The way of cancelling that leaves the bytes for whoever asks for them next.
+  std::vector<DownloadTaskRef> tasks;
+  for (const auto& [identifier, flight] : _flights)
+    tasks.push_back(flight.task);
+  for (const auto& task : tasks)
+    task->cancelByProducingResumeData([](const DataRef&) {});
+}
+
+void AggregateTask::suspendTransfers() {
+  if (std::exchange(_transfersSuspended, true) || _phase != Phase::Fetching)
+    return;
+  for (const auto& [identifier, flight] : _flights)
+    flight.task->suspend();
+  const std::lock_guard writing(_writing);
+  if (_mayWrite)
+    checkpoint(true); // a failure comes again when it counts
+}
+
+void AggregateTask::resumeTransfers() {
+  if (!std::exchange(_transfersSuspended, false))
+    return;
+  for (const auto& [identifier, flight] : _flights)
+    flight.task->resume();
+}
+
+// ---- What stands in the package
+
+// Playlists are written when they can list twice as much as before, and at every stop: often enough, and
+// never more work than the download itself.
+ErrorRef AggregateTask::checkpoint(bool all) {
+  bool listed = false;
+  for (std::size_t i = 0; i < _streams.streams.size(); ++i) {
+    StreamPlan& plan = *_streams.streams[i].plan;
+    if (!all && plan.doneCount() < 2 * _written[i] + 16)
+      continue;
+    const std::size_t segments = plan.playableSegments();
+    if (segments == 0 || segments == _written[i] || (!all && segments < 2 * _written[i] + 16))
+      continue;
+    if (auto error = _package->sync(plan.directory()))
+      return error;
+    if (auto error =
+            _package->write(plan.directory() + "/" + mediaPlaylistName, localMediaPlaylist(plan, segments)))
+      return error;
+    listed |= _written[i] == 0;
+    _written[i] = segments;
+  }
+  return listed ? writeMaster() : nullptr;
+}
+
+ErrorRef AggregateTask::writeMaster() {
+  std::vector<LocalStream> local;
+  std::int64_t bandwidth = 0;
+  bool hasVariant = false;
+  for (std::size_t i = 0; i < _streams.streams.size(); ++i) {
+    if (_written[i] == 0)
+      continue;
+    const auto& stream = _streams.streams[i];
+    const double seconds = stream.plan->startOf(_written[i]);
+    if (seconds > 0)
+      bandwidth += static_cast<std::int64_t>(static_cast<double>(stream.plan->doneBytes()) * 8 / seconds);
+    for (const Rendition* rendition : stream.renditions) {
+      local.push_back({rendition, stream.plan->directory() + "/" + mediaPlaylistName});
+      hasVariant |= !rendition;
+    }
+  }
+  for (const Rendition* rendition : _streams.withoutPlaylist)
+    local.push_back({rendition, ""});
+  if (!hasVariant)
+    return nullptr;
+  const Playlist& playlist = *_streams.model->playlist;
+  return _package->write(masterPlaylistName, localMasterPlaylist(playlist.isMaster() ? &playlist : nullptr,
+                                                                 _streams.variant, local, bandwidth));
+}
+
+PackageState AggregateTask::packageState(bool complete) const {
+  PackageState state;
+  state.url = _asset->url().absoluteString();
+  state.title = _title;
+  state.complete = complete;
+  state.wish = _streams.wish;
+  if (const auto session = _weakSession.lock(); session && !complete) {
+    state.session = session->identifier();
+    state.task = _identifier;
+  }
+  for (const auto& stream : _streams.streams) {
+    const Rendition* rendition = stream.renditions.front();
+    state.streams.push_back({stream.plan->directory(), nameOf(stream.kind),
+                             rendition ? std::string(rendition->name) : "",
+                             rendition ? std::string(rendition->language) : "",
+                             complete && stream.plan->isComplete(), stream.plan->doneBytes()});
+  }
+  return state;
+}
+
+void AggregateTask::complete() {
+  ErrorRef error;
+  {
+    const std::lock_guard writing(_writing);
+    if (!_mayWrite) {
+      error = cancelledError(_asset->url().absoluteString());
+    } else {
+      error = checkpoint(true);
+      if (!error)
+        error = writeMaster();
+      if (!error)
+        error = _package->writeState(packageState(true));
+      if (!error) {
+        std::vector<std::string> keep{masterPlaylistName, PackageState::fileName};
+        if (_artwork)
+          keep.push_back("artwork");
+        for (std::size_t i = 0; i < _streams.streams.size(); ++i) {
+          const std::string& directory = _streams.streams[i].plan->directory();
+          keep.push_back(directory);
+          for (const auto& name : _strays[i])
+            FileManager::removeItemAtPath(_package->pathOf(directory + "/" + name));
+        }
+        _package->removeOthers(keep);
+      }
+    }
+  }
+  end(error);
+}
+
+void AggregateTask::end(const ErrorRef& error) {
+  if (error && _phase == Phase::Fetching) {
+    const std::lock_guard writing(_writing);
+    if (_mayWrite)
+      checkpoint(true); // the error that is reported is the one that led here
+  }
+  _phase = Phase::Ended;
+  const auto session = _weakSession.lock();
+  if (session && !error)
+    postLoaded(true);
+  {
+    const std::lock_guard writing(_writing);
+    _package.reset();
+  }
+  std::shared_ptr<DownloadSession> last; // released outside the lock
+  {
+    const std::lock_guard lock(_mutex);
+    _ended = true;
+    _error = error;
+    last = std::move(_session);
+  }
+  if (!session)
+    return;
+  session->tell([session, self = shared_from_this(), error](AssetDownloadDelegate& delegate) {
+    delegate.URLSessionTaskDidCompleteWithError(*session, self, error);
+  });
+  session->forget(*this);
+}
+
+// ---- What is told of it
+
+void AggregateTask::noteLoaded(const StreamPlan& plan, std::size_t resource) {
+  const std::size_t segment = plan.resources()[resource].firstSegment;
+  _newest = {plan.startOf(segment), plan.startOf(segment + 1) - plan.startOf(segment)};
+  _loadedChanged = true;
+}
+
+void AggregateTask::reportLoaded() {
+  if (!_loadedChanged || _loadedPosted || _phase == Phase::Ended)
+    return;
+  postLoaded(false);
+}
+
+void AggregateTask::postLoaded(bool last) {
+  const auto session = _weakSession.lock();
+  if (!session)
+    return;
+  _loadedChanged = false;
+  _loadedPosted = true;
+  const TimeRange expected{0, _duration};
+  auto loaded = last ? std::vector{expected} : loadedRanges();
+  const auto selection = _selections.empty() ? _asset->preferredMediaSelection() : _selections.front();
+  session->tell([session, self = shared_from_this(), newest = _newest, loaded = std::move(loaded), expected,
+                 selection](AssetDownloadDelegate& delegate) {
+    delegate.URLSessionAggregateAssetDownloadTaskDidLoad(*session, self, newest, loaded, expected, selection);
+  });
+  // One event on its way at a time; what arrives meanwhile waits for the next.
+  session->onDelegateQueue([self = shared_from_this()] {
+    self->_work->async([self] {
+      self->_loadedPosted = false;
+      self->reportLoaded();
+    });
+  });
+}
+
+std::vector<TimeRange> AggregateTask::loadedRanges() const {
+  using Spans = std::vector<std::pair<double, double>>;
+  Spans common{{0, _duration}};
+  for (const auto& stream : _streams.streams) {
+    const StreamPlan& plan = *stream.plan;
+    Spans own;
+    for (const auto& [first, end] : plan.loaded().spans())
+      own.emplace_back(plan.startOf(first), plan.startOf(end));
+    // A stream that is shorter than the others lacks nothing behind its end.
+    if (plan.duration() < _duration) {
+      if (!own.empty() && own.back().second >= plan.duration())
+        own.back().second = _duration;
+      else
+        own.emplace_back(plan.duration(), _duration);
+    }
+    Spans both;
+    for (std::size_t a = 0, b = 0; a < common.size() && b < own.size();) {
+      const double from = std::max(common[a].first, own[b].first);
+      const double to = std::min(common[a].second, own[b].second);
+      if (to > from)
+        both.emplace_back(from, to);
+      common[a].second < own[b].second ? ++a : ++b;
+    }
+    common = std::move(both);
+  }
+  std::vector<TimeRange> ranges;
+  for (const auto& [from, to] : common)
+    ranges.push_back({from, to - from});
+  return ranges;
+}
+
+} // namespace platform::assets
