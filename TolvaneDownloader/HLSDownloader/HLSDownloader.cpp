@@ -17,6 +17,7 @@
 #include "qvc/Uuid.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <optional>
 
 using halvix::Download;
@@ -329,8 +330,13 @@ void HLSDownloader::inspectContent(const std::string& source, const platform::HT
   const auto url = platform::URL::URLWithString(source);
   if (!url || !url->isHTTP()) {
     // An asset is media behind an address; of a playlist in a file the summary is told.
+    std::error_code ignored;
+    const std::string path = std::filesystem::absolute(source, ignored).lexically_normal().string();
+    platform::ErrorRef error;
+    if (!platform::FileManager::contentsAtPath(path, &error))
+      return answer({}, fatal(ErrorType::downloader_request_creation_failed).parent(error).build());
     return HLSPlaylistDownloader::getPlaylist(
-        platform::URL::fileURLWithPath(source),
+        platform::URL::fileURLWithPath(path),
         [source, answer](const std::shared_ptr<const HLSPlaylist>& playlist, PlaylistDownloaderError status) {
           if (playlist)
             return answer(describeTracks(*playlist), nullptr);

@@ -69,10 +69,9 @@ std::shared_ptr<HLSPlaylist> HLSPlaylist::parse(const char* data, unsigned long 
     throw ArgumentException("Empty playlist data");
   TextBuffer buffer(std::string_view(data, length));
   std::istream stream(&buffer);
-  if (!(getTagName(getLine(stream)) == tags::M3U))
-    throw ArgumentException(
-        FastString::format("The first line of every Media and Master Playlist must be: %s", tags::M3U)
-            .toStdString());
+  if (getTagName(getLine(stream)).view() != tags::M3U)
+    throw ArgumentException("The first line of every Media and Master Playlist must be: " +
+                            std::string(tags::M3U));
 
   std::shared_ptr<HLSPlaylist> playlist;
   std::uint64_t version = 1;

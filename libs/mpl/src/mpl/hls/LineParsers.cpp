@@ -96,7 +96,7 @@ MediaRendition renditionOf(const Attributes& attributes) {
 
 void parseLine(std::shared_ptr<HLSPlaylist>& playlist, std::uint64_t& version, const FastString& line,
                std::istream& stream) {
-  const FastString name = getTagName(line);
+  const std::string_view name = tagNameOf(line);
   if (isCommonTag(name))
     return parseCommonLine(version, line);
   if (isMediaSegmentTag(name))
@@ -112,12 +112,12 @@ void parseLine(std::shared_ptr<HLSPlaylist>& playlist, std::uint64_t& version, c
 }
 
 void parseCommonLine(std::uint64_t& version, const FastString& line) {
-  if (getTagName(line) == tags::Version)
+  if (tagNameOf(line) == tags::Version)
     version = unsignedOf(getTagValue(line));
 }
 
 void parseMediaSegmentLine(HLSMediaPlaylist& playlist, const FastString& line) {
-  const FastString name = getTagName(line);
+  const std::string_view name = tagNameOf(line);
   if (name == tags::Inf) {
     ++playlist.extInfCount;
     playlist.segments.emplace_back().duration = getTagValue(line).toDouble();
@@ -132,12 +132,12 @@ void parseMediaSegmentLine(HLSMediaPlaylist& playlist, const FastString& line) {
 }
 
 void parseMediaPlaylistLine(HLSMediaPlaylist& playlist, const FastString& line) {
-  if (getTagName(line) == tags::TargetDuration)
+  if (tagNameOf(line) == tags::TargetDuration)
     playlist.targetDuration = getTagValue(line).toDouble();
 }
 
 void parseMasterPlaylistLine(HLSMasterPlaylist& playlist, const FastString& line, std::istream& stream) {
-  const FastString name = getTagName(line);
+  const std::string_view name = tagNameOf(line);
   const Attributes attributes = parseAttributes(getTagValue(line));
   if (name == tags::StreamInf)
     playlist.variants.insert(variantOf(attributes, getLine(stream)));

@@ -24,7 +24,12 @@ FastString splitString(std::istream& stream, char delimiter) {
 }
 
 FastString getTagName(const FastString& line) {
-  return line.subStringRange(1, line.indexOf(':'));
+  return FastString(tagNameOf(line));
+}
+
+std::string_view tagNameOf(const FastString& line) noexcept {
+  const std::string_view name = line.view().substr(0, line.indexOf(':'));
+  return name.empty() ? name : name.substr(1);
 }
 
 FastString getTagValue(const FastString& line) {

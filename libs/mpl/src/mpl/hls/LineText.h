@@ -4,6 +4,7 @@
 
 #include <iosfwd>
 #include <map>
+#include <string_view>
 
 namespace mpl::hls {
 
@@ -16,6 +17,8 @@ qvc::FastString splitString(std::istream& stream, char delimiter);
 
 /// The text behind the line's first character, whatever that is, up to the first ":" or to the end.
 qvc::FastString getTagName(const qvc::FastString& line);
+/// The same without a copy, for as long as the line lives.
+std::string_view tagNameOf(const qvc::FastString& line) noexcept;
 
 /// The text after the first ":"; the whole line when there is none.
 qvc::FastString getTagValue(const qvc::FastString& line);

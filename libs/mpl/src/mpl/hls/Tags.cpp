@@ -1,22 +1,20 @@
 #include "mpl/hls/Tags.h"
 
-#include "qvc/FastString.h"
-
 namespace mpl::hls {
 
-bool isCommonTag(const qvc::FastString& name) noexcept {
+bool isCommonTag(std::string_view name) noexcept {
   return name == tags::M3U || name == tags::Version;
 }
 
-bool isMediaSegmentTag(const qvc::FastString& name) noexcept {
+bool isMediaSegmentTag(std::string_view name) noexcept {
   return name == tags::Inf || name == tags::ByteRange || name == tags::Key;
 }
 
-bool isMediaPlaylistTag(const qvc::FastString& name) noexcept {
+bool isMediaPlaylistTag(std::string_view name) noexcept {
   return name == tags::TargetDuration;
 }
 
-bool isMasterPlaylistTag(const qvc::FastString& name) noexcept {
+bool isMasterPlaylistTag(std::string_view name) noexcept {
   return name == tags::Media || name == tags::StreamInf || name == tags::SessionKey;
 }
 
