@@ -179,8 +179,7 @@ double decodedSeconds(const std::string& playlist, const std::vector<std::string
     const std::string result = directory / "progress";
     runCommand({"ffmpeg", "-nostdin", "-loglevel", "error", "-xerror", "-y", "-allowed_extensions", "ALL",
                 "-protocol_whitelist", "file,crypto,data", "-i", playlist, "-map", "0:" + stream, "-progress",
-                result, "-f", stream[0] == 's' ? "webvtt" : "null",
-                stream[0] == 's' ? directory / "out.vtt" : "-"},
+                result, "-f", "null", "-"},
                directory.path());
     const std::string text = readFile(result);
     const std::size_t at = text.rfind("out_time_us=");

@@ -28,8 +28,9 @@ struct HLSMedia {
 HLSMedia makeHLSMedia(HLSForm form, const std::string& cacheDirectory = {});
 
 /// Decodes the streams of a local playlist with ffmpeg, without a network, and answers the duration of the
-/// shortest in seconds: `streams` are those that it must have, as ffmpeg specifiers ("v", "a", "s"). Raises
-/// std::runtime_error when one is missing or cannot be decoded.
+/// shortest in seconds: `streams` are those that it must have, as ffmpeg specifiers ("v", "a:1"); captions
+/// are not among them, ffmpeg passes them over. Raises std::runtime_error when one is missing or cannot be
+/// decoded.
 double decodedSeconds(const std::string& playlist, const std::vector<std::string>& streams);
 
 } // namespace support

@@ -22,9 +22,9 @@ void addFile(AssetPackage::Stream& stream, std::set<std::string>& seen, const st
     return;
   const std::string path = directory + "/" + std::string(name);
   const auto parsed = parseFileName(name);
-  const auto attributes = parsed && name.find('/') == std::string_view::npos
-                              ? FileManager::attributesOfItemAtPath(package + "/" + path)
-                              : std::nullopt;
+  std::optional<FileAttributes> attributes;
+  if (parsed && name.find('/') == std::string_view::npos)
+    attributes = FileManager::attributesOfItemAtPath(package + "/" + path);
   stream.files.push_back(path);
   if (!attributes || attributes->type != FileAttributes::Type::Regular || attributes->size != parsed->second)
     stream.damaged.push_back(path);
