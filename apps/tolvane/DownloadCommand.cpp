@@ -203,6 +203,7 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
   halvix::QVErrorRef error;
   DownloadRef download = host.manager().createDownload(configuration, options.headers, &error);
   require(error);
+  const bool isNew = download->isProvisional();
   if (options.jobs)
     download->setMaximumConcurrentTransfers(*options.jobs);
 
@@ -233,7 +234,16 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
     std::printf("already complete: %s\n", download->localUrl().value_or("").c_str());
     return statusDone;
   }
-  return run(host, download, options.progress, interruption, [&] { return host.manager().start(download); });
+  try {
+    return run(host, download, options.progress, interruption,
+               [&] { return host.manager().start(download); });
+  } catch (...) {
+    // Playlists of streams are read only after the start. Content that is refused then, before anything of it
+    // was written, leaves nothing behind either.
+    if (isNew && configuration.contentType == halvix::ContentType::hls && !download->localUrl())
+      host.manager().remove(download);
+    throw;
+  }
 }
 
 int resumeCommand(const std::string& library, const std::vector<std::string>& identifiers, bool all,
