@@ -88,7 +88,7 @@ TEST_F(AssetMediaTest, SelectedRenditionsOfEverySelectionComeWithTheChosenVarian
   EXPECT_EQ(contentsBelow(package, {".vtt"}), contentsBelow(media.directory + "/text-en", {".vtt"}));
   const auto read = AssetPackage::packageAtPath(package);
   ASSERT_THAT(read->streams, SizeIs(4));
-  EXPECT_EQ(contentsBelow(package, {".m4s"}).size(), 12u);
+  EXPECT_EQ(contentsBelow(package, {".m4s"}).size(), 14u);
   for (const auto& folder : {"/90", "/en", "/de"})
     for (const auto& content : contentsBelow(media.directory + folder, {".m4s"}))
       EXPECT_TRUE(contentsBelow(package, {".m4s"}).contains(content));

@@ -5,6 +5,7 @@
 #include "platform/foundation/FileManager.h"
 
 #include <algorithm>
+#include <set>
 
 namespace platform::assets {
 
@@ -261,7 +262,7 @@ void AggregateTask::start(std::size_t streamIndex, std::size_t index) {
   flight.stream = streamIndex;
   flight.resource = index;
   if (!url || !session) {
-    fail(resourceError(flight, "it has no address that can be fetched", "Check the playlist", nullptr));
+    fail(resourceError(flight, "it has no address that can be fetched", "Check the playlist"));
     return;
   }
   const std::string description = _package->path() + "/" + plan.directory() + "/" + hexOf(resource.identity);
@@ -291,7 +292,7 @@ void AggregateTask::checkHead(Flight& flight) {
   if (bytes.offset == 0 && flight.task->countOfBytesExpectedToReceive() == bytes.length)
     return;
   flight.problem = resourceError(flight, "the server does not serve byte ranges, which the playlist asks for",
-                                 "Choose another quality, or ask for a server that does", nullptr);
+                                 "Choose another quality, or ask for a server that does");
   flight.task->cancel();
 }
 
@@ -299,23 +300,22 @@ ErrorRef AggregateTask::checkBody(const Flight& flight, std::int64_t size) const
   const auto response = flight.task->response();
   const int status = response ? response->statusCode() : 0;
   const PlannedResource& resource = _streams.streams[flight.stream].plan->resources()[flight.resource];
-  if (status != 200 && !(status == 206 && resource.bytes.length >= 0))
-    return resourceError(flight, "the server answered " + statusText(status), goOnAdvice,
-                         statusError(status, flight.task->originalRequest().url().absoluteString()));
+  // 206 also ends a transfer that went on where an earlier one had stopped.
+  if (status != 200 && status != 206)
+    return resourceError(flight, "the server answered " + statusText(status), goOnAdvice);
   if (resource.bytes.length >= 0 && size != resource.bytes.length)
     return resourceError(flight,
                          "the server sent " + std::to_string(size) + " bytes where the playlist names " +
                              std::to_string(resource.bytes.length),
-                         "Check whether the content was changed while it was fetched, then try again",
-                         nullptr);
+                         "Check whether the content was changed while it was fetched, then try again");
   if (resource.kind == ResourceKind::Key && (size == 0 || size > 4096))
     return resourceError(flight, "what the server sent is no key (" + std::to_string(size) + " bytes)",
-                         goOnAdvice, nullptr);
+                         goOnAdvice);
   return nullptr;
 }
 
-ErrorRef AggregateTask::resourceError(const Flight& flight, const std::string& why, const std::string& advice,
-                                      ErrorRef cause) const {
+ErrorRef AggregateTask::resourceError(const Flight& flight, const std::string& why,
+                                      const std::string& advice) const {
   const StreamPlan& plan = *_streams.streams[flight.stream].plan;
   const PlannedResource& resource = plan.resources()[flight.resource];
   const auto url = plan.url(flight.resource);
@@ -325,8 +325,7 @@ ErrorRef AggregateTask::resourceError(const Flight& flight, const std::string& w
                            : resource.kind == ResourceKind::Map ? "The initialization section of " + segment
                                                                 : "S" + segment.substr(1);
   return assetError(AVErrorContentIsUnavailable, what,
-                    url ? url->absoluteString() : std::string(resource.reference), why, advice,
-                    std::move(cause));
+                    url ? url->absoluteString() : std::string(resource.reference), why, advice);
 }
 
 void AggregateTask::didWrite(std::uint64_t transfer, std::int64_t total) {
@@ -380,8 +379,7 @@ void AggregateTask::didComplete(std::uint64_t transfer, const ErrorRef& error) {
     // Its own session ends, or the service: an orderly end, not the server's fault.
     fail(error->domain() == NSURLErrorDomain && error->code() == NSURLErrorCancelled
              ? cancelledError(_asset->url().absoluteString())
-             : resourceError(flight, "it cannot be fetched: " + error->localizedDescription(), goOnAdvice,
-                             error));
+             : resourceError(flight, "it cannot be fetched: " + error->localizedDescription(), goOnAdvice));
   if (!_failure && _phase == Phase::Fetching) {
     const std::lock_guard writing(_writing);
     if (_mayWrite)
@@ -507,8 +505,14 @@ void AggregateTask::complete() {
         if (_artwork)
           keep.push_back("artwork");
         for (std::size_t i = 0; i < _streams.streams.size(); ++i) {
-          const std::string& directory = _streams.streams[i].plan->directory();
+          const StreamPlan& plan = *_streams.streams[i].plan;
+          const std::string& directory = plan.directory();
           keep.push_back(directory);
+          // A damaged file was fetched again under the name that it had.
+          std::set<std::string> now;
+          for (std::size_t r = 0; !_strays[i].empty() && r < plan.resources().size(); ++r)
+            now.insert(plan.fileName(r));
+          std::erase_if(_strays[i], [&](const std::string& name) { return now.contains(name); });
           for (const auto& name : _strays[i])
             FileManager::removeItemAtPath(_package->pathOf(directory + "/" + name));
         }

@@ -98,8 +98,7 @@ private:
   ErrorRef writeMaster();
   void complete();
   void end(const ErrorRef& error);
-  ErrorRef resourceError(const Flight& flight, const std::string& why, const std::string& advice,
-                         ErrorRef cause) const;
+  ErrorRef resourceError(const Flight& flight, const std::string& why, const std::string& advice) const;
   PackageState packageState(bool complete) const;
 
   void noteLoaded(const StreamPlan& plan, std::size_t resource);

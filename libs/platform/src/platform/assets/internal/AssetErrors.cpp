@@ -5,12 +5,12 @@
 namespace platform::assets {
 
 ErrorRef assetError(AssetErrorCode code, const std::string& what, const std::string& url,
-                    const std::string& why, const std::string& advice, ErrorRef cause) {
+                    const std::string& why, const std::string& advice) {
   UserInfo info{{NSLocalizedDescriptionKey, what + " " + url + ": " + why + ". " + advice + "."},
                 {NSLocalizedFailureReasonErrorKey, why},
                 {NSLocalizedRecoverySuggestionErrorKey, advice},
                 {NSURLErrorFailingURLStringErrorKey, url}};
-  return makeError(AVFoundationErrorDomain, code, std::move(info), std::move(cause));
+  return makeError(AVFoundationErrorDomain, code, std::move(info));
 }
 
 ErrorRef cancelledError(const std::string& url) {
@@ -22,15 +22,6 @@ ErrorRef cancelledError(const std::string& url) {
 std::string statusText(int status) {
   const auto text = HTTPURLResponse::localizedStringForStatusCode(status);
   return std::to_string(status) + (text ? " (" + *text + ")" : "");
-}
-
-ErrorRef statusError(int status, const std::string& url) {
-  const URLErrorCode code = status == 404 || status == 410   ? NSURLErrorFileDoesNotExist
-                            : status == 401 || status == 403 ? NSURLErrorUserAuthenticationRequired
-                                                             : NSURLErrorBadServerResponse;
-  return makeError(NSURLErrorDomain, code,
-                   UserInfo{{NSLocalizedDescriptionKey, "The server answered " + statusText(status)},
-                            {NSURLErrorFailingURLStringErrorKey, url}});
 }
 
 } // namespace platform::assets

@@ -33,18 +33,16 @@ std::shared_ptr<URLSessionDataTask> fetchPlaylist(URLSession& session, const URL
         if (error && error->domain() == NSURLErrorDomain && error->code() == NSURLErrorCancelled)
           return completion(nullptr, cancelledError(address));
         if (error)
-          return completion(nullptr,
-                            assetError(AVErrorContentIsUnavailable, what, address,
-                                       "it cannot be fetched: " + error->localizedDescription(),
-                                       "Check the address and the connection, then try again", error));
+          return completion(nullptr, assetError(AVErrorContentIsUnavailable, what, address,
+                                                "it cannot be fetched: " + error->localizedDescription(),
+                                                "Check the address and the connection, then try again"));
         if (!response || response->statusCode() != 200) {
           const int status = response ? response->statusCode() : 0;
           return completion(nullptr,
                             assetError(AVErrorContentIsUnavailable, what, address,
                                        "it cannot be fetched: the server answered " + statusText(status) +
                                            (response ? redirectNote(url, response->url()) : ""),
-                                       "Check the address and the request headers, then try again",
-                                       statusError(status, address)));
+                                       "Check the address and the request headers, then try again"));
         }
         if (!data || data->empty() || data->size() > largestPlaylist)
           return completion(nullptr,

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace platform::assets {
@@ -56,8 +57,8 @@ void PlaylistParser::parse() {
   std::string_view text = _to._text;
   if (text.starts_with("\xEF\xBB\xBF"))
     text.remove_prefix(3);
-  if (!text.starts_with("#EXTM3U") ||
-      (text.size() > 7 && text[7] != '\n' && text[7] != '\r' && text[7] != ' ' && text[7] != '\t')) {
+  std::string_view first = text.substr(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
+  if (!first.starts_with("#EXTM3U") || (first.size() > 7 && !std::strchr(" \t\r\n", first[7]))) {
     _line = 1;
     fail("it does not begin with #EXTM3U");
     return;
@@ -79,7 +80,9 @@ void PlaylistParser::parse() {
 bool PlaylistParser::parseLine(std::string_view line) {
   if (line.empty())
     return true;
-  if (line[0] == '#')
+  if (line[0] == ' ' || line[0] == '\t')
+    line = trimmed(line); // indented, as text in a program is
+  if (line.starts_with('#'))
     return !line.starts_with("#EXT") || parseTag(line);
   line = trimmed(line);
   if (line.empty())

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstdio>
 #include <unordered_map>
 
 namespace platform::assets {
@@ -42,8 +41,9 @@ const char* nameOf(StreamKind kind) {
 }
 
 std::string hexOf(std::uint64_t value) {
-  char text[17];
-  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(value));
+  std::string text(16, '0');
+  for (std::size_t i = 16; i-- > 0; value >>= 4)
+    text[i] = "0123456789abcdef"[value & 15];
   return text;
 }
 
