@@ -1,5 +1,7 @@
 #include "TolvaneDownloader/DASHDownloader/DashDownloaderFactory.h"
 #include "TolvaneDownloader/DownloaderPlugin.h"
+#include "TolvaneDownloader/HLSDownloader/HLSDownloader.h"
+#include "TolvaneDownloader/HLSDownloader/HLSDownloaderFactory.h"
 #include "tests/adapters/AdapterFixture.h"
 
 #include "halvix/Plugin.h"
@@ -52,6 +54,14 @@ TEST(Plugin, RegistersItsFactoriesAndHandsOutTheSharedDownloader) {
   EXPECT_EQ(context->components()->downloader(second, ContentType::dash), downloader);
   EXPECT_EQ(dispatchers->made, (std::vector<std::string>{"first", "second"}));
   EXPECT_EQ(downloader->dispatcher(), dispatchers->last) << "the last session that asked gets the events";
+  for (ContentType other : {ContentType::dash, ContentType::mp4, ContentType::mp3})
+    EXPECT_FALSE(HLSDownloaderFactory(dispatchers).canDownload(other));
+  auto hls = context->components()->downloader(first, ContentType::hls);
+  EXPECT_EQ(hls, plugin.hlsDownloader());
+  EXPECT_TRUE(hls->canDownload(halvix::PlayerConfiguration{"http://h/a", ContentType::hls, ""}));
+  EXPECT_FALSE(hls->canDownload(halvix::PlayerConfiguration{"http://h/a", std::nullopt, ""}));
+  EXPECT_TRUE(context->components()->factories()[0]->canDownload(ContentType::hls))
+      << "in the order in which they are asked";
   plugin.pluginDetached();
   EXPECT_NE(context->components()->factory(ContentType::dash, first), nullptr)
       << "detaching releases nothing";
