@@ -249,6 +249,16 @@ TEST(AssetSelection, TheLowestVariantAtOrAboveTheBitrateThatHasEverything) {
   EXPECT_EQ(variantFor(*model, {english}, 5'000'000), "hi.m3u8");
   EXPECT_EQ(variantFor(*model, {german}, std::nullopt), "mid.m3u8"); // the highest that has it
   EXPECT_THAT(variantFor(*model, {german, music}, 1), HasSubstr("no variant offers"));
+  const OptionKey captions{AVMediaTypeClosedCaption, "CC1", "en", false};
+  EXPECT_EQ(variantFor(*model, {english, captions}, 500'001), "mid.m3u8"); // in the picture, if at all
+
+  // Sound that only a variant without a picture has apart; the others carry their own.
+  const auto own = AssetModel::make(
+      read("#EXTM3U\n#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"g\",NAME=\"E\",DEFAULT=YES,URI=\"e\"\n"
+           "#EXT-X-STREAM-INF:BANDWIDTH=1,CODECS=\"mp4a.40.2\",AUDIO=\"g\"\nsound\n"
+           "#EXT-X-STREAM-INF:BANDWIDTH=2,RESOLUTION=2x2\npicture\n"),
+      {"en"});
+  EXPECT_EQ(variantFor(*own, own->wish({}, {}).options, std::nullopt), "picture");
 }
 
 } // namespace platform::assets

@@ -204,21 +204,32 @@ std::optional<Choice> AssetModel::choose(const Wish& wish, std::string& why) con
                                     [](const Variant& variant) { return variant.hasVideo(); });
   std::optional<std::size_t> atOrAbove, highest;
   const OptionKey* missing = nullptr;
-  for (std::size_t i = 0; i < master.variants.size(); ++i) {
-    const Variant& variant = master.variants[i];
-    if (anyVideo && !variant.hasVideo())
-      continue;
-    const auto lacking = std::find_if(wish.options.begin(), wish.options.end(),
-                                      [&](const OptionKey& option) { return !find(variant, option); });
-    if (lacking != wish.options.end()) {
-      missing = &*lacking;
-      continue;
+  // A variant without a group for the sound has it in its own media; such a one is taken when no other has
+  // all.
+  for (const bool ownMediaCounts : {false, true}) {
+    for (std::size_t i = 0; i < master.variants.size(); ++i) {
+      const Variant& variant = master.variants[i];
+      if (anyVideo && !variant.hasVideo())
+        continue;
+      const auto lacking = [&](const OptionKey& option) {
+        if (option.mediaType == AVMediaTypeClosedCaption || find(variant, option))
+          return false; // captions in the picture come with any
+        return !ownMediaCounts || option.mediaType == AVMediaTypeSubtitle ||
+               !groupOf(variant, option.mediaType).empty();
+      };
+      const auto first = std::find_if(wish.options.begin(), wish.options.end(), lacking);
+      if (first != wish.options.end()) {
+        missing = &*first;
+        continue;
+      }
+      if (!highest || variant.bandwidth > master.variants[*highest].bandwidth)
+        highest = i;
+      if (wish.minimumBitrate && variant.bandwidth >= *wish.minimumBitrate &&
+          (!atOrAbove || variant.bandwidth < master.variants[*atOrAbove].bandwidth))
+        atOrAbove = i;
     }
-    if (!highest || variant.bandwidth > master.variants[*highest].bandwidth)
-      highest = i;
-    if (wish.minimumBitrate && variant.bandwidth >= *wish.minimumBitrate &&
-        (!atOrAbove || variant.bandwidth < master.variants[*atOrAbove].bandwidth))
-      atOrAbove = i;
+    if (highest)
+      break;
   }
   if (!highest) {
     why = missing ? "no variant offers everything that was selected (\"" + missing->name + "\")"
@@ -228,7 +239,8 @@ std::optional<Choice> AssetModel::choose(const Wish& wish, std::string& why) con
   Choice choice;
   choice.variant = atOrAbove.value_or(*highest);
   for (const auto& option : wish.options)
-    choice.renditions.push_back(*find(master.variants[choice.variant], option));
+    if (const auto rendition = find(master.variants[choice.variant], option))
+      choice.renditions.push_back(*rendition);
   return choice;
 }
 

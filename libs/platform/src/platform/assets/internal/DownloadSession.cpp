@@ -87,8 +87,10 @@ void DownloadSession::restoreTasks(const AssetEnvironment& environment) {
       [weak = weak_from_this()](const std::vector<DownloadTaskRef>& transfers) {
         if (auto self = weak.lock())
           for (const auto& transfer : transfers)
-            if (const auto description = transfer->taskDescription())
+            if (const auto description = transfer->taskDescription()) {
+              transfer->suspend(); // until its task is resumed
               self->_strays.emplace(*description, transfer);
+            }
       });
 }
 

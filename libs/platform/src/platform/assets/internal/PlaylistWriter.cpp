@@ -161,7 +161,7 @@ const char* typeOf(RenditionType type) {
   return "";
 }
 
-void writeRendition(std::string& out, const LocalStream& stream) {
+void writeRendition(std::string& out, const LocalStream& stream, bool isDefault) {
   const Rendition& rendition = *stream.rendition;
   out += "#EXT-X-MEDIA:";
   AttributeWriter attributes(out);
@@ -170,8 +170,8 @@ void writeRendition(std::string& out, const LocalStream& stream) {
   attributes.quoted("NAME", rendition.name);
   attributes.quoted("LANGUAGE", rendition.language);
   attributes.quoted("ASSOC-LANGUAGE", rendition.associatedLanguage);
-  attributes.plain("DEFAULT", rendition.isDefault ? "YES" : "NO");
-  attributes.plain("AUTOSELECT", rendition.isAutoselect ? "YES" : "NO");
+  attributes.plain("DEFAULT", isDefault ? "YES" : "NO");
+  attributes.plain("AUTOSELECT", isDefault || rendition.isAutoselect ? "YES" : "NO");
   attributes.plain("FORCED", rendition.isForced ? "YES" : "");
   attributes.quoted("INSTREAM-ID", rendition.instreamId);
   attributes.quoted("CHARACTERISTICS", rendition.characteristics);
@@ -246,9 +246,18 @@ std::string localMasterPlaylist(const Playlist* master, const Variant* variant,
                                                                         : key.line)
             .append("\n");
   }
-  for (const auto& stream : streams)
-    if (stream.rendition)
-      writeRendition(out, stream);
+  // Sound whose default was not selected still has to play by itself.
+  const auto isSoundByDefault = [](const LocalStream& stream) {
+    return stream.rendition && stream.rendition->type == RenditionType::Audio && stream.rendition->isDefault;
+  };
+  bool hasDefault = std::any_of(streams.begin(), streams.end(), isSoundByDefault);
+  for (const auto& stream : streams) {
+    if (!stream.rendition)
+      continue;
+    const bool first = !hasDefault && stream.rendition->type == RenditionType::Audio;
+    hasDefault |= first;
+    writeRendition(out, stream, first || stream.rendition->isDefault);
+  }
   for (const auto& stream : streams) {
     if (stream.rendition)
       continue;

@@ -51,7 +51,9 @@ ErrorRef Streams::choose(std::shared_ptr<const AssetModel> model, Wish wish, Str
       return nullptr;
     }
     Stream stream;
-    stream.kind = rendition ? kindOf(rendition->type) : StreamKind::Video;
+    stream.kind = rendition                ? kindOf(rendition->type)
+                  : to.variant->hasVideo() ? StreamKind::Video
+                                           : StreamKind::Audio;
     stream.renditions = {rendition};
     stream.reference = reference;
     stream.url = url;
