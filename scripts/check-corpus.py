@@ -27,9 +27,13 @@ def limited():
     resource.setrlimit(resource.RLIMIT_AS, (LIMIT, LIMIT))
 
 
+# Manifests name servers that are none of ours: nothing but this machine is ever asked.
+CLOSED = dict(os.environ, http_proxy="http://127.0.0.1:9", https_proxy="http://127.0.0.1:9", no_proxy="127.0.0.1")
+
+
 def run(arguments):
     try:
-        done = subprocess.run(arguments, capture_output=True, timeout=20, preexec_fn=limited)
+        done = subprocess.run(arguments, capture_output=True, timeout=20, preexec_fn=limited, env=CLOSED)
         return done.returncode, done.stdout, done.stderr.decode(errors="replace").strip()
     except subprocess.TimeoutExpired:
         return -999, b"", "hang"
@@ -139,7 +143,8 @@ def examine_playlist(job):
         if status not in (0, 1):
             return path, "CRASH" if status != -999 else "HANG", f"{arguments[0]} status {status}: {error[:300]}", []
         if status == 1:
-            failures.append(f"{arguments[0]}: {error[:200]}")
+            # Without the address, and without the advice at the end.
+            failures.append(f"{arguments[0]}: " + re.sub(r"^\S+ (.*?) https?:\S+ ?", r"\1: ", error).split(". ")[0])
     return path, "rejected" if failures else "ok", failures[-1] if failures else "", []
 
 
