@@ -63,7 +63,7 @@ TEST_F(AssetMediaTest, KeysAreFetchedAndReadableByTheirOwnerOnly) {
 TEST_F(AssetMediaTest, NeighbouringRangesOfAFileAreOneTransfer) {
   const auto package = download(HLSForm::SingleFile);
   EXPECT_NEAR(decodedSeconds(AssetPackage::masterPlaylistPath(package), {"v", "a"}), 4, 0.1);
-  EXPECT_EQ(contentsBelow(package, {".ts"}), contentsBelow(media.directory + "/180", {".ts"}));
+  EXPECT_EQ(contentsBelow(package, {".mp4"}), contentsBelow(media.directory + "/180", {".mp4"}));
 }
 
 TEST_F(AssetMediaTest, SelectedRenditionsOfEverySelectionComeWithTheChosenVariant) {

@@ -93,9 +93,9 @@ void makeTransportStreams(HLSForm form, const fs::path& directory) {
     if (form == HLSForm::Encrypted)
       add(command, {"-hls_key_info_file", "key.info"});
     if (form == HLSForm::SingleFile)
-      add(command, {"-hls_flags", "single_file"});
+      add(command, {"-hls_flags", "single_file", "-hls_segment_type", "fmp4"});
     add(command,
-        {"-hls_segment_filename", name + (form == HLSForm::SingleFile ? "/media.ts" : "/segment%d.ts"),
+        {"-hls_segment_filename", name + (form == HLSForm::SingleFile ? "/media.mp4" : "/segment%d.ts"),
          name + "/media.m3u8"});
     runCommand(command, directory.string());
   }
@@ -151,7 +151,7 @@ void makeFragmented(const fs::path& directory) {
 } // namespace
 
 HLSMedia makeHLSMedia(HLSForm form, const std::string& cacheDirectory) {
-  static constexpr const char* names[] = {"hls-ts", "hls-encrypted", "hls-single", "hls-fragmented"};
+  static constexpr const char* names[] = {"hls-ts", "hls-encrypted", "hls-single-fmp4", "hls-fragmented"};
   const fs::path cache = cacheDirectory.empty() ? fs::path(TEST_MEDIA_DIRECTORY) : fs::path(cacheDirectory);
   const fs::path target = cache / names[static_cast<int>(form)];
   fs::create_directories(cache);

@@ -9,7 +9,7 @@ namespace support {
 enum class HLSForm {
   TransportStream, ///< MPEG-TS, picture and sound together, a media playlist and a master of two variants
   Encrypted,       ///< the same under AES-128, with a key file and a rotating IV
-  SingleFile,      ///< the same as byte ranges of one file for each variant
+  SingleFile,      ///< fragmented MP4, byte ranges of one file for each variant, the header included
   FragmentedWithGroups, ///< fragmented MP4: two variants, two audio languages and two subtitles in groups
 };
 
