@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (const auto media = std::dynamic_pointer_cast<HLSMediaPlaylist>(playlist)) {
     fuzzing::require(media->segments.size() == media->extInfCount, "a segment for each entry");
     for (const Segment& segment : media->segments)
-      fuzzing::require(segment.uri.isEmpty() || segment.duration > 0, "an address only with a duration");
+      fuzzing::require(segment.uri().isEmpty() || segment.duration > 0, "an address only with a duration");
   } else if (const auto master = std::dynamic_pointer_cast<HLSMasterPlaylist>(playlist)) {
     for (const VariantStream& variant : master->variants)
       for (const MediaRendition& rendition : variant.renditions)

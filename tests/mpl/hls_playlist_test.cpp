@@ -39,7 +39,7 @@ std::string failure(const std::string& text) {
 }
 
 std::string uriOf(const Segment& segment) {
-  return segment.uri.toRawString().toStdString();
+  return segment.uri().toRawString().toStdString();
 }
 
 TEST(HLSPlaylistTest, ReadsSegmentsWithTheirDurations) {

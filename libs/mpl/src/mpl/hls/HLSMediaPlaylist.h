@@ -15,8 +15,11 @@ struct Segment {
   double duration = 0;     ///< seconds
   std::int64_t length = 0; ///< bytes; 0 stands for the whole resource
   std::int64_t offset = 0; ///< first byte
-  /// As written; empty for an entry whose address has no ".ts" in it.
-  qvc::URI uri;
+  /// The address as written; empty for an entry whose address has no ".ts" in it.
+  qvc::FastString reference;
+
+  /// The address, split when it is asked for: a summary of a hundred thousand segments looks at none.
+  qvc::URI uri() const { return qvc::URI(reference); }
 };
 
 /// The segments of one stream, in their order. Filled by the line parsers.

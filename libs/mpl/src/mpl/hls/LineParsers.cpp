@@ -127,7 +127,7 @@ void parseMediaSegmentLine(HLSMediaPlaylist& playlist, const FastString& line) {
     playlist.keyURI = attribute(parseAttributes(getTagValue(line)), "URI");
   } else if (!line.isEmpty() && !line.contains('#') && !playlist.segments.empty() &&
              playlist.segments.back().duration > 0) {
-    playlist.segments.back().uri = qvc::URI(line);
+    playlist.segments.back().reference = line;
   }
 }
 
