@@ -130,7 +130,7 @@ TEST_P(HLSForms, AKilledDownloadGoesOnInAnotherProcess) {
   for (const std::string& name : filesBelow(media.directory)) {
     server.serve("/" + name, {readFile(media.directory + "/" + name), "\"" + name + "\"", ""});
     if (name.starts_with("180/") &&
-        (name.ends_with("2.ts") || name.ends_with("2.m4s") || name.ends_with("media.ts")))
+        (name.ends_with("2.ts") || name.ends_with("2.m4s") || name.ends_with("media.mp4")))
       stalled = "/" + name;
   }
   ASSERT_FALSE(stalled.empty());
