@@ -138,8 +138,15 @@ public:
       _out.append(_first ? "" : ",").append(name).append("=").append(value), _first = false;
   }
   void quoted(std::string_view name, std::string_view value) {
-    if (!value.empty())
-      plain(name, "\"" + std::string(value) + "\"");
+    std::string text(value);
+    std::erase(text, '"'); // of a value that was written without quotes
+    if (!text.empty())
+      plain(name, "\"" + text + "\"");
+  }
+  /// A value of a fixed set; what could not stand without quotes is none of it.
+  void word(std::string_view name, std::string_view value) {
+    if (value.find_first_of("\", ") == std::string_view::npos)
+      plain(name, value);
   }
 
 private:
@@ -201,8 +208,8 @@ void writeVariant(std::string& out, const Variant& variant, const std::vector<Lo
     std::snprintf(rate, sizeof rate, "%.3f", *variant.frameRate);
     attributes.plain("FRAME-RATE", rate);
   }
-  attributes.plain("HDCP-LEVEL", variant.hdcpLevel);
-  attributes.plain("VIDEO-RANGE", variant.videoRange);
+  attributes.word("HDCP-LEVEL", variant.hdcpLevel);
+  attributes.word("VIDEO-RANGE", variant.videoRange);
   attributes.quoted("VIDEO", group(RenditionType::Video, variant.video));
   attributes.quoted("AUDIO", group(RenditionType::Audio, variant.audio));
   attributes.quoted("SUBTITLES", group(RenditionType::Subtitles, variant.subtitles));
