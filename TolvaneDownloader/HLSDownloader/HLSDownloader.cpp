@@ -278,6 +278,10 @@ QVErrorRef HLSDownloader::cancelDownload(const std::string& uuid) {
   const auto task = findTask(uuid);
   if (!task)
     return fatal(ErrorType::downloader_id_not_found).build();
+  {
+    std::lock_guard lock(_mapMutex);
+    _cancelledTasks.insert(task->taskIdentifier());
+  }
   task->cancel();
   return nullptr;
 }
@@ -395,12 +399,18 @@ void HLSDownloader::URLSessionAggregateAssetDownloadTaskDidLoad(
 void HLSDownloader::URLSessionTaskDidCompleteWithError(platform::AssetDownloadURLSession&,
                                                        const TaskRef& task, const platform::ErrorRef& error) {
   const auto download = findDownloadOfTask(task);
+  const bool cancelled = takeCancelMark(task);
   forgetTask(task);
   if (!download) {
     halvix::log_e(logTag, ":: task " + std::to_string(task->taskIdentifier()) + " ended without a download");
     return sweepRemovedPackage(task);
   }
-  if (error) {
+  if (error && !cancelled && error->domain() == platform::NSURLErrorDomain &&
+      error->code() == platform::NSURLErrorCancelled) {
+    // The service was shut down under it: that is an interruption, and no failure.
+    halvix::log_d(logTag, ":: uuid " + download->uuid() + " interrupted");
+    download->setState(DownloadState::paused);
+  } else if (error) {
     halvix::log_e(logTag, ":: uuid " + download->uuid() + " " + error->localizedDescription());
     fail(download, fatal(ErrorType::download_failed).parent(error).build());
   } else {
@@ -418,6 +428,11 @@ void HLSDownloader::URLSessionTaskDidCompleteWithError(platform::AssetDownloadUR
     });
   }
   storeItems();
+}
+
+bool HLSDownloader::takeCancelMark(const TaskRef& task) {
+  std::lock_guard lock(_mapMutex);
+  return _cancelledTasks.erase(task->taskIdentifier()) > 0;
 }
 
 void HLSDownloader::fail(const std::shared_ptr<Download>& download, const QVErrorRef& error) {

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -92,6 +93,8 @@ private:
   std::shared_ptr<halvix::Download> findDownloadOfTask(const TaskRef& task) const;
   void registerTask(const TaskRef& task, const std::string& uuid);
   void forgetTask(const TaskRef& task);
+  /// Whether the task was cancelled by command; ends the mark.
+  bool takeCancelMark(const TaskRef& task);
 
   std::shared_ptr<platform::AssetDownloadURLSession> _session; ///< set once, before anything else runs
   platform::ErrorRef _sessionError;
@@ -102,6 +105,7 @@ private:
   std::map<std::string, AssetRef> downloadIdToAssetMap;
   std::map<std::uint64_t, std::string> taskIdToDownloadIdMap;
   std::vector<TaskRef> runningTasks;
+  std::set<std::uint64_t> _cancelledTasks; ///< by command, and not ended yet
   std::map<std::uint64_t, std::string>
       _removedPackages; ///< of removed downloads whose task has not ended yet
 };

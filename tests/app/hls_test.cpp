@@ -202,6 +202,22 @@ TEST_F(HLS, AMediaPlaylistGivenDirectly) {
   EXPECT_EQ(run({"verify", idOf()[0]}).status, 0);
 }
 
+TEST_F(HLS, AnInterruptedDownloadIsPaused) {
+  server.serve("/m.m3u8", {"#EXTM3U\n#EXT-X-TARGETDURATION:4\n#EXTINF:4,\n/a.ts\n#EXT-X-ENDLIST\n", "", ""});
+  Fault stall;
+  stall.stallAfter = 100;
+  stall.gate = makeGate();
+  server.serve("/a.ts", {std::string(100'000, 'a'), "\"a\"", ""}, stall);
+  tolvane::Process program(
+      {programPath(), "download", server.url("/m.m3u8"), "--progress", "none", "--library", library()},
+      directory / "out");
+  ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "out");
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 130);
+  EXPECT_EQ(list()[0]["state"], "paused");
+  EXPECT_EQ(list()[0]["error"], json());
+}
+
 TEST_F(HLS, BadInputGetsOneClearErrorAndLeavesNothing) {
   const std::string key = "#EXT-X-KEY:METHOD=AES-128,URI=\"/none.key\"\n", end = "#EXT-X-ENDLIST\n";
   const std::string segment = "#EXTINF:4,\n/a.ts\n", head = "#EXTM3U\n#EXT-X-TARGETDURATION:4\n";
