@@ -112,6 +112,7 @@ void DownloadSession::getAllTasksWithCompletionHandler(
     std::vector<AggregateAssetDownloadTaskRef> list;
     {
       const std::lock_guard lock(self->_mutex);
+      list.reserve(self->_tasks.size());
       for (const auto& [identifier, task] : self->_tasks)
         list.push_back(task);
     }
@@ -150,6 +151,7 @@ void DownloadSession::getResourcesOfURLAsset(
       std::stable_sort(order.begin(), order.end(),
                        [](const auto& a, const auto& b) { return a.first < b.first; });
       std::vector<AssetResource> sorted;
+      sorted.reserve(list.size());
       for (const auto& [start, index] : order)
         sorted.push_back(std::move(list[index]));
       completion(std::move(sorted), error);
