@@ -97,9 +97,9 @@ void HLSDownloader::openSession() {
   if (!_session)
     return;
   _session->getAllTasksWithCompletionHandler(
-      [weak = std::weak_ptr<HLSDownloader>(self)](const std::vector<TaskRef>& tasks) {
+      [weak = std::weak_ptr<HLSDownloader>(self), stored = downloads()](const std::vector<TaskRef>& tasks) {
         if (const auto downloader = weak.lock())
-          downloader->syncRunningTasksWithStoredDownloads(tasks);
+          downloader->syncRunningTasksWithStoredDownloads(stored, tasks);
       });
 }
 
@@ -107,9 +107,10 @@ std::shared_ptr<platform::TransferService> HLSDownloader::transferService() cons
   return environment() ? environment()->transferService() : nullptr;
 }
 
-void HLSDownloader::syncRunningTasksWithStoredDownloads(const std::vector<TaskRef>& tasks) {
-  for (const auto& download : downloads()) {
-    if (download->isProvisional() || halvix::isFinal(download->state()))
+void HLSDownloader::syncRunningTasksWithStoredDownloads(const std::vector<std::shared_ptr<Download>>& stored,
+                                                        const std::vector<TaskRef>& tasks) {
+  for (const auto& download : stored) {
+    if (halvix::isFinal(download->state()))
       continue;
     {
       // What this process has taken up meanwhile is none of an earlier one's.
@@ -127,6 +128,7 @@ void HLSDownloader::syncRunningTasksWithStoredDownloads(const std::vector<TaskRe
       downloadIdToAssetMap[download->uuid()] = (*task)->URLAsset();
     } else {
       fail(download, fatal(ErrorType::download_interrupted).build());
+      halvix::log_e(logTag, ":: uuid " + download->uuid() + " has no task any more");
     }
   }
   storeItems();
@@ -436,11 +438,10 @@ bool HLSDownloader::takeCancelMark(const TaskRef& task) {
 }
 
 void HLSDownloader::fail(const std::shared_ptr<Download>& download, const QVErrorRef& error) {
+  download->setLastError(error); // a dispatcher does so too, but may not be there yet at the start
   download->setState(DownloadState::failed);
   if (const auto events = dispatcher())
     events->dispatchDownloadError(download, error);
-  else
-    download->setLastError(error);
 }
 
 /// What the task of a removed download still wrote behind the removal.

@@ -76,7 +76,8 @@ private:
                 std::shared_ptr<halvix::HostEnvironment> environment);
 
   void openSession();
-  void syncRunningTasksWithStoredDownloads(const std::vector<TaskRef>& tasks);
+  void syncRunningTasksWithStoredDownloads(const std::vector<std::shared_ptr<halvix::Download>>& stored,
+                                           const std::vector<TaskRef>& tasks);
   std::shared_ptr<platform::TransferService> transferService() const;
   AssetRef makeAsset(const platform::URL& url, const platform::HTTPHeaders& headers) const;
   /// Loads the asset and the playlist's summary, and describes both.

@@ -231,8 +231,8 @@ TEST_F(HLSAdapter, WhatAnEarlierProcessLeftUnfinishedHasFailed) {
   done->setState(DownloadState::success);
   ASSERT_FALSE(hls->storeItems());
   open();
-  ASSERT_TRUE(waitForEvent("error"));
-  EXPECT_EQ(dispatcher->failed.wait().value()->type(), ErrorType::download_interrupted);
+  ASSERT_TRUE(log.waitUntil([&](const auto& lines) { return !lines.empty(); }));
+  EXPECT_EQ(hls->findDownload(unfinished->uuid())->lastError()->type(), ErrorType::download_interrupted);
   EXPECT_EQ(hls->findDownload(unfinished->uuid())->state(), DownloadState::failed);
   EXPECT_EQ(hls->findDownload(done->uuid())->state(), DownloadState::success);
 }
