@@ -35,6 +35,8 @@ bool PlaylistParser::resolve(std::string_view text, std::string_view& result) {
     return true;
   if (!substitute(text, _to._variables, replaced))
     return fail("a variable is used that is not defined, or that makes the line too long");
+  if (replaced.find("{$") != std::string::npos)
+    return fail("a variable's value looks like a variable itself");
   _substitutedBytes += replaced.size();
   if (_substitutedBytes > Playlist::mostSubstituted)
     return fail("its variables make it too long");

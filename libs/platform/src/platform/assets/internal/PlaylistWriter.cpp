@@ -93,20 +93,21 @@ private:
 
   void writeKey(std::string_view line) {
     const std::uint32_t resource = _plan.keyResource(_key++);
-    std::string_view value = line.substr(11);
-    if (replaceVariables(line))
-      value = std::string_view(_replaced).substr(11);
-    if (resource == none) {
-      _pending.append("#EXT-X-KEY:").append(value).append("\n");
+    _pending += "#EXT-X-KEY:";
+    if (resource == none && line.find("{$") == std::string_view::npos) {
+      _pending.append(line.substr(11)).append("\n");
       return;
     }
-    _pending += "#EXT-X-KEY:";
-    AttributeReader reader(value);
+    AttributeReader reader(line.substr(11));
     for (bool first = true; auto attribute = reader.next(); first = false) {
-      const bool address = attribute->name == "URI";
+      const bool address = resource != none && attribute->name == "URI";
       const std::string_view quote = attribute->quoted || address ? "\"" : "";
       _pending.append(first ? "" : ",").append(attribute->name).append("=").append(quote);
-      _pending.append(address ? _plan.fileName(resource) : std::string(attribute->value)).append(quote);
+      if (address)
+        _pending.append(_plan.fileName(resource));
+      else
+        _pending.append(replaceVariables(attribute->value) ? std::string_view(_replaced) : attribute->value);
+      _pending.append(quote);
     }
     _pending += "\n";
   }
