@@ -7,6 +7,7 @@
 
 class DashDownloader;
 class FileDownloader;
+class HLSDownloader;
 
 /// The component as the host loads it. Attached, it registers a factory for each kind of content with the
 /// host's component registry. The downloaders behind the factories are shared by the process and outlive
@@ -23,6 +24,7 @@ public:
   /// Shared by the process; made, over the host's environment, when first asked for.
   std::shared_ptr<DashDownloader> dashDownloader() const;
   std::shared_ptr<FileDownloader> fileDownloader() const; ///< the same
+  std::shared_ptr<HLSDownloader> hlsDownloader() const;   ///< the same
 
   void pluginAttached(const std::shared_ptr<halvix::QVPluginContext>& context) override;
   void pluginDetached() override {}

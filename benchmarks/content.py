@@ -9,23 +9,23 @@ import time
 DISTINCT = 64  # files of each kind that really stand on disk; all others are links to them
 
 
-def make_segments(directory, name, count, size):
+def make_segments(directory, name, count, size, suffix="m4s"):
     """`count` files NAME/00001.m4s… of about `size` bytes, and a small 00000.m4s to begin with. Made once."""
     folder = os.path.join(directory, name)
-    last = os.path.join(folder, f"{count:05d}.m4s")
+    last = os.path.join(folder, f"{count:05d}.{suffix}")
     if os.path.exists(last):
         return
     os.makedirs(folder, exist_ok=True)
     noise = random.Random(name)
     for number in range(count + 1):
-        path = os.path.join(folder, f"{number:05d}.m4s")
+        path = os.path.join(folder, f"{number:05d}.{suffix}")
         if os.path.exists(path):
             continue
         if number <= DISTINCT:
             with open(path, "wb") as file:
                 file.write(noise.randbytes(int(size * noise.uniform(0.9, 1.1)) if number else 800))
         else:
-            os.link(os.path.join(folder, f"{(number - 1) % DISTINCT + 1:05d}.m4s"), path)
+            os.link(os.path.join(folder, f"{(number - 1) % DISTINCT + 1:05d}.{suffix}"), path)
 
 
 def write_manifest(directory, count):
@@ -53,6 +53,21 @@ def write_manifest(directory, count):
 
 def references(count):
     return [f"{kind}/{number:05d}.m4s" for kind in ("video", "audio") for number in range(count + 1)]
+
+
+def write_playlist(directory, name, count):
+    """A media playlist of the first `count` segments that `make_segments` made as .ts; answers its name."""
+    path = f"{name}-{count}.m3u8"
+    with open(os.path.join(directory, path), "w", encoding="utf-8") as file:
+        file.write("#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:4\n#EXT-X-PLAYLIST-TYPE:VOD\n")
+        for reference in playlist_references(name, count):
+            file.write(f"#EXTINF:4,\n{reference}\n")
+        file.write("#EXT-X-ENDLIST\n")
+    return path
+
+
+def playlist_references(name, count):
+    return [f"{name}/{number:05d}.ts" for number in range(1, count + 1)]
 
 
 def free_port():

@@ -8,6 +8,8 @@ cause; the causes that this system intends are told apart from those that deserv
 """
 import collections
 import concurrent.futures
+import functools
+import http.server
 import json
 import os
 import re
@@ -15,6 +17,8 @@ import resource
 import subprocess
 import sys
 import tarfile
+import threading
+import urllib.parse
 
 LIMIT = 2 << 30
 
@@ -23,9 +27,13 @@ def limited():
     resource.setrlimit(resource.RLIMIT_AS, (LIMIT, LIMIT))
 
 
+# Manifests name servers that are none of ours: nothing but this machine is ever asked.
+CLOSED = dict(os.environ, http_proxy="http://127.0.0.1:9", https_proxy="http://127.0.0.1:9", no_proxy="127.0.0.1")
+
+
 def run(arguments):
     try:
-        done = subprocess.run(arguments, capture_output=True, timeout=20, preexec_fn=limited)
+        done = subprocess.run(arguments, capture_output=True, timeout=20, preexec_fn=limited, env=CLOSED)
         return done.returncode, done.stdout, done.stderr.decode(errors="replace").strip()
     except subprocess.TimeoutExpired:
         return -999, b"", "hang"
@@ -126,6 +134,30 @@ def examine(job):
     return path, "ok", "", differences
 
 
+class Playlists(http.server.SimpleHTTPRequestHandler):
+    """Playlists are told as such, whatever their names are; nothing is logged."""
+
+    def guess_type(self, path):
+        return "application/vnd.apple.mpegurl"
+
+    def log_message(self, *_):
+        pass
+
+
+def examine_playlist(job):
+    """Playlists name others by relative addresses, so they are read from a server; then the file by itself."""
+    binary, path, address = job
+    failures = []
+    for arguments in (["inspect", path, "--json"], ["inspect", address, "--json"], ["resources", address, "--json"]):
+        status, _, error = run([binary] + arguments)
+        if status not in (0, 1):
+            return path, "CRASH" if status != -999 else "HANG", f"{arguments[0]} status {status}: {error[:300]}", []
+        if status == 1:
+            # Without the address, and without the advice at the end.
+            failures.append(f"{arguments[0]}: " + re.sub(r"^\S+ (.*?) https?:\S+ ?", r"\1: ", error).split(". ")[0])
+    return path, "rejected" if failures else "ok", failures[-1] if failures else "", []
+
+
 def main(binary, corpus, kind="dash"):
     golden = {}
     archive = os.path.join(corpus, "golden.tar.gz")
@@ -134,14 +166,21 @@ def main(binary, corpus, kind="dash"):
             for member in tar:
                 if member.isfile() and member.name.startswith(f"golden/{kind}/"):
                     golden[member.name[len("golden/"):-len(".json")]] = json.load(tar.extractfile(member))
-    jobs = []
+    jobs, look = [], examine
+    if kind == "hls":
+        handler = functools.partial(Playlists, directory=corpus)
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        look = examine_playlist
     for folder, _, files in os.walk(os.path.join(corpus, kind)):
         for name in sorted(files):
             path = os.path.join(folder, name)
-            jobs.append((binary, path, golden.get(os.path.relpath(path, corpus))))
+            name = os.path.relpath(path, corpus)
+            jobs.append((binary, path, f"http://127.0.0.1:{server.server_port}/{urllib.parse.quote(name)}" if kind == "hls"
+                         else golden.get(name)))
     verdicts, reasons, differences, failed = collections.Counter(), collections.Counter(), collections.Counter(), 0
     with concurrent.futures.ThreadPoolExecutor(max_workers=os.cpu_count()) as pool:
-        for path, verdict, reason, found in pool.map(examine, jobs):
+        for path, verdict, reason, found in pool.map(look, jobs):
             verdicts[verdict] += 1
             differences.update(found)
             if verdict in ("CRASH", "HANG"):

@@ -86,6 +86,10 @@ Snapshot snapshotOfOne(const halvix::Download& download) {
   if (!progress.renditions() || progress.renditions()->empty()) {
     snapshot.downloadedBytes = progress.downloadedContentSize();
     snapshot.expectedBytes = progress.expectedContentSize();
+    // Where nobody tells sizes, the part of the playing time that is there makes an estimate.
+    if (const double fraction = progress.fraction(); snapshot.expectedBytes < 0 && fraction > 0)
+      snapshot.expectedBytes =
+          static_cast<std::int64_t>(static_cast<double>(snapshot.downloadedBytes) / fraction);
     return snapshot;
   }
   // The total of the lines that are shown; the record's own counts look at a run, which may be the rest of a

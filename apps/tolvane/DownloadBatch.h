@@ -25,7 +25,8 @@ enum class RunResult { Pending, Complete, Failed, Interrupted };
 struct BatchEntry {
   std::shared_ptr<halvix::Download> download; ///< prepared
   RunResult result = RunResult::Pending;
-  std::string error; ///< of a failed one: why, in one line
+  std::string error;  ///< of a failed one: why, in one line
+  bool isNew = false; ///< the library had no such download before
 };
 
 /// Whether it is one file, for which the host keeps a queue of its own.

@@ -179,12 +179,12 @@ bool isAlreadyComplete(const halvix::Download& download) {
 }
 
 /// Announces what is not complete yet and puts it into the batch.
-void enlist(const DownloadRef& download, std::vector<BatchEntry>& entries) {
+void enlist(const DownloadRef& download, std::vector<BatchEntry>& entries, bool isNew = false) {
   std::printf("%s  %s\n", download->uuid().c_str(), nameOf(*download).c_str());
   if (isAlreadyComplete(*download))
     std::printf("already complete: %s\n", download->localUrl().value_or("").c_str());
   else
-    entries.push_back({download, RunResult::Pending, {}});
+    entries.push_back({download, RunResult::Pending, {}, isNew});
   std::fflush(stdout);
 }
 
@@ -203,6 +203,11 @@ int run(Host& host, std::vector<BatchEntry>& entries, std::optional<int> jobs, P
     if (entry.result == RunResult::Complete && mode != ProgressMode::JSON && mode != ProgressMode::None)
       std::printf("complete: %s\n", entry.download->localUrl().value_or("").c_str());
     interrupted += entry.result == RunResult::Interrupted;
+    // Playlists of streams are read only after the start. Content that is refused then, before anything of it
+    // was written, leaves nothing behind.
+    if (entry.result == RunResult::Failed && entry.isNew &&
+        entry.download->contentType() == halvix::ContentType::hls && !entry.download->localUrl())
+      host.manager().remove(entry.download);
   }
   std::fflush(stdout);
   for (const BatchEntry& entry : entries)
@@ -222,6 +227,17 @@ int run(Host& host, std::vector<BatchEntry>& entries, std::optional<int> jobs, P
   return statusInterrupted;
 }
 
+/// A package holds the picture in exactly one quality, whatever was chosen.
+void noteOneVariant(const halvix::Tracks& tracks, const halvix::Selection& selection) {
+  if (selection.video.size() > 1)
+    std::fprintf(stderr,
+                 "tolvane: note: an HLS download holds one video quality; the best of the chosen %zu "
+                 "is taken\n",
+                 selection.video.size());
+  else if (selection.video.empty() && !selection.empty() && !tracks.video.empty())
+    std::fprintf(stderr, "tolvane: note: an HLS download always holds a video quality\n");
+}
+
 void prepare(Host& host, const DownloadRef& download, Interruption& interruption) {
   // A copy of what a live presentation lists at the moment would pass for the whole.
   download->setRefusesLive(true);
@@ -239,13 +255,9 @@ std::vector<DownloadRef> findAll(Host& host, const std::vector<std::string>& ide
   return downloads;
 }
 
-} // namespace
-
-namespace {
-
-/// The prepared download of one URL, with its choice made.
+/// The prepared download of one URL, with its choice made; `isNew` tells whether the library had none.
 DownloadRef prepareNew(Host& host, const std::string& url, halvix::ContentType type,
-                       const DownloadOptions& options, Interruption& interruption) {
+                       const DownloadOptions& options, Interruption& interruption, bool& isNew) {
   halvix::PlayerConfiguration configuration;
   configuration.contentUrl = url;
   configuration.contentType = type;
@@ -253,6 +265,7 @@ DownloadRef prepareNew(Host& host, const std::string& url, halvix::ContentType t
   halvix::QVErrorRef error;
   DownloadRef download = host.manager().createDownload(configuration, options.headers, &error);
   require(error);
+  isNew = download->isProvisional();
   if (options.jobs)
     download->setMaximumConcurrentTransfers(*options.jobs);
 
@@ -262,12 +275,16 @@ DownloadRef prepareNew(Host& host, const std::string& url, halvix::ContentType t
       return download;
     bool chosenBefore = download->hasSelection();
     halvix::Selection selection = choose(*download->tracks(), options, chosenBefore);
-    if (!chosenBefore) {
+    if (!download->tracks()->offersChoice()) {
+      // One stream, such as a media playlist given directly: there is nothing to select.
+    } else if (!chosenBefore) {
       if (selection.empty())
         throw SelectionError("nothing is selected; choose something with --video, --audio or --text");
       require(host.manager().select(download, selection));
     } else
       download->addToSelection(selection);
+    if (download->contentType() == halvix::ContentType::hls)
+      noteOneVariant(*download->tracks(), download->selection());
   } catch (...) {
     // A download that was only looked at leaves nothing behind; one of the list stays as it is.
     host.manager().discard(download);
@@ -308,7 +325,9 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
     try {
       if (!types[i])
         throw Failure(failures[i]);
-      enlist(prepareNew(host, url, *types[i], options, interruption), entries);
+      bool isNew = false;
+      const DownloadRef download = prepareNew(host, url, *types[i], options, interruption, isNew);
+      enlist(download, entries, isNew);
     } catch (const std::runtime_error& failure) {
       // One that cannot be begun does not keep the others from it.
       auto* own = dynamic_cast<const Failure*>(&failure);

@@ -54,6 +54,7 @@ public:
   ScratchHost();
   ~ScratchHost();
   Host& host() const { return *_host; }
+  const std::string& directory() const { return _directory; }
 
 private:
   std::string _directory;

@@ -7,6 +7,7 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVTrack.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVVideoQuality.h"
 #include "apps/tolvane/Commands.h"
+#include "apps/tolvane/HLSCommands.h"
 #include "apps/tolvane/Manifest.h"
 #include "apps/tolvane/PresentationJSON.h"
 #include "apps/tolvane/Text.h"
@@ -81,6 +82,8 @@ void print(const json& presentation) {
 
 int resourcesCommand(const std::string& source, const std::string& base, const platform::HTTPHeaders& headers,
                      bool asJSON) {
+  if (isHLSSource(source, headers))
+    return hlsResourcesCommand(source, headers, asJSON);
   Manifest manifest = readManifest(source, base, headers);
   json object = {{"url", manifest.url}, {"movies", json::array()}};
   for (const auto& movie : manifest.playlist->movies()) {

@@ -8,6 +8,7 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVTrack.h"
 #include "apps/tolvane/Commands.h"
 #include "apps/tolvane/FileCommands.h"
+#include "apps/tolvane/HLSCommands.h"
 #include "apps/tolvane/Host.h"
 #include "apps/tolvane/Manifest.h"
 #include "apps/tolvane/MediaFileCheck.h"
@@ -109,6 +110,8 @@ int verifyCommand(const std::string& library, const std::string& identifier, boo
   if (withOrigin)
     throw Failure("--origin compares files only; a presentation is compared with its stored manifest",
                   statusUsage);
+  if (download.contentType == halvix::ContentType::hls)
+    return verifyPackage(download);
   const std::string folder = directoryOf(library, download.id);
   auto properties =
       QVMovieDownloadProperties::propertiesWithLocalPath(folder, QVMovieDownloadProperties::defaultJSONName);

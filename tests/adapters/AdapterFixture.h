@@ -32,6 +32,7 @@ public:
   void dispatchDownloadProgress(const std::shared_ptr<halvix::Download>&) override {}
 
   std::vector<std::string> events() const { return _events.copy(); }
+  const support::Watched<std::vector<std::string>>& recorded() const { return _events; }
   support::Arrival<halvix::QVErrorRef> failed;
 
 private:

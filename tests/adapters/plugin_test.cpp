@@ -1,6 +1,8 @@
 #include "TolvaneDownloader/DASHDownloader/DashDownloaderFactory.h"
 #include "TolvaneDownloader/DownloaderPlugin.h"
 #include "TolvaneDownloader/FileDownloader/FileDownloader.h"
+#include "TolvaneDownloader/HLSDownloader/HLSDownloader.h"
+#include "TolvaneDownloader/HLSDownloader/HLSDownloaderFactory.h"
 #include "tests/adapters/AdapterFixture.h"
 
 #include "halvix/Plugin.h"
@@ -55,6 +57,14 @@ TEST(Plugin, RegistersItsFactoriesAndHandsOutTheSharedDownloader) {
   EXPECT_EQ(downloader->dispatcher(), dispatchers->last) << "the last session that asked gets the events";
   for (ContentType file : {ContentType::mp4, ContentType::mp3})
     EXPECT_EQ(context->components()->downloader(first, file), plugin.fileDownloader());
+  for (ContentType other : {ContentType::dash, ContentType::mp4, ContentType::mp3})
+    EXPECT_FALSE(HLSDownloaderFactory(dispatchers).canDownload(other));
+  auto hls = context->components()->downloader(first, ContentType::hls);
+  EXPECT_EQ(hls, plugin.hlsDownloader());
+  EXPECT_TRUE(hls->canDownload(halvix::PlayerConfiguration{"http://h/a", ContentType::hls, ""}));
+  EXPECT_FALSE(hls->canDownload(halvix::PlayerConfiguration{"http://h/a", std::nullopt, ""}));
+  EXPECT_TRUE(context->components()->factories()[0]->canDownload(ContentType::hls))
+      << "in the order in which they are asked";
   plugin.pluginDetached();
   EXPECT_NE(context->components()->factory(ContentType::dash, first), nullptr)
       << "detaching releases nothing";

@@ -49,6 +49,8 @@ std::optional<ContentType> contentTypeFromBytes(const platform::Data& data) {
   if (head.find("SmoothStreamingMedia") != std::string::npos || head.find("<MPD") != std::string::npos ||
       head.find(":MPD") != std::string::npos)
     return ContentType::dash;
+  if (head.find("#EXTM3U") != std::string::npos)
+    return ContentType::hls;
   return std::nullopt;
 }
 

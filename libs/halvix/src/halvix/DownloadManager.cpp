@@ -38,7 +38,7 @@ std::string ownFolder(const BaseDownloader& owner, const Download& download) {
 
 QVErrorRef checkSelection(const Download& download) {
   const auto tracks = download.tracks();
-  if (!tracks || tracks->empty() || !download.selection().empty())
+  if (!tracks || !tracks->offersChoice() || !download.selection().empty())
     return nullptr;
   return QVErrorBuilder(ErrorType::download_selection_empty)
       .message(download.hasSelection() ? "nothing of what was chosen is offered (any more)"

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -71,6 +72,13 @@ struct Tracks {
   std::vector<TextTrack> text;
 
   bool empty() const { return video.empty() && audio.empty() && text.empty(); }
+  /// False when there is nothing that could be selected, as in content that is one stream; it is then
+  /// downloaded without a selection.
+  bool offersChoice() const {
+    auto offers = [](const auto& track) { return !track.renditions.empty(); };
+    return !text.empty() || std::any_of(video.begin(), video.end(), offers) ||
+           std::any_of(audio.begin(), audio.end(), offers);
+  }
 };
 
 /// What an application chose of the tracks. It is kept with the download, so that a later process can go on

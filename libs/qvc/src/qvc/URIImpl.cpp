@@ -53,6 +53,10 @@ void URIImpl::splitAuthority(std::string_view authority) {
 }
 
 void URIImpl::rebuildSchemeSpecific() {
+  if (!isFile() && !hasAuthority() && query.isEmpty()) {
+    schemeSpecificPart = path; // the references of playlists, by the hundred thousand
+    return;
+  }
   FastString result;
   result.reserve(userInfo.size() + hostName.size() + path.size() + query.size() + 10);
   if (isFile() || hasAuthority()) {

@@ -1,0 +1,255 @@
+// HLS as ffmpeg packs it, downloaded, killed, resumed, and played without the server.
+
+#include "apps/tolvane/Process.h"
+#include "tests/app/Program.h"
+#include "tests/support/Command.h"
+#include "tests/support/HLSMedia.h"
+#include "tests/support/MediaFactory.h"
+#include "tests/support/NginxServer.h"
+
+#include <csignal>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <regex>
+
+namespace fs = std::filesystem;
+using namespace support;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+const std::vector<std::string> everything{"--video", "best", "--audio", "all", "--text", "all"};
+
+std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+/// Contents of the media files below a directory; playlists aside, which a package writes anew.
+std::multiset<std::string> mediaBelow(const fs::path& directory) {
+  std::multiset<std::string> contents;
+  for (const std::string& name : filesBelow(directory))
+    if (const auto type = fs::path(name).extension(); type != ".m3u8" && type != ".json" && type != ".info")
+      contents.insert(readFile(directory / name));
+  return contents;
+}
+
+class HLS : public ProgramFixture, public testing::Test {
+protected:
+  std::string packagePath() const { return list()[0]["localPath"]; }
+  std::vector<std::string> idOf() const { return {list()[0]["id"].get<std::string>()}; }
+};
+
+class HLSForms : public HLS, public testing::WithParamInterface<HLSForm> {
+protected:
+  void SetUp() override {
+    ASSERT_TRUE(canMakeMedia() && NginxServer::isInstalled()) << "install ffmpeg and nginx";
+    media = makeHLSMedia(GetParam());
+  }
+
+  bool hasGroups() const { return GetParam() == HLSForm::FragmentedWithGroups; }
+
+  void expectWholePackage() {
+    const std::string package = packagePath();
+    EXPECT_GT(decodedSeconds(package + "/master.m3u8", hasGroups()
+                                                           ? std::vector<std::string>{"v", "a:0", "a:1"}
+                                                           : std::vector<std::string>{"v", "a"}),
+              3.4);
+    auto origin = mediaBelow(media.directory + "/180");
+    if (hasGroups())
+      for (const char* name : {"en", "de", "text-en", "text-de"})
+        origin.merge(mediaBelow(media.directory + "/" + name));
+    if (GetParam() == HLSForm::Encrypted)
+      origin.insert(readFile(media.directory + "/media.key"));
+    EXPECT_TRUE(mediaBelow(package) == origin) << testing::PrintToString(filesBelow(package));
+    for (const std::string& name : filesBelow(package))
+      if (name.starts_with("text-") && name.ends_with(".m3u8")) {
+        const std::string text = directory / "text.vtt";
+        runCommand({"ffmpeg", "-nostdin", "-v", "error", "-y", "-allowed_extensions", "ALL",
+                    "-protocol_whitelist", "file,crypto,data", "-i", package + "/" + name, text},
+                   directory.path());
+        EXPECT_THAT(readFile(text), testing::ContainsRegex("(en|de) 2")) << name;
+      }
+    const ProgramResult verified = run({"verify", idOf()[0]});
+    EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
+  }
+
+  HLSMedia media;
+};
+
+std::string nameOf(const testing::TestParamInfo<HLSForm>& info) {
+  static const char* const names[] = {"TransportStream", "Encrypted", "SingleFile", "FragmentedWithGroups"};
+  return names[static_cast<int>(info.param)];
+}
+
+} // namespace
+
+TEST_P(HLSForms, PlaysWithoutTheServer) {
+  {
+    NginxServer nginx(media.directory);
+    const std::string url = nginx.url("/" + media.master);
+    const json offered = json::parse(runProgram({"inspect", url, "--json"}).out);
+    const json& tracks = offered["movies"][0]["tracks"];
+    ASSERT_EQ(tracks.size(), hasGroups() ? 5u : 1u) << tracks;
+    EXPECT_EQ(tracks[0]["qualities"].size(), 2u);
+
+    const json held = json::parse(runProgram({"resources", url, "--json"}).out);
+    // The name of a stored file also tells its size, which is known before only of byte ranges.
+    auto withoutSize = [](const std::string& name) {
+      return std::regex_replace(name, std::regex("-[0-9]+(\\.[a-z0-9]+)$"), "$1");
+    };
+    std::set<std::string> listed, files;
+    for (const json& resource : held["movies"][0]["tracks"][0]["qualities"][0]["resources"])
+      listed.insert(withoutSize(resource["path"]));
+
+    ProgramResult result = run({"download", url, "--progress", "plain"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("100% of"));
+    for (const std::string& name : filesBelow(packagePath()))
+      files.insert(withoutSize(name));
+    EXPECT_TRUE(std::includes(files.begin(), files.end(), listed.begin(), listed.end()))
+        << testing::PrintToString(listed) << testing::PrintToString(files);
+
+    // What is chosen later is added to what is there.
+    const std::size_t before = nginx.accessLog().size();
+    result = run(std::vector<std::string>{"download", url, "--progress", "none"} +
+                 (hasGroups() ? everything : std::vector<std::string>{}));
+    ASSERT_EQ(result.status, 0) << result.err;
+    const auto log = nginx.accessLog();
+    for (std::size_t i = before; i < log.size(); ++i)
+      EXPECT_EQ(log[i].uri.find("/180/segment"), std::string::npos) << log[i].uri << " was there already";
+  }
+  expectWholePackage();
+}
+
+TEST_P(HLSForms, AKilledDownloadGoesOnInAnotherProcess) {
+  std::string stalled;
+  for (const std::string& name : filesBelow(media.directory)) {
+    server.serve("/" + name, {readFile(media.directory + "/" + name), "\"" + name + "\"", ""});
+    if (name.starts_with("180/") &&
+        (name.ends_with("2.ts") || name.ends_with("2.m4s") || name.ends_with("media.mp4")))
+      stalled = "/" + name;
+  }
+  ASSERT_FALSE(stalled.empty());
+  Fault stall;
+  stall.stallAfter = 500;
+  stall.gate = makeGate();
+  server.once(stalled, stall);
+  const auto command =
+      std::vector<std::string>{"download", server.url("/" + media.master), "--progress", "none"} +
+      (hasGroups() ? everything : std::vector<std::string>{});
+  {
+    tolvane::Process first(std::vector<std::string>{programPath()} + command +
+                               std::vector<std::string>{"--library", library()},
+                           directory / "out");
+    ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "out");
+    first.signal(SIGKILL);
+    first.wait();
+  }
+  stall.gate->open();
+  EXPECT_EQ(run({"verify", idOf()[0]}).status, 1) << "it claims nothing that it does not hold";
+  const ProgramResult result = run({"resume", "--all", "--progress", "none"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(list()[0]["state"], "success");
+  expectWholePackage();
+}
+
+INSTANTIATE_TEST_SUITE_P(, HLSForms,
+                         testing::Values(HLSForm::TransportStream, HLSForm::Encrypted, HLSForm::SingleFile,
+                                         HLSForm::FragmentedWithGroups),
+                         nameOf);
+
+TEST_F(HLS, SelectorsChooseTheVariantAndTheRenditions) {
+  const HLSMedia media = makeHLSMedia(HLSForm::FragmentedWithGroups);
+  NginxServer nginx(media.directory);
+  const std::string url = nginx.url("/" + media.master);
+  ProgramResult result =
+      run({"download", url, "--video", "100p", "--audio", "de", "--text", "en", "--progress", "none"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  std::set<std::string> folders;
+  for (const AccessLogEntry& entry : nginx.accessLog())
+    if (const auto slash = entry.uri.rfind('/'); slash > 0)
+      folders.insert(entry.uri.substr(0, slash));
+  EXPECT_EQ(folders, (std::set<std::string>{"/90", "/de", "/text-en"}));
+  result = run({"download", url, "--audio", "fr", "--progress", "none"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("fr"));
+  EXPECT_EQ(run({"remove", idOf()[0]}).status, 0);
+  EXPECT_EQ(list().size(), 0u);
+  EXPECT_THAT(filesBelow(library() + "/HLSDownloader"), IsEmpty());
+}
+
+TEST_F(HLS, AMediaPlaylistGivenDirectly) {
+  const HLSMedia media = makeHLSMedia(HLSForm::TransportStream);
+  NginxServer nginx(media.directory);
+  const std::string url = nginx.url("/" + media.mediaPlaylists[0]);
+  EXPECT_EQ(runProgram({"inspect", url}).status, 0);
+  const ProgramResult result = run({"download", url, "--progress", "none"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_GT(decodedSeconds(packagePath() + "/master.m3u8", {"v", "a"}), 3.4);
+
+  const std::string damaged = packagePath();
+  for (const std::string& name : filesBelow(damaged))
+    if (name.ends_with(".ts"))
+      fs::resize_file(damaged + "/" + name, 10);
+  ProgramResult verified = run({"verify", idOf()[0]});
+  EXPECT_EQ(verified.status, 1);
+  EXPECT_THAT(verified.out, HasSubstr("NOT whole"));
+  EXPECT_EQ(run({"download", url, "--progress", "none"}).status, 0) << "fetches again what is damaged";
+  EXPECT_EQ(run({"verify", idOf()[0]}).status, 0);
+}
+
+TEST_F(HLS, AnInterruptedDownloadIsPaused) {
+  server.serve("/m.m3u8", {"#EXTM3U\n#EXT-X-TARGETDURATION:4\n#EXTINF:4,\n/a.ts\n#EXT-X-ENDLIST\n", "", ""});
+  Fault stall;
+  stall.stallAfter = 100;
+  stall.gate = makeGate();
+  server.serve("/a.ts", {std::string(100'000, 'a'), "\"a\"", ""}, stall);
+  tolvane::Process program(
+      {programPath(), "download", server.url("/m.m3u8"), "--progress", "none", "--library", library()},
+      directory / "out");
+  ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "out");
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 130);
+  EXPECT_EQ(list()[0]["state"], "paused");
+  EXPECT_EQ(list()[0]["error"], json());
+}
+
+TEST_F(HLS, BadInputGetsOneClearErrorAndLeavesNothing) {
+  const std::string key = "#EXT-X-KEY:METHOD=AES-128,URI=\"/none.key\"\n", end = "#EXT-X-ENDLIST\n";
+  const std::string segment = "#EXTINF:4,\n/a.ts\n", head = "#EXTM3U\n#EXT-X-TARGETDURATION:4\n";
+  server.serve("/a.ts", {std::string(1000, 'a'), "\"a\"", ""});
+  struct Row {
+    const char* path;
+    std::string text;
+    const char* says;
+    bool keeps;
+  };
+  const std::vector<Row> rows{
+      {"/html.m3u8", "<html>", "html.m3u8", false},
+      {"/mixed.m3u8", head + segment + "#EXT-X-STREAM-INF:BANDWIDTH=1\nx.m3u8\n", "mixed.m3u8", false},
+      {"/live.m3u8", head + segment, "live", false},
+      {"/empty.m3u8", head + end, "empty.m3u8", false},
+      {"/variant.m3u8", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nmissing.m3u8\n", "missing.m3u8", false},
+      {"/key.m3u8", head + key + segment + end, "none.key", true},
+      {"/segment.m3u8", head + segment + "#EXTINF:4,\n/none.ts\n" + end, "none.ts", true},
+  };
+  for (const Row& row : rows) {
+    server.serve(row.path, {row.text, "", "", "application/vnd.apple.mpegurl"});
+    const ProgramResult result = run({"download", server.url(row.path), "--progress", "none"});
+    EXPECT_EQ(result.status, 1) << row.path;
+    EXPECT_THAT(result.err, HasSubstr(row.says)) << row.path;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_EQ(list().size(), row.keeps ? 1u : 0u) << row.path << ": " << result.err;
+    if (row.keeps) {
+      EXPECT_EQ(run({"remove", idOf()[0]}).status, 0);
+    }
+    EXPECT_THAT(filesBelow(library() + "/HLSDownloader"), IsEmpty()) << row.path;
+  }
+  const ProgramResult local = runProgram({"inspect", directory / "missing.m3u8"});
+  EXPECT_EQ(local.status, 1);
+  EXPECT_THAT(local.err, HasSubstr("missing.m3u8"));
+}

@@ -1,0 +1,238 @@
+// What goes wrong on the way, and what a later download makes of it.
+#include "tests/platform/AssetFixture.h"
+
+#include <filesystem>
+
+namespace asset_tests {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string segments(int count, const std::string& before = {}) {
+  std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:2\n" + before;
+  for (int i = 0; i < count; ++i)
+    text += "#EXTINF:2,\ns" + std::to_string(i) + ".ts\n";
+  return text + "#EXT-X-ENDLIST\n";
+}
+
+class AssetFaultTest : public AssetTest {
+protected:
+  void playlist(const std::string& path, std::string text) { server.serve(path, {std::move(text), "", ""}); }
+  void media(int count, const std::string& folder = "/v/") {
+    for (int i = 0; i < count; ++i)
+      server.serve(folder + "s" + std::to_string(i) + ".ts",
+                   {std::string(20'000, static_cast<char>('a' + i)), "\"" + std::to_string(i) + "\"", ""});
+  }
+  std::size_t packages() const {
+    const fs::path folder = directory / "packages";
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
+  }
+  std::string failureOf(const std::string& path) {
+    const auto error = endOf(start(asset(server.url(path))));
+    return error ? error->localizedDescription() : "none";
+  }
+  std::size_t requestsFor(const std::string& path) const { return server.requests(path).size(); }
+};
+
+} // namespace
+
+TEST_F(AssetFaultTest, WhatIsNoCompletePlaylistIsRefusedBeforeAnythingIsWritten) {
+  playlist("/live", "#EXTM3U\n#EXTINF:2,\ns0.ts\n");
+  playlist("/empty", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nnothing.m3u8\n");
+  playlist("/nothing.m3u8", "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-ENDLIST\n");
+  playlist("/missing", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\ngone.m3u8\n");
+  playlist("/nested", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nmissing\n");
+  playlist("/page", "<html>not found</html>");
+  EXPECT_THAT(failureOf("/live"), testing::AllOf(HasSubstr(server.url("/live")), HasSubstr("live stream")));
+  EXPECT_THAT(failureOf("/empty"), testing::AllOf(HasSubstr("/nothing.m3u8"), HasSubstr("no segments")));
+  EXPECT_THAT(failureOf("/missing"), testing::AllOf(HasSubstr("/gone.m3u8"), HasSubstr("404")));
+  EXPECT_THAT(failureOf("/nested"), HasSubstr("master playlist where a media playlist"));
+  EXPECT_THAT(failureOf("/page"), HasSubstr("not a valid HLS playlist"));
+  EXPECT_EQ(packages(), 0u);
+}
+
+TEST_F(AssetFaultTest, AMissingSegmentIsNamedTheRestIsKeptAndTheNextDownloadFetchesOnlyWhatIsMissing) {
+  playlist("/v/list", segments(12));
+  media(12);
+  server.once("/v/s9.ts", FaultServer::reply(404));
+  const auto first = start(asset(server.url("/v/list")));
+  const auto error = endOf(first);
+  ASSERT_TRUE(error);
+  EXPECT_THAT(error->localizedDescription(),
+              testing::AllOf(HasSubstr("Segment 10"), HasSubstr(server.url("/v/s9.ts")), HasSubstr("404")));
+  const auto package = AssetPackage::packageAtPath(first->location());
+  ASSERT_TRUE(package);
+  EXPECT_FALSE(package->complete);
+  EXPECT_TRUE(package->isIntact());
+  ASSERT_THAT(package->streams, SizeIs(1));
+  EXPECT_LE(package->streams[0].duration, 18); // plays up to what is missing, or to what came
+  EXPECT_EQ(package->streams[0].duration > 0,
+            fs::exists(AssetPackage::masterPlaylistPath(first->location())));
+
+  std::size_t kept = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(first->location()))
+    kept += entry.path().extension() == ".ts";
+  const auto before = server.requests().size();
+  relaunch();
+  const auto second = start(asset(server.url("/v/list")));
+  finish(second);
+  EXPECT_EQ(second->location(), first->location());
+  EXPECT_EQ(server.requests().size() - before, 1 + 12 - kept);
+  auto stream = AssetPackage::packageAtPath(second->location())->streams[0];
+  EXPECT_DOUBLE_EQ(stream.duration, 24);
+
+  // One that was damaged later is told, and mended by the next download.
+  fs::resize_file(second->location() + "/" + stream.files[3], 10);
+  stream = AssetPackage::packageAtPath(second->location())->streams[0];
+  EXPECT_THAT(stream.damaged, ElementsAre(stream.files[3]));
+  finish(start(asset(server.url("/v/list"))));
+}
+
+TEST_F(AssetFaultTest, AKeyThatCannotBeFetchedIsTheErrorAndOthersAreLeftAsTheyAre) {
+  playlist("/v/list", segments(2, "#EXT-X-KEY:METHOD=AES-128,URI=\"k\"\n"));
+  media(2);
+  server.handle("/v/k", FaultServer::reply(403));
+  EXPECT_THAT(failureOf("/v/list"),
+              testing::AllOf(HasSubstr("The key"), HasSubstr(server.url("/v/k")), HasSubstr("403")));
+  playlist("/v/drm", segments(2, "#EXT-X-KEY:METHOD=SAMPLE-AES,URI=\"skd://k\",KEYFORMAT=\"com.example\"\n"));
+  const auto task = start(asset(server.url("/v/drm")));
+  finish(task);
+  const auto stream = AssetPackage::packageAtPath(task->location())->streams[0];
+  EXPECT_THAT(readFile(task->location() + "/" + stream.playlist), HasSubstr("URI=\"skd://k\",KEYFORMAT"));
+}
+
+TEST_F(AssetFaultTest, AddressesCountFromWhereThePlaylistReallyStandsAndNamesStayInThePackage) {
+  server.handle("/master", FaultServer::redirect(server.url("/deep/er/master", "localhost")));
+  playlist("/deep/er/master", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\n../v/list\n");
+  server.handle("/deep/v/list", FaultServer::redirect(server.url("/cdn/list", "localhost")));
+  playlist("/cdn/list",
+           "#EXTM3U\n#EXTINF:1,\n../../../../../../up.ts\n#EXTINF:1,\n/%2e%2e/%2fetc%2fx.ts\n#EXTINF:1,\n"
+           "a%00b.ts\n#EXT-X-ENDLIST\n");
+  server.handle("/up.ts", FaultServer::reply(200, {{"Content-Length", "1"}}, "u"));
+  for (const std::string path : {"/%2e%2e/%2fetc%2fx.ts", "/%2fetc%2fx.ts", "/cdn/a%00b.ts"})
+    server.handle(path, FaultServer::reply(200, {{"Content-Length", "1"}}, "x"));
+  const auto task = start(asset(server.url("/master")));
+  finish(task);
+  EXPECT_EQ(requestsFor("/up.ts"), 1u);
+  for (const auto& entry : fs::recursive_directory_iterator(fs::path(directory.path())))
+    EXPECT_TRUE(entry.path().filename() != "up.ts" && entry.path().filename() != "x.ts");
+  EXPECT_EQ(packages(), 1u);
+}
+
+TEST_F(AssetFaultTest, WrongAnswersToRangesAreNeverStored) {
+  playlist("/v/list", "#EXTM3U\n#EXTINF:2,\n#EXT-X-BYTERANGE:100@50\nall.ts\n#EXT-X-ENDLIST\n");
+  Fault ignored;
+  ignored.ignoreRange = true;
+  server.serve("/v/all.ts", {std::string(1000, 'x'), "", ""}, ignored);
+  EXPECT_THAT(failureOf("/v/list"), HasSubstr("does not serve byte ranges"));
+  server.serve("/v/all.ts", {std::string(70, 'x'), "", ""});
+  EXPECT_THAT(failureOf("/v/list"), HasSubstr("sent 20 bytes where the playlist names 100"));
+}
+
+TEST_F(AssetFaultTest, AnInterruptedSegmentGoesOnInTheNextProcess) {
+  playlist("/v/list", segments(3));
+  media(3);
+  Fault stall;
+  stall.stallAfter = 8000;
+  stall.gate = makeGate();
+  server.once("/v/s1.ts", stall);
+  const auto first = start(asset(server.url("/v/list")));
+  ASSERT_TRUE(stall.gate->waitUntilReached());
+  ASSERT_TRUE(delegate->waitFor(*first, [](const auto& record) { return record.lastSum >= 4; }));
+  service->shutdown();
+  ASSERT_TRUE(endOf(first));
+  relaunch();
+  // The same identifier: its task is there again, and waits to be resumed.
+  Arrival<std::vector<AggregateAssetDownloadTaskRef>> listed;
+  session->getAllTasksWithCompletionHandler([&](auto tasks) { listed.arrive(std::move(tasks)); });
+  const auto tasks = listed.wait();
+  ASSERT_TRUE(tasks && tasks->size() == 1);
+  const auto second = tasks->front();
+  EXPECT_EQ(second->URLAsset()->url().absoluteString(), server.url("/v/list"));
+  EXPECT_EQ(second->state(), URLSessionTaskState::Suspended);
+  second->resume();
+  finish(second);
+  EXPECT_EQ(second->location(), first->location());
+  const auto again = server.requests("/v/s1.ts");
+  ASSERT_THAT(again, SizeIs(2));
+  EXPECT_EQ(again[1].header("Range"), "bytes=8000-");
+  EXPECT_EQ(requestsFor("/v/s0.ts") + requestsFor("/v/s2.ts"), 2u);
+}
+
+TEST_F(AssetFaultTest, SuspendedItRestsAndCancelledItWritesNothingMore) {
+  playlist("/v/list", segments(20));
+  media(20);
+  Fault stall;
+  stall.stallAfter = 5000;
+  stall.gate = makeGate();
+  server.once("/v/s3.ts", stall);
+  const auto task = start(asset(server.url("/v/list")));
+  ASSERT_TRUE(stall.gate->waitUntilReached());
+  task->suspend();
+  EXPECT_EQ(task->state(), URLSessionTaskState::Suspended);
+  task->resume();
+  stall.gate->open();
+  finish(task);
+
+  // A second one for what is being downloaded is refused; the first is not disturbed.
+  playlist("/v/other", segments(20));
+  stall.gate = makeGate();
+  server.once("/v/s3.ts", stall);
+  const auto busy = start(asset(server.url("/v/other")));
+  ASSERT_TRUE(stall.gate->waitUntilReached());
+  const auto refused = endOf(start(asset(server.url("/v/other"))));
+  ASSERT_TRUE(refused);
+  EXPECT_THAT(refused->localizedDescription(), HasSubstr("another download"));
+  busy->cancel();
+  fs::remove_all(busy->location());
+  const auto error = endOf(busy);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), NSURLErrorCancelled);
+  EXPECT_FALSE(fs::exists(busy->location()));
+  EXPECT_EQ(busy->state(), URLSessionTaskState::Completed);
+}
+
+TEST_F(AssetFaultTest, LoadingCompletesOnceForEveryCallerAndHeadersGoEverywhere) {
+  playlist("/v/list", segments(1));
+  media(1);
+  const auto made =
+      asset(server.url("/v/list"), {{AVURLAssetHTTPHeaderFieldsKey, HTTPHeaders{{"X-Token", "t"}}}});
+  Expectation loaded(3);
+  for (int i = 0; i < 2; ++i)
+    made->loadValuesAsynchronouslyForKeys({"tracks"}, [&] { loaded.fulfil(); });
+  ASSERT_TRUE(loaded.wait(2));
+  made->loadValuesAsynchronouslyForKeys({"tracks"}, [&] { loaded.fulfil(); });
+  ASSERT_TRUE(loaded.wait());
+  EXPECT_EQ(made->statusOfValueForKey("tracks"), URLAsset::KeyValueStatus::Loaded);
+  EXPECT_EQ(requestsFor("/v/list"), 1u);
+  finish(start(made));
+  for (const auto& request : server.requests())
+    EXPECT_EQ(request.header("X-Token"), "t");
+
+  const auto gate = makeGate();
+  server.handle("/slow",
+                [gate](const ServerRequest&, ServerConnection& connection) { connection.wait(*gate); });
+  const auto slow = asset(server.url("/slow"));
+  Expectation cancelled;
+  slow->loadValuesAsynchronouslyForKeys({"tracks"}, [&] { cancelled.fulfil(); });
+  ASSERT_TRUE(gate->waitUntilReached());
+  slow->cancelLoading();
+  ASSERT_TRUE(cancelled.wait());
+  EXPECT_EQ(slow->statusOfValueForKey("tracks"), URLAsset::KeyValueStatus::Cancelled);
+}
+
+TEST_F(AssetFaultTest, WhatWillBeFetchedIsListedWithoutWriting) {
+  playlist("/v/list", segments(3));
+  Arrival<std::pair<std::vector<AssetResource>, ErrorRef>> listed;
+  session->getResourcesOfURLAsset(asset(server.url("/v/list")), {}, {}, [&](auto resources, auto error) {
+    listed.arrive({std::move(resources), error});
+  });
+  const auto result = listed.wait();
+  ASSERT_TRUE(result && !result->second);
+  ASSERT_THAT(result->first, SizeIs(3));
+  EXPECT_EQ(result->first[1].url, server.url("/v/s1.ts"));
+  EXPECT_EQ(packages(), 0u);
+}
+
+} // namespace asset_tests
