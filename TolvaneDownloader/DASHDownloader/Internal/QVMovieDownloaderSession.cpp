@@ -181,7 +181,7 @@ platform::ErrorRef QVMovieDownloader::_syncPlaced(const std::string& directory, 
     return nullptr;
   while (!_unsyncedDirectories.empty()) {
     const auto first = _unsyncedDirectories.begin();
-    const auto error = platform::FileManager::syncDirectoryAtPath(*first);
+    auto error = platform::FileManager::syncDirectoryAtPath(*first);
     if (error && error->code() != ENOENT) // removed meanwhile, with all that was in it
       return error;
     _unsyncedDirectories.erase(first);

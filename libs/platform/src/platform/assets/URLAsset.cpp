@@ -4,6 +4,7 @@
 #include "platform/transfer/TransferService.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace platform {
 
@@ -36,14 +37,12 @@ void HLSAsset::loadValuesAsynchronouslyForKeys(const std::vector<std::string>& k
     if (tracks && (_status == KeyValueStatus::Unknown || _status == KeyValueStatus::Loading)) {
       start = _status == KeyValueStatus::Unknown;
       _status = KeyValueStatus::Loading;
-      _waiters.push_back(std::move(completion));
-      if (!start)
-        return;
+      _waiters.push_back(std::exchange(completion, nullptr));
     }
   }
   if (start)
     load();
-  else
+  else if (completion)
     SerialQueue::background().async(std::move(completion));
 }
 
