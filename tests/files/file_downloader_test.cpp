@@ -17,7 +17,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 
 using namespace platform;
 using namespace support;
@@ -55,9 +54,12 @@ ServerHandler digestProtected(const std::string& directory, const std::string& u
   return [=](const ServerRequest& request, ServerConnection& connection) {
     const auto header = request.header("Authorization");
     const auto field = [&](const std::string& name) {
-      std::smatch found;
-      return std::regex_search(header, found, std::regex("[ ,]" + name + "=\"?([^\",]*)")) ? found[1].str()
-                                                                                           : "";
+      for (const std::string before : {" ", ","})
+        if (auto at = header.find(before + name + "="); at != std::string::npos) {
+          at = header.find_first_not_of('"', at + before.size() + name.size() + 1);
+          return header.substr(at, header.find_first_of("\",", at) - at);
+        }
+      return std::string();
     };
     const auto proof = md5(md5(userAndRealm + ":" + password) + ":nonce-1:" + field("nc") + ":" +
                            field("cnonce") + ":auth:" + md5("GET:" + request.target));
