@@ -99,7 +99,8 @@ TEST_P(HLSForms, PlaysWithoutTheServer) {
     // The name of a stored file also tells its size, which is known before only of byte ranges.
     auto withoutSize = [](const std::string& name) {
       const auto dash = name.rfind('-'), dot = name.rfind('.');
-      return dash < dot ? name.substr(0, dash) + name.substr(dot) : name;
+      const bool isSize = dash < dot && name.find_first_not_of("0123456789", dash + 1) == dot;
+      return isSize ? name.substr(0, dash) + name.substr(dot) : name;
     };
     std::set<std::string> listed, files;
     for (const json& resource : held["movies"][0]["tracks"][0]["qualities"][0]["resources"])
