@@ -7,6 +7,7 @@ packages_build="g++ cmake ninja-build pkg-config python3-minimal ccache lld gett
   liburiparser-dev libcli11-dev ca-certificates"
 packages_demo="ffmpeg nginx-light"
 packages_fuzz="clang libclang-rt-dev"
+packages_benchmarks="curl aria2 iproute2"
 packages_check="libgtest-dev libgmock-dev clang clang-format clang-tidy openssl procps git"
 
 need_packages() {
