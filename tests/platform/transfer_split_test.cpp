@@ -204,6 +204,33 @@ TEST_F(SplitTransferTest, GetsAlongWithShortPartsAndFewConnections) {
   expectOneProgress(record);
 }
 
+TEST_F(SplitTransferTest, LeavesAPieceToTheConnectionThatCameToItFirst) {
+  Fault slow;
+  slow.stallAfter = 100'000;
+  slow.gate = makeGate();
+  const auto late = makeGate();
+  std::atomic<int> parts = 0;
+  serveLarge([&, helper = FaultServer::entity(entity, slow), plain = FaultServer::entity(entity)](
+                 const ServerRequest& request, ServerConnection& connection) {
+    const int part = ++parts;
+    if (part == 2) { // half of what the helper still has to fetch, which it comes to before the answer does
+      slow.gate->open();
+      connection.wait(*late);
+    }
+    (part == 1 ? helper : plain)(request, connection);
+  });
+  configuration.HTTPMaximumConnectionsPerHost = 2;
+  open();
+  auto task = start("/a");
+  ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), Mega + 100'000));
+  gate->open();
+  while (task->countOfBytesReceived() < static_cast<std::int64_t>(Large))
+    std::this_thread::yield();
+  late->open();
+  expectWhole(finish(task), content);
+  EXPECT_EQ(parts, 2);
+}
+
 TEST_F(SplitTransferTest, KeepsItsHolesOverPausesAndNeverMixes) {
   serveLarge(FaultServer::entity(entity));
   configuration.HTTPMaximumConnectionsPerHost = 4;

@@ -34,6 +34,7 @@ bool isTransientCurlCode(int code) {
 }
 
 ErrorRef errorForCurlCode(int code, const URL& url, const std::string& detail) {
+  const std::string reason = detail.empty() ? curl_easy_strerror(static_cast<CURLcode>(code)) : detail;
   const auto host = "\"" + url.host().value_or("") + "\"";
   std::int64_t mapped = NSURLErrorUnknown;
   std::string what;
@@ -84,10 +85,9 @@ ErrorRef errorForCurlCode(int code, const URL& url, const std::string& detail) {
       mapped = NSURLErrorNetworkConnectionLost;
       what = "The connection to the server " + host + " was lost";
     } else {
-      what = "The transfer failed";
+      what = "The transfer failed: " + reason;
     }
   }
-  const std::string reason = detail.empty() ? curl_easy_strerror(static_cast<CURLcode>(code)) : detail;
   return makeError(NSURLErrorDomain, mapped,
                    UserInfo{{NSLocalizedDescriptionKey, what + " (" + url.absoluteString() + ")."},
                             {NSLocalizedFailureReasonErrorKey, reason},

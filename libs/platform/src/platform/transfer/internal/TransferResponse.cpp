@@ -128,8 +128,13 @@ bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
       _description.validators.etag = validators.etag;
     if (decision.entityTotal >= 0)
       _description.total = decision.entityTotal;
-    if (isFurther())
-      return true;
+    if (isFurther()) {
+      // While the request was on its way, who fetched what lies before may have gone on over the piece.
+      if (_own.left() > 0)
+        return true;
+      _next = Next::Piece;
+      return false;
+    }
     _nextSync = Clock::now() + FirstSync;
     showResponse(held());
     if (std::exchange(_announceResume, false))
