@@ -2,16 +2,18 @@
 
 #include "TolvaneDownloader/FileDownloader/FileDownloader.h"
 
-#include "halvix/Plugin.h"
-
 bool FileDownloaderFactory::canDownload(halvix::ContentType contentType) const {
   return FileDownloader::isPlainFile(contentType);
 }
 
 std::shared_ptr<halvix::BaseDownloader>
-FileDownloaderFactory::create(const std::shared_ptr<halvix::Session>& session, halvix::ContentType) {
-  auto downloader = FileDownloader::shared();
-  downloader->setDispatcher(_pluginDispatchers->createDownloaderDispatcher(session));
-  downloader->reportInterruptedDownloads();
+FileDownloaderFactory::create(const std::shared_ptr<halvix::Session>& session,
+                              halvix::ContentType contentType) {
+  auto downloader = SharedDownloaderFactory::create(session, contentType);
+  FileDownloader::shared()->reportInterruptedDownloads();
   return downloader;
+}
+
+std::shared_ptr<halvix::BaseDownloader> FileDownloaderFactory::sharedDownloader() const {
+  return FileDownloader::shared();
 }

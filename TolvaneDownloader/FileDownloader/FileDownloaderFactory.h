@@ -1,28 +1,18 @@
 #pragma once
 
-#include "halvix/ComponentRegistry.h"
+#include "TolvaneDownloader/SharedDownloaderFactory.h"
 
-#include <memory>
-
-namespace halvix {
-class QVPluginDispatchers;
-}
-
-/// Hands out the shared downloader of plain files. Each `create` points its dispatcher to the newest session,
-/// so the last session that asked receives the events. Thread-safe.
-class FileDownloaderFactory final : public halvix::DownloaderFactoryProtocol {
+/// Hands out the shared downloader of plain files.
+class FileDownloaderFactory final : public SharedDownloaderFactory {
 public:
-  explicit FileDownloaderFactory(std::shared_ptr<halvix::QVPluginDispatchers> pluginDispatchers)
-      : _pluginDispatchers(std::move(pluginDispatchers)) {}
-
-  const std::shared_ptr<halvix::QVPluginDispatchers>& pluginDispatchers() const { return _pluginDispatchers; }
+  using SharedDownloaderFactory::SharedDownloaderFactory;
 
   /// True for `mp4` and `mp3`.
   bool canDownload(halvix::ContentType contentType) const override;
+  /// Also tells the new dispatcher what an ended process had left running.
   std::shared_ptr<halvix::BaseDownloader> create(const std::shared_ptr<halvix::Session>& session,
                                                  halvix::ContentType contentType) override;
-  bool canAttach(const std::shared_ptr<halvix::Session>&) const override { return true; }
 
 private:
-  std::shared_ptr<halvix::QVPluginDispatchers> _pluginDispatchers;
+  std::shared_ptr<halvix::BaseDownloader> sharedDownloader() const override;
 };

@@ -1,28 +1,15 @@
 #pragma once
 
-#include "halvix/ComponentRegistry.h"
+#include "TolvaneDownloader/SharedDownloaderFactory.h"
 
-#include <memory>
-
-namespace halvix {
-class QVPluginDispatchers;
-}
-
-/// Hands out the shared HLS downloader. Each `create` points its dispatcher to the newest session, so the
-/// last session that asked receives the events. Thread-safe.
-class HLSDownloaderFactory final : public halvix::DownloaderFactoryProtocol {
+/// Hands out the shared HLS downloader.
+class HLSDownloaderFactory final : public SharedDownloaderFactory {
 public:
-  explicit HLSDownloaderFactory(std::shared_ptr<halvix::QVPluginDispatchers> pluginDispatchers)
-      : _pluginDispatchers(std::move(pluginDispatchers)) {}
-
-  const std::shared_ptr<halvix::QVPluginDispatchers>& pluginDispatchers() const { return _pluginDispatchers; }
+  using SharedDownloaderFactory::SharedDownloaderFactory;
 
   /// True exactly for `hls`.
   bool canDownload(halvix::ContentType contentType) const override;
-  std::shared_ptr<halvix::BaseDownloader> create(const std::shared_ptr<halvix::Session>& session,
-                                                 halvix::ContentType contentType) override;
-  bool canAttach(const std::shared_ptr<halvix::Session>&) const override { return true; }
 
 private:
-  std::shared_ptr<halvix::QVPluginDispatchers> _pluginDispatchers;
+  std::shared_ptr<halvix::BaseDownloader> sharedDownloader() const override;
 };
