@@ -122,10 +122,6 @@ bool DashDownloader::canDownload(halvix::ContentType contentType) const {
   return halvix::rawValue(contentType) == halvix::rawValue(halvix::ContentType::dash);
 }
 
-bool DashDownloader::canDownload(const halvix::PlayerConfiguration& configuration) const {
-  return configuration.contentType && canDownload(*configuration.contentType);
-}
-
 std::shared_ptr<Download> DashDownloader::createDownload(const halvix::PlayerConfiguration& configuration,
                                                          const platform::HTTPHeaders& headers,
                                                          QVErrorRef* error) {

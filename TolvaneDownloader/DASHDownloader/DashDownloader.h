@@ -43,8 +43,8 @@ public:
 
   const std::shared_ptr<QVMovieDownloader>& downloader() const { return _downloader; }
 
+  using BaseDownloader::canDownload;
   bool canDownload(halvix::ContentType contentType) const override;
-  bool canDownload(const halvix::PlayerConfiguration& configuration) const override;
   std::shared_ptr<halvix::Download> createDownload(const halvix::PlayerConfiguration& configuration,
                                                    const platform::HTTPHeaders& headers,
                                                    halvix::QVErrorRef* error) override;

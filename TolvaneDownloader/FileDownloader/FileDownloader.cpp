@@ -128,6 +128,11 @@ std::shared_ptr<ZRKFileDownloader> FileDownloader::startedDownloader() const {
 }
 
 bool FileDownloader::isUnderWay(const std::string& uuid) const {
+  {
+    std::lock_guard lock(_fileMutex);
+    if (const auto run = _runs.find(uuid); run != _runs.end() && run->second.placed)
+      return true;
+  }
   const auto queue = startedDownloader();
   return queue && (queue->isDownloadingIdentifier(uuid) || queue->isWaitingForDownloadOfIdentifier(uuid));
 }
@@ -153,10 +158,6 @@ bool FileDownloader::isPlainFile(ContentType contentType) {
 
 bool FileDownloader::canDownload(ContentType contentType) const {
   return isPlainFile(contentType);
-}
-
-bool FileDownloader::canDownload(const halvix::PlayerConfiguration& configuration) const {
-  return configuration.contentType && canDownload(*configuration.contentType);
 }
 
 std::shared_ptr<Download> FileDownloader::createDownload(const halvix::PlayerConfiguration& configuration,
@@ -257,7 +258,7 @@ QVErrorRef FileDownloader::startDownload(const std::string& uuid,
   if (auto events = dispatcher())
     events->dispatchDownloadStart(download);
   if (whole) {
-    complete(download, folderOf(uuid) + "/" + fileNameOf(*download));
+    place(uuid, folderOf(uuid) + "/" + fileNameOf(*download));
     return nullptr;
   }
   return later ? nullptr : startFileDownload(download);
@@ -302,13 +303,14 @@ QVErrorRef FileDownloader::pauseDownload(const std::string& uuid) {
   auto download = findDownload(uuid);
   if (!queue || !download)
     return fatal(ErrorType::downloader_id_not_found);
-  bool wasEnding = false;
+  bool wasEnding = false, placed = false;
   // Marked before the look: an end that is told after it takes the mark away.
   withRun(uuid, [&](Run& run) {
     run.startAgain = false;
-    wasEnding = std::exchange(run.ending, true);
+    placed = run.placed;
+    wasEnding = std::exchange(run.ending, !placed);
   });
-  if (wasEnding)
+  if (wasEnding || placed) // there is nothing left to pause
     return nullptr;
   if (!isUnderWay(uuid)) {
     startsAgain(uuid);

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 class ZRKFileDownloader;
@@ -45,8 +46,8 @@ public:
   /// (`download_interrupted`). Each is told once; call it when there is a dispatcher.
   void reportInterruptedDownloads();
 
+  using BaseDownloader::canDownload;
   bool canDownload(halvix::ContentType contentType) const override;
-  bool canDownload(const halvix::PlayerConfiguration& configuration) const override;
   /// A title that is not given becomes the file's name. New headers make what was fetched with the old ones
   /// be asked for anew (the bytes on disk still count).
   std::shared_ptr<halvix::Download> createDownload(const halvix::PlayerConfiguration& configuration,
@@ -92,10 +93,11 @@ private:
     std::int64_t heldBefore = 0; ///< bytes that an earlier run had, until the first progress of this one
     std::chrono::steady_clock::time_point kept; ///< when the record was last marked for its progress
     bool whole = false;                         ///< the file that stands in its place is the server's
-    bool ending = false;                        ///< was paused, and its end is not told yet
-    bool removed = false;                       ///< taken off the list while it was under way
-    bool startAgain = false;                    ///< was to start while it was ending
-    platform::ErrorRef placeError;              ///< why the finished file has no place
+    bool placed = false;           ///< the file is in its place, and its record does not say so yet
+    bool ending = false;           ///< was paused, and its end is not told yet
+    bool removed = false;          ///< taken off the list while it was under way
+    bool startAgain = false;       ///< was to start while it was ending
+    platform::ErrorRef placeError; ///< why the finished file has no place
   };
 
   FileDownloader(bool cellularAccess, platform::HTTPHeaders headers,
@@ -114,7 +116,10 @@ private:
   std::string fileNameOf(const halvix::Download& download) const;
   void askServer(const std::shared_ptr<halvix::Download>& download, PrepareCompletion completion);
   void learnFrom(const platform::HTTPURLResponse& response, halvix::Download& download);
+  void place(const std::string& uuid, const std::string& path);
+  void completePlaced();
   void complete(const std::shared_ptr<halvix::Download>& download, const std::string& path);
+  void fail(const std::shared_ptr<halvix::Download>& download, const halvix::QVErrorRef& failure);
   void explainRestart(const std::shared_ptr<halvix::Download>& download);
   void becamePaused(const std::string& uuid, const platform::DataRef& resumeData);
   bool startsAgain(const std::string& uuid);
@@ -127,6 +132,8 @@ private:
   std::map<std::string, Run> _runs;
   std::map<std::string, std::string> _byRemoteURL; // to the uuid; a URL as the queue writes it
   std::vector<std::string> _interrupted;           // not told yet
+  std::vector<std::pair<std::string, std::string>>
+      _placed; // uuids and paths whose directories are not synced
 
   std::atomic<bool> _storing{false};
 };

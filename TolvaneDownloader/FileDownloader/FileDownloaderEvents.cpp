@@ -79,7 +79,7 @@ FileDownloader::localFileURLForIdentifier(const std::string& token, const platfo
   if (!download)
     return std::optional<platform::URL>();
   const std::string folder = folderOf(token);
-  if (auto error = FileManager::createDirectoryAtPath(folder, true)) {
+  if (auto error = FileManager::createDirectoryAtPathUnsynced(folder)) {
     withRun(token, [&](Run& run) { run.placeError = error; });
     return std::optional<platform::URL>();
   }
@@ -138,10 +138,52 @@ void FileDownloader::explainRestart(const std::shared_ptr<Download>& download) {
 void FileDownloader::downloadDidCompleteWithIdentifier(const std::string& token,
                                                        const platform::URL& localFileURL) {
   startsAgain(token);
-  if (auto download = findDownload(token))
-    return complete(download, localFileURL.path());
+  if (findDownload(token))
+    return place(token, localFileURL.path());
   halvix::log_e(logTag, "Completed download item not found " + token);
   halvix::Utils::removeFolder(folderOf(token)); // removed while its file came into its place
+}
+
+/// Takes note of a file in its place. Its directories have to be synced before anything claims it, and with
+/// them those of all files that come meanwhile.
+void FileDownloader::place(const std::string& uuid, const std::string& path) {
+  {
+    std::lock_guard lock(_fileMutex);
+    _runs[uuid].placed = true;
+    _placed.emplace_back(uuid, path);
+    if (_placed.size() > 1)
+      return;
+  }
+  platform::SerialQueue::background().async(
+      [weak = std::weak_ptr(std::static_pointer_cast<FileDownloader>(shared_from_this()))] {
+        if (auto self = weak.lock())
+          self->completePlaced();
+      });
+}
+
+void FileDownloader::completePlaced() {
+  std::vector<std::pair<std::string, std::string>> placed;
+  {
+    std::lock_guard lock(_fileMutex);
+    placed.swap(_placed);
+  }
+  std::vector<std::string> directories{downloadPath()};
+  for (const auto& [uuid, path] : placed)
+    directories.push_back(folderOf(uuid));
+  const auto error = FileManager::syncDirectoriesAtPaths(directories);
+  // Where the events of the ends go too: they follow when the records of all are stored, with one writing.
+  platform::MainQueue::shared().async([self = std::static_pointer_cast<FileDownloader>(shared_from_this()),
+                                       placed = std::move(placed), error] {
+    for (const auto& [uuid, path] : placed) {
+      const auto download = self->findDownload(uuid);
+      if (download && !error)
+        self->complete(download, path);
+      else if (download)
+        self->fail(download, fileFailure(error, 0, {}));
+      self->withRun(uuid, [](Run& run) { run.placed = false; });
+    }
+    self->storeItems();
+  });
 }
 
 void FileDownloader::complete(const std::shared_ptr<Download>& download, const std::string& path) {
@@ -153,11 +195,20 @@ void FileDownloader::complete(const std::shared_ptr<Download>& download, const s
                               .copyWithDownloadedContentSize(attributes->size)
                               .copyWithProgress(1));
   download->setState(DownloadState::success);
-  storeSoon();
   platform::MainQueue::shared().async([weak = weak_from_this(), download] {
     auto self = weak.lock();
     if (auto events = self ? self->dispatcher() : nullptr)
       events->dispatchDownloadFinished(download);
+  });
+}
+
+void FileDownloader::fail(const std::shared_ptr<Download>& download, const halvix::QVErrorRef& failure) {
+  download->setState(DownloadState::failed);
+  halvix::log_e(logTag, download->uuid() + " failed: " + failure->description());
+  platform::MainQueue::shared().async([weak = weak_from_this(), download, failure] {
+    auto self = weak.lock();
+    if (auto events = self ? self->dispatcher() : nullptr)
+      events->dispatchDownloadError(download, failure);
   });
 }
 
@@ -196,20 +247,11 @@ void FileDownloader::downloadFailedWithIdentifier(const std::string& token, cons
     }
     return storeSoon();
   }
-  if (!paused)
-    download->setState(DownloadState::failed);
-  storeSoon();
   // The end of a pause is none that anybody should be told of as an error.
-  if (paused)
-    return;
-  const auto failure = fileFailure(placeError ? placeError : error, httpStatusCode,
-                                   placeError ? std::vector<std::string>() : errorMessagesStack);
-  halvix::log_e(logTag, token + " failed: " + failure->description());
-  platform::MainQueue::shared().async([weak = weak_from_this(), download, failure] {
-    auto self = weak.lock();
-    if (auto events = self ? self->dispatcher() : nullptr)
-      events->dispatchDownloadError(download, failure);
-  });
+  if (!paused)
+    fail(download, fileFailure(placeError ? placeError : error, httpStatusCode,
+                               placeError ? std::vector<std::string>() : errorMessagesStack));
+  storeSoon();
 }
 
 /// Takes away a directory that was made for a file that never came into it.

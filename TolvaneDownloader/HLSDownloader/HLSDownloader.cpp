@@ -138,10 +138,6 @@ bool HLSDownloader::canDownload(halvix::ContentType contentType) const {
   return halvix::rawValue(contentType) == halvix::rawValue(halvix::ContentType::hls);
 }
 
-bool HLSDownloader::canDownload(const halvix::PlayerConfiguration& configuration) const {
-  return configuration.contentType && canDownload(*configuration.contentType);
-}
-
 HLSDownloader::AssetRef HLSDownloader::makeAsset(const platform::URL& url,
                                                  const platform::HTTPHeaders& headers) const {
   platform::AssetEnvironment surroundings;

@@ -40,8 +40,8 @@ public:
          std::shared_ptr<halvix::HostEnvironment> environment = nullptr);
   ~HLSDownloader() override;
 
+  using BaseDownloader::canDownload;
   bool canDownload(halvix::ContentType contentType) const override;
-  bool canDownload(const halvix::PlayerConfiguration& configuration) const override;
   /// Refused when another download of the list holds the content URL. The summary of the playlist is fetched
   /// without headers, the asset's own playlists with them.
   void prepareDownload(const std::string& uuid, PrepareCompletion completion) override;

@@ -22,6 +22,11 @@ namespace {
 
 using halvix::DownloadState;
 using DownloadRef = std::shared_ptr<halvix::Download>;
+using Clock = std::chrono::steady_clock;
+
+/// Progress is looked at this often, not at each event: of many downloads there are more than anybody can
+/// read.
+constexpr std::chrono::milliseconds lookInterval{100};
 
 /// Collects what the host tells, and wakes the thread that shows it for what cannot wait.
 class Follower : public halvix::DownloadDelegate {
@@ -31,6 +36,7 @@ public:
       _positions.emplace(entries[i].download.get(), i);
   }
 
+  bool wantsOnlyEnds() const override { return true; }
   void downloadDidFail(const DownloadRef& download, const halvix::QVErrorRef& error) override {
     // A failure that the host found on its list at start-up is of an earlier process.
     if (error && error->type() != halvix::ErrorType::download_interrupted)
@@ -57,9 +63,7 @@ public:
   /// Waits for a moment, or for an end or a command; the commands are 'p', 'r', 'q' and 0 for none.
   char wait(std::vector<BatchEntry>& entries) {
     std::unique_lock lock(_mutex);
-    // Progress is looked at every now and then instead of at each event: of many downloads there are more
-    // than anybody can read.
-    _changed.wait_for(lock, std::chrono::milliseconds(100), [&] { return _key || !_settled.empty(); });
+    _changed.wait_for(lock, lookInterval, [&] { return _key || !_settled.empty(); });
     for (std::size_t position : _settled) {
       entries[position].result = _results[position].first;
       entries[position].error = _results[position].second;
@@ -154,25 +158,17 @@ public:
     for (; _next < _entries.size() && _running + due.size() < _room; ++_next)
       if (_entries[_next].result == RunResult::Pending)
         due.push_back(_next);
-    if (due.size() > 1) {
-      for (std::size_t position : due)
-        _entries[position].download->keep();
-      if (auto error = _host.manager().store())
-        for (std::size_t position : due) {
-          _host.manager().remove(_entries[position].download);
-          fail(position, error);
-        }
-    }
-    for (std::size_t position : due) {
-      if (_entries[position].result != RunResult::Pending)
-        continue;
-      const DownloadRef& download = _entries[position].download;
+    std::vector<DownloadRef> downloads;
+    for (std::size_t position : due)
+      downloads.push_back(_entries[position].download);
+    const auto errors = _host.manager().start(downloads);
+    for (std::size_t i = 0; i < due.size(); ++i) {
       ++_running;
-      if (auto error = _host.manager().start(download))
-        fail(position, error);
-      else if (download->state() == DownloadState::idle && !isPlainFile(*download))
+      if (errors[i])
+        fail(due[i], errors[i]);
+      else if (downloads[i]->state() == DownloadState::idle && !isPlainFile(*downloads[i]))
         // Started, and yet nothing runs: there will be no event to wait for.
-        settle(position, "nothing of what is chosen is offered any more");
+        settle(due[i], "nothing of what is chosen is offered any more");
     }
   }
 
@@ -290,6 +286,7 @@ void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t l
     run.startMore();
     display.update(snapshotOf(entries)); // where it starts from, for the rate
     bool shown = false;
+    auto nextLook = Clock::now();
     while (!run.allEnded()) {
       const char command = follower->wait(entries);
       if (command == 'q')
@@ -301,6 +298,10 @@ void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t l
         break;
       if (!run.isPaused())
         run.startMore();
+      // Of many short downloads one ends at every moment: a look at all of them costs more than that.
+      if (!command && Clock::now() < nextLook)
+        continue;
+      nextLook = Clock::now() + lookInterval;
       for (const std::string& notice : run.takeNotices()) {
         display.finish(snapshotOf(entries));
         std::fprintf(stderr, "tolvane: note: %s\n", oneLine(notice).c_str());

@@ -62,9 +62,11 @@ protected:
         tasks.push_back(task);
     return tasks;
   }
-  /// Delivers what is waiting and lets the main queue come round.
+  /// Delivers what is waiting and lets the queues come round.
   void settle() {
     service->run();
+    platform::SerialQueue::background().sync([] {});
+    platform::MainQueue::shared().sync([] {});
     platform::MainQueue::shared().sync([] {});
   }
 
@@ -225,6 +227,7 @@ TEST_F(FileAdapter, AFileInPlaceWithoutARecordOfItsEndCountsWhenTheServerAgrees)
       continue;
     EXPECT_EQ(files->startDownload(uuid, {}), nullptr);
     EXPECT_TRUE(live().empty());
+    settle();
     EXPECT_EQ(download->state(), DownloadState::success);
     EXPECT_EQ(support::readFile(*download->localUrl()), "0123456789");
   }

@@ -62,8 +62,8 @@ public:
 
   using BaseDownloader::setUuidGenerator;
 
+  using BaseDownloader::canDownload;
   bool canDownload(ContentType type) const override { return type == ContentType::dash; }
-  bool canDownload(const PlayerConfiguration& c) const override { return c.contentType == ContentType::dash; }
 
   void prepareDownload(const std::string& uuid, PrepareCompletion completion) override {
     note("prepare " + uuid);

@@ -31,8 +31,9 @@ public:
 
   // ---- Required
 
-  /// A download ended well; the file at `localFileURL` is the client's from now on. Called once, and then
-  /// nothing more comes for this start of the token.
+  /// A download ended well; the file at `localFileURL` is the client's from now on. Its bytes are on stable
+  /// storage; its name is once the client has synced the directory, which it may do for many files at once.
+  /// Called once, and then nothing more comes for this start of the token.
   virtual void downloadDidCompleteWithIdentifier(const std::string& token,
                                                  const platform::URL& localFileURL) = 0;
 

@@ -101,7 +101,7 @@ std::optional<std::string> ZRKPlaceFile(const std::string& location, const std::
         "Error on removing file at " + destination + ": " +
         ZRKDescribe(platform::makePOSIXError(directory ? EISDIR : EEXIST, "Only a file is replaced")));
   }
-  if (auto error = FileManager::moveItemAtPath(location, destination))
+  if (auto error = FileManager::moveItemAtPathUnsynced(location, destination))
     return ZRKLogError(
         "Unable to move file from " + location + " to " + destination + " (" +
         ZRKDescribe(platform::makeError(platform::NSURLErrorDomain, platform::NSURLErrorCannotMoveFile,

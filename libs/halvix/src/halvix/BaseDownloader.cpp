@@ -129,6 +129,15 @@ void BaseDownloader::insertLocked(std::shared_ptr<Download> download) {
 
 QVErrorRef BaseDownloader::storeItems() {
   std::lock_guard order(_storeMutex);
+  return writeChanged();
+}
+
+QVErrorRef BaseDownloader::storeItemsFor(const Download& download) {
+  std::lock_guard order(_storeMutex);
+  return download.hasChangedRecord() ? writeChanged() : nullptr;
+}
+
+QVErrorRef BaseDownloader::writeChanged() {
   std::vector<std::shared_ptr<Download>> taken;
   std::vector<DownloadRecord> records;
   for (const auto& changed : _hub->takeChanged())
@@ -193,6 +202,10 @@ void BaseDownloader::setUuidGenerator(UuidGenerator generator) {
 BaseDownloader::UuidGenerator BaseDownloader::uuidGenerator() const {
   std::lock_guard lock(_mutex);
   return _uuidGenerator;
+}
+
+bool BaseDownloader::canDownload(const PlayerConfiguration& configuration) const {
+  return configuration.contentType && canDownload(*configuration.contentType);
 }
 
 std::shared_ptr<Download> BaseDownloader::createDownload(const PlayerConfiguration& configuration,

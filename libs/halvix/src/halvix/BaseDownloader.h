@@ -67,6 +67,8 @@ public:
   /// Writes every changed record in one transaction; nothing changed, nothing written. A failure is logged
   /// and answered, and the records stay marked for the next try.
   QVErrorRef storeItems();
+  /// The same, but only when the record of this download is not stored yet; waits for one that writes it.
+  QVErrorRef storeItemsFor(const Download& download);
 
   /// Takes a download off the list and its row out of the store. What is on disk stays. An unknown
   /// identifier is no error.
@@ -83,7 +85,8 @@ public:
   // Operations of a kind of content. The string is a download's uuid; an answered error of null is success.
 
   virtual bool canDownload(ContentType contentType) const = 0;
-  virtual bool canDownload(const PlayerConfiguration& configuration) const = 0;
+  /// By the configuration's content type; one without is none.
+  virtual bool canDownload(const PlayerConfiguration& configuration) const;
 
   /// A provisional download for the configuration, identified by the uuid generator; the download that is
   /// already there when the identifier is known (its title and headers are then replaced by given ones
@@ -119,6 +122,7 @@ protected:
   UuidGenerator uuidGenerator() const;
 
 private:
+  QVErrorRef writeChanged(); // under `_storeMutex`
   void insertLocked(std::shared_ptr<Download> download);
 
   const std::string _name;

@@ -379,6 +379,11 @@ void Download::keep() {
   changedLocked();
 }
 
+bool Download::hasChangedRecord() const {
+  std::lock_guard lock(_mutex);
+  return _changed && !_provisional && !_removed;
+}
+
 std::optional<DownloadRecord> Download::takeChangedRecord() {
   std::lock_guard lock(_mutex);
   if (!_changed || _provisional || _removed)

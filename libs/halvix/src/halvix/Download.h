@@ -137,6 +137,8 @@ public:
   // For the host's own classes.
   /// The row to write; clears the mark of being changed. Nothing when unchanged, provisional or removed.
   std::optional<DownloadRecord> takeChangedRecord();
+  /// Whether `takeChangedRecord` would answer one.
+  bool hasChangedRecord() const;
   /// Marks it changed again after a failed write.
   void markChanged();
   /// No row is ever written for it again.

@@ -213,34 +213,53 @@ QVErrorRef DownloadManager::select(const std::shared_ptr<Download>& download, co
 
 QVErrorRef DownloadManager::start(const std::shared_ptr<Download>& download,
                                   std::weak_ptr<DownloadDelegate> delegate) {
-  return _state->start(download, std::move(delegate));
+  return _state->start({download}, delegate).front();
 }
 
-QVErrorRef ManagerState::start(const std::shared_ptr<Download>& download,
-                               std::weak_ptr<DownloadDelegate> delegate) {
-  const auto owner = ownerOf(*download);
-  if (!owner)
-    return noDownloader();
-  if (auto error = checkSelection(*download))
-    return error;
-  // On the list before the first byte: what is on disk without a record would be nobody's.
-  const bool isNew = download->isProvisional();
-  if (isNew) {
-    download->keep();
-    if (auto error = owner->storeItems()) {
-      drop(*owner, download);
-      return error;
+std::vector<QVErrorRef> DownloadManager::start(const std::vector<std::shared_ptr<Download>>& downloads) {
+  return _state->start(downloads, {});
+}
+
+std::vector<QVErrorRef> ManagerState::start(const std::vector<std::shared_ptr<Download>>& downloads,
+                                            const std::weak_ptr<DownloadDelegate>& delegate) {
+  const std::size_t count = downloads.size();
+  std::vector<QVErrorRef> errors(count);
+  std::vector<bool> isNew(count);
+  std::map<std::shared_ptr<BaseDownloader>, std::vector<std::size_t>> byOwner;
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto owner = ownerOf(*downloads[i]);
+    errors[i] = owner ? checkSelection(*downloads[i]) : noDownloader();
+    if (errors[i])
+      continue;
+    byOwner[owner].push_back(i);
+    isNew[i] = downloads[i]->isProvisional();
+    if (isNew[i])
+      downloads[i]->keep();
+  }
+  for (const auto& [owner, positions] : byOwner) {
+    // On the list before the first byte: what is on disk without a record would be nobody's.
+    const bool anyNew =
+        std::any_of(positions.begin(), positions.end(), [&](std::size_t i) { return isNew[i]; });
+    const auto listing = anyNew ? owner->storeItems() : nullptr;
+    for (const std::size_t i : positions) {
+      const auto& download = downloads[i];
+      if (listing && isNew[i]) {
+        errors[i] = listing;
+      } else {
+        // Set before the start, whose events may already end the run and with it the mark.
+        download->setStarted(true);
+        if ((errors[i] = owner->startDownload(download->uuid(), delegate)))
+          download->setStarted(false);
+      }
+      if (errors[i] && isNew[i])
+        drop(*owner, download);
     }
+    if (const auto storing = owner->storeItems())
+      for (const std::size_t i : positions)
+        if (!errors[i])
+          errors[i] = storing;
   }
-  // Set before the start, whose events may already end the run and with it the mark.
-  download->setStarted(true);
-  if (auto error = owner->startDownload(download->uuid(), std::move(delegate))) {
-    download->setStarted(false);
-    if (isNew)
-      drop(*owner, download);
-    return error;
-  }
-  return owner->storeItems();
+  return errors;
 }
 
 QVErrorRef DownloadManager::pause(const std::shared_ptr<Download>& download) {
@@ -267,7 +286,7 @@ void DownloadManager::resume(const std::shared_ptr<Download>& download, Completi
     return answer(completion, error ? error : storing);
   }
   prepare(download, [shared = _state, download, completion](const QVErrorRef& error) {
-    completion(error ? error : shared->start(download, download->delegate()));
+    completion(error ? error : shared->start({download}, download->delegate()).front());
   });
 }
 

@@ -36,6 +36,10 @@ class DownloadDelegate {
 public:
   virtual ~DownloadDelegate() = default;
 
+  /// Asked when it is added as a listener. True: it looks at the downloads when it likes and is only told of
+  /// their ends, which spares the main queue an event for each piece of news.
+  virtual bool wantsOnlyEnds() const { return false; }
+
   virtual void downloadDidStart(const std::shared_ptr<Download>& download) { (void)download; }
   virtual void downloadDidChangeState(const std::shared_ptr<Download>& download, DownloadState state) {
     (void)download, (void)state;

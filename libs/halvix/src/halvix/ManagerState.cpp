@@ -19,7 +19,13 @@ public:
   explicit SessionDispatcher(std::weak_ptr<ManagerState> state) : _state(std::move(state)) {}
 
   void dispatchDownloadStart(const std::shared_ptr<Download>& download) override {
-    post(download, [download](ManagerState&, DownloadDelegate& to) { to.downloadDidStart(download); });
+    if (!isFollowed(download))
+      return;
+    platform::MainQueue::shared().async([state = _state, download] {
+      if (const auto manager = state.lock())
+        for (const auto& listener : manager->listeners.audienceOf(*download, News::Other))
+          listener->downloadDidStart(download);
+    });
   }
 
   void dispatchDownloadError(const std::shared_ptr<Download>& download, const QVErrorRef& error) override {
@@ -30,8 +36,8 @@ public:
         return;
       // Stored before it is told: an application may end the process upon it.
       if (const auto owner = manager->ownerOf(*download))
-        owner->storeItems();
-      for (const auto& listener : manager->listeners.audienceOf(*download))
+        owner->storeItemsFor(*download);
+      for (const auto& listener : manager->listeners.audienceOf(*download, News::End))
         listener->downloadDidFail(download, error);
     });
   }
@@ -45,11 +51,13 @@ public:
 
   void dispatchDownloadStateChanged(const std::shared_ptr<Download>& download,
                                     DownloadState change) override {
+    if (change != DownloadState::success && !isFollowed(download))
+      return;
     platform::MainQueue::shared().async([state = _state, download, change] {
       const auto manager = state.lock();
       if (!manager)
         return;
-      for (const auto& listener : manager->listeners.audienceOf(*download))
+      for (const auto& listener : manager->listeners.audienceOf(*download, News::Other))
         listener->downloadDidChangeState(download, change);
       if (change == DownloadState::success)
         tellFinished(*manager, download);
@@ -57,7 +65,7 @@ public:
   }
 
   void dispatchDownloadProgress(const std::shared_ptr<Download>& download) override {
-    if (!download->claimProgressEvent())
+    if (!isFollowed(download) || !download->claimProgressEvent())
       return;
     platform::MainQueue::shared().async([state = _state, download] {
       // Before the listeners look, so that what changes afterwards gets an event of its own.
@@ -65,18 +73,18 @@ public:
       const auto manager = state.lock();
       if (!manager)
         return;
-      for (const auto& listener : manager->listeners.audienceOf(*download))
+      for (const auto& listener : manager->listeners.audienceOf(*download, News::Other))
         listener->downloadDidUpdateProgress(download);
     });
   }
 
 private:
-  template <class Event> void post(const std::shared_ptr<Download>& download, Event event) {
-    platform::MainQueue::shared().async([state = _state, download, event] {
-      if (const auto manager = state.lock())
-        for (const auto& listener : manager->listeners.audienceOf(*download))
-          event(*manager, *listener);
-    });
+  using News = ListenerList::News;
+
+  /// Whether anybody wants to hear of more than the end; if not, the main queue is left alone.
+  bool isFollowed(const std::shared_ptr<Download>& download) const {
+    const auto manager = _state.lock();
+    return manager && manager->listeners.hasAudience(*download, News::Other);
   }
 
   static void tellFinished(ManagerState& manager, const std::shared_ptr<Download>& download) {
@@ -84,8 +92,8 @@ private:
       return;
     // Finishing is what applications end upon, so the record is stored by then.
     if (const auto owner = manager.ownerOf(*download))
-      owner->storeItems();
-    for (const auto& listener : manager.listeners.audienceOf(*download))
+      owner->storeItemsFor(*download);
+    for (const auto& listener : manager.listeners.audienceOf(*download, News::End))
       listener->downloadDidFinish(download);
   }
 
@@ -99,29 +107,46 @@ bool sameOwner(const std::weak_ptr<DownloadDelegate>& a, const std::weak_ptr<Dow
 } // namespace
 
 void ListenerList::add(const std::weak_ptr<DownloadDelegate>& listener) {
+  const auto alive = listener.lock();
+  if (!alive)
+    return;
+  const bool onlyEnds = alive->wantsOnlyEnds();
   std::lock_guard lock(_mutex);
   if (std::none_of(_listeners.begin(), _listeners.end(),
-                   [&](const auto& held) { return sameOwner(held, listener); }))
-    _listeners.push_back(listener);
+                   [&](const Held& held) { return sameOwner(held.listener, listener); }))
+    _listeners.push_back({listener, onlyEnds});
 }
 
 void ListenerList::remove(const std::shared_ptr<DownloadDelegate>& listener) {
   std::lock_guard lock(_mutex);
-  std::erase_if(_listeners, [&](const auto& held) { return sameOwner(held, listener) || held.expired(); });
+  std::erase_if(_listeners, [&](const Held& held) {
+    return sameOwner(held.listener, listener) || held.listener.expired();
+  });
 }
 
-std::vector<std::shared_ptr<DownloadDelegate>> ListenerList::audienceOf(const Download& download) {
+std::vector<std::shared_ptr<DownloadDelegate>> ListenerList::audienceOf(const Download& download, News news) {
   std::vector<std::shared_ptr<DownloadDelegate>> audience;
   {
     std::lock_guard lock(_mutex);
-    for (const auto& held : _listeners)
-      if (auto listener = held.lock())
-        audience.push_back(std::move(listener));
+    for (const Held& held : _listeners)
+      if (news == News::End || !held.wantsOnlyEnds)
+        if (auto listener = held.listener.lock())
+          audience.push_back(std::move(listener));
   }
   if (auto own = download.delegate().lock();
       own && std::find(audience.begin(), audience.end(), own) == audience.end())
     audience.push_back(std::move(own));
   return audience;
+}
+
+bool ListenerList::hasAudience(const Download& download, News news) {
+  {
+    std::lock_guard lock(_mutex);
+    for (const Held& held : _listeners)
+      if ((news == News::End || !held.wantsOnlyEnds) && !held.listener.expired())
+        return true;
+  }
+  return !download.delegate().expired();
 }
 
 std::shared_ptr<ManagerState> ManagerState::create(std::shared_ptr<HostEnvironment> environment) {

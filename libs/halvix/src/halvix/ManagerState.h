@@ -17,12 +17,18 @@ public:
   void add(const std::weak_ptr<DownloadDelegate>& listener);
   void remove(const std::shared_ptr<DownloadDelegate>& listener);
 
-  /// Those alive, and the download's own delegate once.
-  std::vector<std::shared_ptr<DownloadDelegate>> audienceOf(const Download& download);
+  enum class News { End, Other };
+  /// Those alive that want to hear of it, and the download's own delegate once.
+  std::vector<std::shared_ptr<DownloadDelegate>> audienceOf(const Download& download, News news);
+  bool hasAudience(const Download& download, News news);
 
 private:
+  struct Held {
+    std::weak_ptr<DownloadDelegate> listener;
+    bool wantsOnlyEnds;
+  };
   std::mutex _mutex;
-  std::vector<std::weak_ptr<DownloadDelegate>> _listeners;
+  std::vector<Held> _listeners;
 };
 
 /// Everything of a manager that work under way may still need when the manager itself is gone.
@@ -41,7 +47,8 @@ struct ManagerState {
   bool joinPreparation(const std::shared_ptr<Download>& download, DownloadManager::Completion completion);
   std::vector<DownloadManager::Completion> endPreparation(const std::shared_ptr<Download>& download);
 
-  QVErrorRef start(const std::shared_ptr<Download>& download, std::weak_ptr<DownloadDelegate> delegate);
+  std::vector<QVErrorRef> start(const std::vector<std::shared_ptr<Download>>& downloads,
+                                const std::weak_ptr<DownloadDelegate>& delegate);
   QVErrorRef remove(BaseDownloader& owner, const std::shared_ptr<Download>& download);
   /// Takes a provisional download off the list, with what preparing it wrote.
   void drop(BaseDownloader& owner, const std::shared_ptr<Download>& download);

@@ -9,8 +9,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <mutex>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
 
 namespace platform {
@@ -153,6 +156,13 @@ ErrorRef copyItem(const std::string& from, const std::string& to) {
   return error ? error : syncDirectory(to);
 }
 
+// What `mkdir` that failed with `code` means: a directory that is there already will do.
+ErrorRef existingDirectory(const std::string& path, int code) {
+  if (code == EEXIST && FileManager::directoryExistsAtPath(path))
+    return nullptr;
+  return failure("create directory", path, code);
+}
+
 std::int64_t sizeBelow(int parent, const char* name) {
   const int descriptor = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
   if (descriptor < 0)
@@ -247,10 +257,11 @@ ErrorRef FileManager::createDirectoryAtPath(const std::string& path, bool withIn
   }
   if (result == 0)
     return syncDirectory(parentOf(path)); // else a file synced in it could still vanish with it
-  const int code = errno;
-  if (code == EEXIST && directoryExistsAtPath(path))
-    return nullptr;
-  return failure("create directory", path, code);
+  return existingDirectory(path, errno);
+}
+
+ErrorRef FileManager::createDirectoryAtPathUnsynced(const std::string& path) {
+  return ::mkdir(path.c_str(), directoryMode) == 0 ? nullptr : existingDirectory(path, errno);
 }
 
 ErrorRef FileManager::removeItemAtPath(const std::string& path) {
@@ -268,6 +279,32 @@ ErrorRef FileManager::moveItemAtPath(const std::string& from, const std::string&
 
 ErrorRef FileManager::syncDirectoryAtPath(const std::string& path) {
   return syncDirectory(path);
+}
+
+ErrorRef FileManager::syncDirectoriesAtPaths(const std::vector<std::string>& paths) {
+  // Syncs that run together share the flushes of the disk; one after the other, each would wait for its own.
+  constexpr std::size_t most = 8;
+  std::atomic<std::size_t> next{0};
+  std::mutex mutex;
+  ErrorRef first;
+  const auto work = [&] {
+    for (std::size_t i; (i = next++) < paths.size();)
+      if (auto error = syncDirectory(paths[i]); error && error->code() != ENOENT) {
+        std::lock_guard lock(mutex);
+        if (!first)
+          first = std::move(error);
+      }
+  };
+  std::vector<std::jthread> others;
+  try {
+    while (others.size() + 1 < std::min(most, (paths.size() + 1) / 2))
+      others.emplace_back(work);
+  } catch (const std::system_error&) {
+    // Fewer will do.
+  }
+  work();
+  others.clear();
+  return first;
 }
 
 ErrorRef FileManager::moveItemAtPathUnsynced(const std::string& from, const std::string& to) {

@@ -44,6 +44,9 @@ public:
   /// Succeeds when the directory is already there. With `withIntermediateDirectories` missing parents are
   /// made too.
   static ErrorRef createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories);
+  /// The same, without parents, for who makes many: on stable storage only after `syncDirectoryAtPath` for
+  /// the parent.
+  static ErrorRef createDirectoryAtPathUnsynced(const std::string& path);
 
   /// Removes a file, or a directory with everything below it (links are not followed). Fails when nothing is
   /// there.
@@ -58,6 +61,9 @@ public:
   /// of `syncDirectoryAtPath` for that directory.
   static ErrorRef moveItemAtPathUnsynced(const std::string& from, const std::string& to);
   static ErrorRef syncDirectoryAtPath(const std::string& path);
+  /// Several at the same time, which costs little more than one. The first error; a directory that is gone
+  /// is none.
+  static ErrorRef syncDirectoriesAtPaths(const std::vector<std::string>& paths);
 
   static std::optional<Data> contentsAtPath(const std::string& path, ErrorRef* error = nullptr);
 
