@@ -158,9 +158,9 @@ public:
     for (; _next < _entries.size() && _running + due.size() < _room; ++_next)
       if (_entries[_next].result == RunResult::Pending)
         due.push_back(_next);
-    std::vector<DownloadRef> downloads;
-    for (std::size_t position : due)
-      downloads.push_back(_entries[position].download);
+    std::vector<DownloadRef> downloads(due.size());
+    std::transform(due.begin(), due.end(), downloads.begin(),
+                   [this](std::size_t position) { return _entries[position].download; });
     const auto errors = _host.manager().start(downloads);
     for (std::size_t i = 0; i < due.size(); ++i) {
       ++_running;
