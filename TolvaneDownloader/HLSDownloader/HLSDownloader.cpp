@@ -52,6 +52,19 @@ std::optional<std::int64_t> wantedBitrate(const Download& download) {
   return bitrate;
 }
 
+/// The session for the summary's request. The request itself is plain: what a protected server wants to see
+/// of every request is the session's matter.
+std::shared_ptr<platform::URLSession>
+summarySession(const std::shared_ptr<platform::TransferService>& service,
+               const platform::HTTPHeaders& headers) {
+  if (headers.empty())
+    return service ? service->sharedSession() : nullptr;
+  auto configuration = platform::URLSessionConfiguration::defaultSessionConfiguration();
+  configuration.HTTPAdditionalHeaders = headers;
+  configuration.service = service;
+  return platform::URLSession::sessionWithConfiguration(configuration, {}, nullptr);
+}
+
 std::string reasonOf(PlaylistDownloaderError status, const std::string& url) {
   return "the playlist " + halvix::urlForDisplay(url) +
          (status == PlaylistDownloaderError::downloadFailed
@@ -169,7 +182,7 @@ void HLSDownloader::describe(
                                   .build());
           completion(describeTracks(*asset, *playlist), playlist->keyIds, nullptr);
         },
-        service ? service->sharedSession() : nullptr);
+        summarySession(service, asset->headers()));
   });
 }
 

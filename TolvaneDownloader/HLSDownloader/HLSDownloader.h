@@ -42,8 +42,7 @@ public:
 
   using BaseDownloader::canDownload;
   bool canDownload(halvix::ContentType contentType) const override;
-  /// Refused when another download of the list holds the content URL. The summary of the playlist is fetched
-  /// without headers, the asset's own playlists with them.
+  /// Refused when another download of the list holds the content URL.
   void prepareDownload(const std::string& uuid, PrepareCompletion completion) override;
   halvix::QVErrorRef startDownload(const std::string& uuid,
                                    std::weak_ptr<halvix::DownloadDelegate> delegate) override;

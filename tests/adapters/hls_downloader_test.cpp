@@ -143,8 +143,8 @@ TEST_F(HLSAdapter, DescribesTheAssetInTheHostsTerms) {
   EXPECT_THAT(download->fairplayKeyURIs(), ElementsAre("skd://1"));
   const auto requests = server.requests("/master.m3u8");
   ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].header("X-All") + requests[0].header("X-Own"), "12");
-  EXPECT_EQ(requests[1].header("X-All"), "") << "the summary is fetched without headers";
+  for (const auto& request : requests)
+    EXPECT_EQ(request.header("X-All") + request.header("X-Own"), "12");
 
   EXPECT_EQ(sanitizeAssetTitle("Grüße, Welt: 7½"), "Grüße__Welt__7½");
   EXPECT_EQ(sanitizeAssetTitle(""), "");
