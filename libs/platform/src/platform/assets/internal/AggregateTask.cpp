@@ -182,6 +182,8 @@ void AggregateTask::prepare() {
 
 void AggregateTask::fill() {
   const auto session = _weakSession.lock();
+  if (session && !session->leftTransfers().areKnown())
+    return; // the session pumps when they are
   const auto most =
       static_cast<std::size_t>(std::max(session ? session->options().maximumTransfersPerPackage : 1, 1));
   reportLoaded();
@@ -220,9 +222,14 @@ void AggregateTask::start(std::size_t streamIndex, std::size_t index) {
     fail(resourceError(flight, "it has no address that can be fetched", "Check the playlist"));
     return;
   }
-  const std::string description = _package->path() + "/" + plan.directory() + "/" + hexOf(resource.identity);
-  flight.task = session->takeStray(description);
-  if (!flight.task) {
+  const auto description = LeftTransfers::description(_package->path(), plan.directory(), resource.identity);
+  if (const auto left = session->leftTransfers().take(description)) {
+    flight.task = left->task;
+    if (!left->body.empty()) {
+      placeLeft(std::move(flight), left->body);
+      return;
+    }
+  } else {
     auto request = requestWith(*url, _asset->headers());
     if (resource.bytes.length >= 0)
       request.setValueForHTTPHeaderField(
@@ -236,6 +243,20 @@ void AggregateTask::start(std::size_t streamIndex, std::size_t index) {
   session->attach(task, shared_from_this());
   _flights.emplace(task->taskIdentifier(), std::move(flight));
   task->resume();
+}
+
+// It ended before anybody asked for it.
+void AggregateTask::placeLeft(Flight flight, const std::string& body) {
+  const auto identifier = flight.task->taskIdentifier();
+  _flights.emplace(identifier, std::move(flight));
+  didFinish(identifier, body);
+  FileManager::removeItemAtPath(body); // one that was not taken
+  _work->async([self = shared_from_this(), identifier] { self->didComplete(identifier, nullptr); });
+}
+
+bool AggregateTask::keepBody(const std::string& file, const std::string& to) {
+  const std::lock_guard writing(_writing);
+  return _mayWrite && !FileManager::moveItemAtPathUnsynced(file, to);
 }
 
 void AggregateTask::checkHead(Flight& flight) {
@@ -384,6 +405,8 @@ void AggregateTask::end(const ErrorRef& error) {
   const auto session = _weakSession.lock();
   if (session && !error)
     postLoaded(true);
+  if (session)
+    session->leftTransfers().drop(_package ? _package->path() : _restoredPackage, error != nullptr);
   {
     const std::lock_guard writing(_writing);
     _package.reset();

@@ -48,6 +48,13 @@ ErrorRef DownloadSession::open(const URLSessionConfiguration& configuration) {
   if (auto error = FileManager::createDirectoryAtPath(_options.directory, true))
     return error;
   _identifier = configuration.identifier;
+  if (!_identifier.empty()) {
+    // Before the first event of a transfer that is there still.
+    AssetEnvironment environment;
+    environment.service = configuration.service;
+    _left.await();
+    restoreTasks(environment);
+  }
   ErrorRef error;
   _transfers = URLSession::sessionWithConfiguration(configuration, weak_from_this(), _work, &error);
   if (!_transfers)
@@ -55,11 +62,16 @@ ErrorRef DownloadSession::open(const URLSessionConfiguration& configuration) {
                  : makeError(
                        AVFoundationErrorDomain, AVErrorUnknown,
                        "There is no transfer service. Set the default service, or one in the configuration");
-  if (!_identifier.empty()) {
-    AssetEnvironment environment;
-    environment.service = configuration.service;
-    restoreTasks(environment);
-  }
+  if (!_identifier.empty())
+    _transfers->getTasksWithCompletionHandler(
+        [weak = weak_from_this()](const std::vector<DownloadTaskRef>& transfers) {
+          const auto self = weak.lock();
+          if (!self)
+            return;
+          self->_left.learn(transfers);
+          for (const auto& task : self->tasks())
+            task->pump();
+        });
   return nullptr;
 }
 
@@ -79,19 +91,11 @@ void DownloadSession::restoreTasks(const AssetEnvironment& environment) {
     auto task =
         std::make_shared<AggregateTask>(shared_from_this(), state->task, std::move(asset),
                                         std::vector<MediaSelection>(), state->title, nullptr, std::nullopt);
-    task->restoreWish(std::move(state->wish));
+    task->restore(std::move(state->wish), path);
+    _left.expect(path, task);
     _tasks.emplace(state->task, std::move(task));
     _nextTask = std::max(_nextTask, state->task + 1);
   }
-  _transfers->getTasksWithCompletionHandler(
-      [weak = weak_from_this()](const std::vector<DownloadTaskRef>& transfers) {
-        if (auto self = weak.lock())
-          for (const auto& transfer : transfers)
-            if (const auto description = transfer->taskDescription()) {
-              transfer->suspend(); // until its task is resumed
-              self->_strays.emplace(*description, transfer);
-            }
-      });
 }
 
 AggregateAssetDownloadTaskRef DownloadSession::aggregateAssetDownloadTaskWithURLAsset(
@@ -109,14 +113,8 @@ AggregateAssetDownloadTaskRef DownloadSession::aggregateAssetDownloadTaskWithURL
 void DownloadSession::getAllTasksWithCompletionHandler(
     std::function<void(std::vector<AggregateAssetDownloadTaskRef>)> completion) {
   _delegateQueue->async([self = shared_from_this(), completion = std::move(completion)] {
-    std::vector<AggregateAssetDownloadTaskRef> list;
-    {
-      const std::lock_guard lock(self->_mutex);
-      list.reserve(self->_tasks.size());
-      for (const auto& [identifier, task] : self->_tasks)
-        list.push_back(task);
-    }
-    completion(std::move(list));
+    const auto list = self->tasks();
+    completion({list.begin(), list.end()});
   });
 }
 
@@ -189,15 +187,21 @@ void DownloadSession::getResourcesOfURLAsset(
 }
 
 void DownloadSession::invalidateAndCancel() {
-  std::vector<std::shared_ptr<AggregateTask>> tasks;
   {
     const std::lock_guard lock(_mutex);
     _invalidated = true;
-    for (const auto& [identifier, task] : _tasks)
-      tasks.push_back(task);
   }
-  for (const auto& task : tasks)
+  for (const auto& task : tasks())
     task->cancel();
+}
+
+std::vector<std::shared_ptr<AggregateTask>> DownloadSession::tasks() const {
+  std::vector<std::shared_ptr<AggregateTask>> list;
+  const std::lock_guard lock(_mutex);
+  list.reserve(_tasks.size());
+  for (const auto& [identifier, task] : _tasks)
+    list.push_back(task);
+  return list;
 }
 
 bool DownloadSession::isInvalidated() const {
@@ -207,17 +211,6 @@ bool DownloadSession::isInvalidated() const {
 
 void DownloadSession::attach(const DownloadTaskRef& transfer, const std::shared_ptr<AggregateTask>& task) {
   _owners.emplace(transfer->taskIdentifier(), task);
-}
-
-DownloadTaskRef DownloadSession::takeStray(const std::string& description) {
-  if (_strays.empty())
-    return nullptr;
-  const auto found = _strays.find(description);
-  if (found == _strays.end())
-    return nullptr;
-  auto transfer = std::move(found->second);
-  _strays.erase(found);
-  return transfer;
 }
 
 void DownloadSession::tell(std::function<void(AssetDownloadDelegate&)> event) {
@@ -255,14 +248,18 @@ void DownloadSession::URLSessionDownloadTaskDidFinishDownloadingToURL(URLSession
                                                                       const std::string& location) {
   if (const auto owner = ownerOf(*task))
     owner->didFinish(task->taskIdentifier(), location);
+  else
+    _left.didFinish(task, location);
 }
 
 void DownloadSession::URLSessionTaskDidCompleteWithError(URLSession&,
                                                          const std::shared_ptr<URLSessionTask>& task,
                                                          const ErrorRef& error) {
   const auto found = _owners.find(task->taskIdentifier());
-  if (found == _owners.end())
+  if (found == _owners.end()) {
+    _left.didComplete(*task, error);
     return;
+  }
   const auto owner = std::move(found->second);
   _owners.erase(found);
   owner->didComplete(task->taskIdentifier(), error);
