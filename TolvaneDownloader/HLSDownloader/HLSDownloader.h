@@ -99,7 +99,8 @@ private:
   std::shared_ptr<platform::AssetDownloadURLSession> _session; ///< set once, before anything else runs
   platform::ErrorRef _sessionError;
 
-  std::chrono::steady_clock::time_point _progressStored; ///< on the main queue only
+  /// When a task's progress was stored; on the main queue only.
+  std::map<std::uint64_t, std::chrono::steady_clock::time_point> _progressStored;
 
   mutable std::mutex _mapMutex;
   std::map<std::string, AssetRef> downloadIdToAssetMap;

@@ -177,6 +177,35 @@ TEST_F(HLSAdapter, DownloadsWhatIsChosenAndReportsIt) {
   EXPECT_THAT(log.copy(), Contains(testing::StartsWith("An error occured deleting the file: ")));
 }
 
+TEST_F(HLSAdapter, EachDownloadHasItsOwnLimitAndItsProgressStored) {
+  support::Fault stall;
+  stall.stallAfter = 0;
+  stall.gate = support::makeGate();
+  const auto hi = create("/hi.m3u8"), lo = create("/lo.m3u8");
+  for (const auto& download : {hi, lo}) {
+    ASSERT_FALSE(prepare(*download));
+    download->setMaximumConcurrentTransfers(1);
+  }
+  for (const char* path : {"/hi-1.ts", "/lo-1.ts"})
+    server.once(path, stall);
+  for (const auto& download : {hi, lo})
+    ASSERT_FALSE(hls->startDownload(download->uuid(), {}));
+  ASSERT_TRUE(stall.gate->waitUntilReached(2));
+  EXPECT_LE(server.peakRequests(), 2u);
+  for (const auto& download : {hi, lo})
+    ASSERT_TRUE(log.waitUntil([&](const auto& lines) {
+      return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.starts_with(":: uuid " + download->uuid() + " progress 50");
+      });
+    }));
+  platform::MainQueue::shared().sync([] {});
+  for (const auto& record : environment->store()->load("HLSDownloader", nullptr))
+    EXPECT_DOUBLE_EQ(record.downloadedContentDuration, 4) << record.uuid;
+  stall.gate->open();
+  ASSERT_TRUE(dispatcher->recorded().waitUntil(
+      [](const auto& events) { return std::count(events.begin(), events.end(), "finished") == 2; }));
+}
+
 TEST_F(HLSAdapter, PausesResumesAndCancels) {
   support::Fault stall;
   stall.stallAfter = 100;

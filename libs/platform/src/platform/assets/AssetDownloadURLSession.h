@@ -22,6 +22,10 @@ class Queue;
 inline constexpr const char* AVAssetDownloadTaskMinimumRequiredMediaBitrateKey =
     "AVAssetDownloadTaskMinimumRequiredMediaBitrateKey";
 
+/// Key of a task's options: most transfers at once (`int`, at least 1), instead of the session's
+/// `maximumTransfersPerPackage`.
+inline constexpr const char* AssetDownloadTaskMaximumTransfersKey = "AssetDownloadTaskMaximumTransfersKey";
+
 /// A stretch of an asset's time line, in seconds.
 struct TimeRange {
   double start = 0;

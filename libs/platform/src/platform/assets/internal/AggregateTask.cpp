@@ -16,10 +16,10 @@ constexpr const char* goOnAdvice = "What was fetched is kept; start the download
 
 AggregateTask::AggregateTask(std::shared_ptr<DownloadSession> session, std::uint64_t identifier,
                              std::shared_ptr<HLSAsset> asset, std::vector<MediaSelection> selections,
-                             std::string title, DataRef artwork, std::optional<std::int64_t> minimumBitrate)
+                             std::string title, DataRef artwork, TaskOptions options)
     : _identifier(identifier), _asset(asset), _assetFace(std::move(asset)),
       _selections(std::move(selections)), _title(std::move(title)), _artwork(std::move(artwork)),
-      _minimumBitrate(minimumBitrate), _work(session->work()), _weakSession(session) {}
+      _options(options), _work(session->work()), _weakSession(session) {}
 
 // ---- Commands
 
@@ -131,7 +131,7 @@ void AggregateTask::assetLoaded() {
     _asset->statusOfValueForKey("tracks", &error);
     fail(error ? error : cancelledError(_asset->url().absoluteString()));
   } else {
-    auto wish = _restoredWish ? *_restoredWish : model->wish(_selections, _minimumBitrate);
+    auto wish = _restoredWish ? *_restoredWish : model->wish(_selections, _options.minimumBitrate);
     if (auto error = Streams::choose(model, std::move(wish), _streams))
       fail(std::move(error));
     else
@@ -184,8 +184,9 @@ void AggregateTask::fill() {
   const auto session = _weakSession.lock();
   if (session && !session->leftTransfers().areKnown())
     return; // the session pumps when they are
-  const auto most =
-      static_cast<std::size_t>(std::max(session ? session->options().maximumTransfersPerPackage : 1, 1));
+  const int wanted =
+      _options.maximumTransfers.value_or(session ? session->options().maximumTransfersPerPackage : 1);
+  const auto most = static_cast<std::size_t>(std::max(wanted, 1));
   reportLoaded();
   while (!_failure && _flights.size() < most) {
     // What is played first is fetched first, over all streams.

@@ -40,6 +40,12 @@ struct Streams {
   ErrorRef plan();
 };
 
+/// What the options of a task say; nothing for what they do not.
+struct TaskOptions {
+  std::optional<std::int64_t> minimumBitrate;
+  std::optional<int> maximumTransfers;
+};
+
 /// A task. Its engine is level-triggered: commands change what is wanted, and `pump`, on the session's work
 /// queue, acts on the difference. What is not marked otherwise belongs to that queue.
 class AggregateTask final : public AggregateAssetDownloadTask,
@@ -47,7 +53,7 @@ class AggregateTask final : public AggregateAssetDownloadTask,
 public:
   AggregateTask(std::shared_ptr<DownloadSession> session, std::uint64_t identifier,
                 std::shared_ptr<HLSAsset> asset, std::vector<MediaSelection> selections, std::string title,
-                DataRef artwork, std::optional<std::int64_t> minimumBitrate);
+                DataRef artwork, TaskOptions options);
 
   // From any thread.
   std::uint64_t taskIdentifier() const override { return _identifier; }
@@ -119,7 +125,7 @@ private:
   const std::vector<MediaSelection> _selections;
   const std::string _title;
   const DataRef _artwork;
-  const std::optional<std::int64_t> _minimumBitrate;
+  const TaskOptions _options;
   std::optional<Wish> _restoredWish;
   std::string _restoredPackage;
   const std::shared_ptr<SerialQueue> _work;

@@ -24,8 +24,9 @@ namespace assets {
 
 namespace {
 
-std::optional<std::int64_t> minimumBitrateOf(const UserInfo& options) {
-  const auto found = options.find(AVAssetDownloadTaskMinimumRequiredMediaBitrateKey);
+/// A number of a task's options, of either type that a caller may have put it in.
+std::optional<std::int64_t> numberOf(const UserInfo& options, const char* key) {
+  const auto found = options.find(key);
   if (found == options.end())
     return std::nullopt;
   if (const auto* wide = std::any_cast<std::int64_t>(&found->second))
@@ -33,6 +34,14 @@ std::optional<std::int64_t> minimumBitrateOf(const UserInfo& options) {
   if (const auto* narrow = std::any_cast<int>(&found->second))
     return *narrow;
   return std::nullopt;
+}
+
+TaskOptions readOptions(const UserInfo& options) {
+  TaskOptions read;
+  read.minimumBitrate = numberOf(options, AVAssetDownloadTaskMinimumRequiredMediaBitrateKey);
+  if (const auto most = numberOf(options, AssetDownloadTaskMaximumTransfersKey))
+    read.maximumTransfers = static_cast<int>(std::clamp<std::int64_t>(*most, 1, 1024));
+  return read;
 }
 
 } // namespace
@@ -90,7 +99,7 @@ void DownloadSession::restoreTasks(const AssetEnvironment& environment) {
     auto asset = std::make_shared<HLSAsset>(*url, HTTPHeaders(), environment);
     auto task =
         std::make_shared<AggregateTask>(shared_from_this(), state->task, std::move(asset),
-                                        std::vector<MediaSelection>(), state->title, nullptr, std::nullopt);
+                                        std::vector<MediaSelection>(), state->title, nullptr, TaskOptions());
     task->restore(std::move(state->wish), path);
     _left.expect(path, task);
     _tasks.emplace(state->task, std::move(task));
@@ -105,7 +114,7 @@ AggregateAssetDownloadTaskRef DownloadSession::aggregateAssetDownloadTaskWithURL
   const std::uint64_t identifier = _nextTask++;
   auto task = std::make_shared<AggregateTask>(
       shared_from_this(), identifier, std::static_pointer_cast<HLSAsset>(std::move(asset)),
-      std::move(mediaSelections), std::move(assetTitle), std::move(artworkData), minimumBitrateOf(options));
+      std::move(mediaSelections), std::move(assetTitle), std::move(artworkData), readOptions(options));
   _tasks.emplace(identifier, task);
   return task;
 }
@@ -158,7 +167,7 @@ void DownloadSession::getResourcesOfURLAsset(
   auto listing = std::make_shared<Listing>();
   listing->asset = std::static_pointer_cast<HLSAsset>(std::move(asset));
   listing->selections = std::move(mediaSelections);
-  listing->minimumBitrate = minimumBitrateOf(options);
+  listing->minimumBitrate = readOptions(options).minimumBitrate;
   listing->completion = std::move(completion);
   listing->asset->loadValuesAsynchronouslyForKeys({"tracks"}, [self = shared_from_this(), listing] {
     self->_work->async([self, listing] {
