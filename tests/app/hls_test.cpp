@@ -270,6 +270,9 @@ TEST_F(HLS, BadInputGetsOneClearErrorAndLeavesNothing) {
     }
     EXPECT_THAT(filesBelow(library() + "/HLSDownloader"), IsEmpty()) << row.path;
   }
+  const std::string unnamed = directory / "playlist";
+  writeFile(unnamed, head + segment + end);
+  EXPECT_EQ(runProgram({"inspect", unnamed}).status, 0) << "known by how it begins";
   const ProgramResult local = runProgram({"inspect", directory / "missing.m3u8"});
   EXPECT_EQ(local.status, 1);
   EXPECT_THAT(local.err, HasSubstr("missing.m3u8"));

@@ -156,6 +156,17 @@ TEST(AssetPlaylist, WhatWouldLeadToWrongBytesIsRefusedWithItsLine) {
   EXPECT_THAT(problem(doubling), HasSubstr("variables make it too long"));
 }
 
+TEST(AssetPlaylist, WhatDoesNoHarmIsPassedOver) {
+  const auto playlist =
+      read("#EXTM3U\n#EXT-X-VERSION:x\n#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"s\",NAME=\"S\"\n"
+           "#EXT-X-STREAM-INF:BANDWIDTH=7AVERAGE-BANDWIDTH=5,SUBTITLES=\"s\"\na\nof nothing\n");
+  ASSERT_EQ(playlist->error(), "");
+  ASSERT_THAT(playlist->master().variants, SizeIs(1));
+  EXPECT_EQ(playlist->master().variants[0].bandwidth, 7);
+  EXPECT_THAT(playlist->master().renditions, SizeIs(0));
+  EXPECT_EQ(playlist->version(), 1);
+}
+
 TEST(AssetPlaylist, WhatCannotBeDownloadedIsRefusedBeforeAnythingIsPlanned) {
   EXPECT_THAT(refusal("#EXTM3U\n#EXTINF:1,\na.ts\n")->localizedDescription(), HasSubstr("live stream"));
   EXPECT_THAT(refusal("#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXT-X-ENDLIST\n")->localizedDescription(),
