@@ -52,6 +52,19 @@ std::optional<std::int64_t> wantedBitrate(const Download& download) {
   return bitrate;
 }
 
+/// The session for the summary's request. The request itself is plain: what a protected server wants to see
+/// of every request is the session's matter.
+std::shared_ptr<platform::URLSession>
+summarySession(const std::shared_ptr<platform::TransferService>& service,
+               const platform::HTTPHeaders& headers) {
+  if (headers.empty())
+    return service ? service->sharedSession() : nullptr;
+  auto configuration = platform::URLSessionConfiguration::defaultSessionConfiguration();
+  configuration.HTTPAdditionalHeaders = headers;
+  configuration.service = service;
+  return platform::URLSession::sessionWithConfiguration(configuration, {}, nullptr);
+}
+
 std::string reasonOf(PlaylistDownloaderError status, const std::string& url) {
   return "the playlist " + halvix::urlForDisplay(url) +
          (status == PlaylistDownloaderError::downloadFailed
@@ -169,7 +182,7 @@ void HLSDownloader::describe(
                                   .build());
           completion(describeTracks(*asset, *playlist), playlist->keyIds, nullptr);
         },
-        service ? service->sharedSession() : nullptr);
+        summarySession(service, asset->headers()));
   });
 }
 
@@ -223,6 +236,8 @@ HLSDownloader::TaskRef HLSDownloader::createAssetDownloadTask(Download& download
   platform::UserInfo options;
   if (const auto bitrate = wantedBitrate(download))
     options[platform::AVAssetDownloadTaskMinimumRequiredMediaBitrateKey] = *bitrate;
+  if (download.hasMaximumConcurrentTransfers())
+    options[platform::AssetDownloadTaskMaximumTransfersKey] = download.maximumConcurrentTransfers();
   return _session->aggregateAssetDownloadTaskWithURLAsset(
       asset, mapSelectedTracksToMediaSelections(download, *asset), sanitizeAssetTitle(download.title()),
       nullptr, options);
@@ -387,8 +402,10 @@ void HLSDownloader::URLSessionAggregateAssetDownloadTaskDidLoad(
   if (task->state() != platform::URLSessionTaskState::Suspended)
     download->setState(DownloadState::running);
   // A killed process should leave its progress behind, but not at the price of a write for each event.
-  if (const auto now = std::chrono::steady_clock::now(); now - _progressStored >= std::chrono::seconds(1)) {
-    _progressStored = now;
+  const auto now = std::chrono::steady_clock::now();
+  const auto [stored, isFirst] = _progressStored.emplace(task->taskIdentifier(), now);
+  if (isFirst || now - stored->second >= std::chrono::seconds(1)) {
+    stored->second = now;
     download->markChanged();
   }
   storeItems();
@@ -399,6 +416,7 @@ void HLSDownloader::URLSessionTaskDidCompleteWithError(platform::AssetDownloadUR
   const auto download = findDownloadOfTask(task);
   const bool cancelled = takeCancelMark(task);
   forgetTask(task);
+  _progressStored.erase(task->taskIdentifier());
   if (!download) {
     halvix::log_e(logTag, ":: task " + std::to_string(task->taskIdentifier()) + " ended without a download");
     return sweepRemovedPackage(task);

@@ -42,8 +42,7 @@ public:
 
   using BaseDownloader::canDownload;
   bool canDownload(halvix::ContentType contentType) const override;
-  /// Refused when another download of the list holds the content URL. The summary of the playlist is fetched
-  /// without headers, the asset's own playlists with them.
+  /// Refused when another download of the list holds the content URL.
   void prepareDownload(const std::string& uuid, PrepareCompletion completion) override;
   halvix::QVErrorRef startDownload(const std::string& uuid,
                                    std::weak_ptr<halvix::DownloadDelegate> delegate) override;
@@ -100,7 +99,8 @@ private:
   std::shared_ptr<platform::AssetDownloadURLSession> _session; ///< set once, before anything else runs
   platform::ErrorRef _sessionError;
 
-  std::chrono::steady_clock::time_point _progressStored; ///< on the main queue only
+  /// When a task's progress was stored; on the main queue only.
+  std::map<std::uint64_t, std::chrono::steady_clock::time_point> _progressStored;
 
   mutable std::mutex _mapMutex;
   std::map<std::string, AssetRef> downloadIdToAssetMap;

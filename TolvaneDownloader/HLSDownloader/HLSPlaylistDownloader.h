@@ -47,8 +47,8 @@ public:
       std::function<void(std::shared_ptr<const HLSPlaylist> playlist, PlaylistDownloaderError status)>;
 
   /// Returns at once. Fetching and parsing run as one piece on the main queue, which waits for the network
-  /// meanwhile. A file URL is read from the disk; anything else is requested without headers of its own from
-  /// `session`, null standing for the shared one.
+  /// meanwhile. A file URL is read from the disk; anything else is requested from `session`, null
+  /// standing for the shared one; the request has no headers besides the session's.
   static void getPlaylist(const platform::URL& url, Completion completion,
                           std::shared_ptr<platform::URLSession> session = nullptr);
 

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <nlohmann/json.hpp>
 
@@ -84,8 +85,11 @@ bool isHLSSource(const std::string& source, const platform::HTTPHeaders& headers
   if (const auto known = halvix::contentTypeFromURL(source))
     return *known == halvix::ContentType::hls;
   const auto url = platform::URL::URLWithString(source);
-  if (!url || !url->isHTTP())
-    return false;
+  if (!url || !url->isHTTP()) {
+    std::ifstream file(source, std::ios::binary);
+    std::string head(7, '\0');
+    return file.read(head.data(), 7) && head == "#EXTM3U";
+  }
   ScratchHost scratch;
   std::promise<std::optional<halvix::ContentType>> answer;
   // What cannot be told is left to the manifest reader, which says more about it.

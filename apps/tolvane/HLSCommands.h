@@ -12,7 +12,8 @@ namespace tolvane {
 
 // What the commands do for HLS content, whose downloads are packages of the asset-download service.
 
-/// Whether the source is an HLS playlist: by its name, or, where that tells nothing, by what the server says.
+/// Whether the source is an HLS playlist: by its name, or, where that tells nothing, by what the server says
+/// or how the file begins.
 /// Throws Failure when the server cannot be asked.
 bool isHLSSource(const std::string& source, const platform::HTTPHeaders& headers);
 

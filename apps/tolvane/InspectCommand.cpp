@@ -1,5 +1,6 @@
 #include "apps/tolvane/Commands.h"
 #include "apps/tolvane/FileCommands.h"
+#include "apps/tolvane/HLSCommands.h"
 #include "apps/tolvane/Host.h"
 #include "apps/tolvane/PresentationJSON.h"
 #include "apps/tolvane/Text.h"
@@ -121,6 +122,8 @@ int inspectCommand(const std::string& source, const platform::HTTPHeaders& heade
       return inspectFile(source, headers, type, asJSON);
   } else if (auto known = halvix::contentTypeFromURL(source))
     type = *known;
+  else if (isHLSSource(source, headers))
+    type = halvix::ContentType::hls;
 
   halvix::QVErrorRef error;
   auto downloader = scratch.host().manager().downloaderForContentType(type, &error);

@@ -76,8 +76,10 @@ int run(int argc, char** argv) {
   };
   auto running = [&](CLI::App* command) {
     command
-        ->add_option("--jobs", arguments.jobs,
-                     "most transfers at once: of files, and of each quality of a presentation (default 4)")
+        ->add_option(
+            "--jobs", arguments.jobs,
+            "most transfers at once: of files and of each quality of a presentation (default 4), and of "
+            "an HLS package (default 8)")
         ->check(CLI::Range(1, 64));
     command->add_option("--progress", arguments.progress, "auto, bar, plain, json or none");
   };

@@ -143,8 +143,8 @@ TEST_F(HLSAdapter, DescribesTheAssetInTheHostsTerms) {
   EXPECT_THAT(download->fairplayKeyURIs(), ElementsAre("skd://1"));
   const auto requests = server.requests("/master.m3u8");
   ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].header("X-All") + requests[0].header("X-Own"), "12");
-  EXPECT_EQ(requests[1].header("X-All"), "") << "the summary is fetched without headers";
+  for (const auto& request : requests)
+    EXPECT_EQ(request.header("X-All") + request.header("X-Own"), "12");
 
   EXPECT_EQ(sanitizeAssetTitle("Grüße, Welt: 7½"), "Grüße__Welt__7½");
   EXPECT_EQ(sanitizeAssetTitle(""), "");
@@ -175,6 +175,35 @@ TEST_F(HLSAdapter, DownloadsWhatIsChosenAndReportsIt) {
   EXPECT_THAT(log.copy(), Contains(":: uuid " + download->uuid() + " removed."));
   EXPECT_EQ(hls->removeDownload(download->uuid())->type(), ErrorType::storage_error_while_removing_file);
   EXPECT_THAT(log.copy(), Contains(testing::StartsWith("An error occured deleting the file: ")));
+}
+
+TEST_F(HLSAdapter, EachDownloadHasItsOwnLimitAndItsProgressStored) {
+  support::Fault stall;
+  stall.stallAfter = 0;
+  stall.gate = support::makeGate();
+  const auto hi = create("/hi.m3u8"), lo = create("/lo.m3u8");
+  for (const auto& download : {hi, lo}) {
+    ASSERT_FALSE(prepare(*download));
+    download->setMaximumConcurrentTransfers(1);
+  }
+  for (const char* path : {"/hi-1.ts", "/lo-1.ts"})
+    server.once(path, stall);
+  for (const auto& download : {hi, lo})
+    ASSERT_FALSE(hls->startDownload(download->uuid(), {}));
+  ASSERT_TRUE(stall.gate->waitUntilReached(2));
+  EXPECT_LE(server.peakRequests(), 2u);
+  for (const auto& download : {hi, lo})
+    ASSERT_TRUE(log.waitUntil([&](const auto& lines) {
+      return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.starts_with(":: uuid " + download->uuid() + " progress 50");
+      });
+    }));
+  platform::MainQueue::shared().sync([] {});
+  for (const auto& record : environment->store()->load("HLSDownloader", nullptr))
+    EXPECT_DOUBLE_EQ(record.downloadedContentDuration, 4) << record.uuid;
+  stall.gate->open();
+  ASSERT_TRUE(dispatcher->recorded().waitUntil(
+      [](const auto& events) { return std::count(events.begin(), events.end(), "finished") == 2; }));
 }
 
 TEST_F(HLSAdapter, PausesResumesAndCancels) {

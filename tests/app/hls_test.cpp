@@ -203,6 +203,26 @@ TEST_F(HLS, AMediaPlaylistGivenDirectly) {
   EXPECT_EQ(run({"verify", idOf()[0]}).status, 0);
 }
 
+TEST_F(HLS, AProtectedOriginSeesTheHeadersOnEveryRequest) {
+  const auto protect = [this](const std::string& path, const std::string& content) {
+    server.handle(path, [content](const ServerRequest& request, ServerConnection& connection) {
+      const bool known = request.header("Authorization") == "Bearer t";
+      FaultServer::reply(known ? 200 : 403, {}, known ? content : "")(request, connection);
+    });
+  };
+  protect("/m.m3u8", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1000,RESOLUTION=32x18\nv.m3u8\n");
+  protect("/v.m3u8", "#EXTM3U\n#EXT-X-TARGETDURATION:4\n#EXTINF:4,\na.ts\n#EXT-X-ENDLIST\n");
+  protect("/a.ts", "aaaa");
+  const std::string url = server.url("/m.m3u8"), header = "Authorization: Bearer t";
+  EXPECT_EQ(runProgram({"inspect", url}).status, 1);
+  for (const char* command : {"inspect", "resources"}) {
+    const ProgramResult result = runProgram({command, url, "--header", header});
+    EXPECT_EQ(result.status, 0) << command << result.err;
+  }
+  const ProgramResult result = run({"download", url, "--header", header, "--progress", "none"});
+  EXPECT_EQ(result.status, 0) << result.err;
+}
+
 TEST_F(HLS, AnInterruptedDownloadIsPaused) {
   server.serve("/m.m3u8", {"#EXTM3U\n#EXT-X-TARGETDURATION:4\n#EXTINF:4,\n/a.ts\n#EXT-X-ENDLIST\n", "", ""});
   Fault stall;
@@ -250,6 +270,9 @@ TEST_F(HLS, BadInputGetsOneClearErrorAndLeavesNothing) {
     }
     EXPECT_THAT(filesBelow(library() + "/HLSDownloader"), IsEmpty()) << row.path;
   }
+  const std::string unnamed = directory / "playlist";
+  writeFile(unnamed, head + segment + end);
+  EXPECT_EQ(runProgram({"inspect", unnamed}).status, 0) << "known by how it begins";
   const ProgramResult local = runProgram({"inspect", directory / "missing.m3u8"});
   EXPECT_EQ(local.status, 1);
   EXPECT_THAT(local.err, HasSubstr("missing.m3u8"));

@@ -156,6 +156,17 @@ TEST(AssetPlaylist, WhatWouldLeadToWrongBytesIsRefusedWithItsLine) {
   EXPECT_THAT(problem(doubling), HasSubstr("variables make it too long"));
 }
 
+TEST(AssetPlaylist, WhatDoesNoHarmIsPassedOver) {
+  const auto playlist =
+      read("#EXTM3U\n#EXT-X-VERSION:x\n#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"s\",NAME=\"S\"\n"
+           "#EXT-X-STREAM-INF:BANDWIDTH=7AVERAGE-BANDWIDTH=5,SUBTITLES=\"s\"\na\nof nothing\n");
+  ASSERT_EQ(playlist->error(), "");
+  ASSERT_THAT(playlist->master().variants, SizeIs(1));
+  EXPECT_EQ(playlist->master().variants[0].bandwidth, 7);
+  EXPECT_THAT(playlist->master().renditions, SizeIs(0));
+  EXPECT_EQ(playlist->version(), 1);
+}
+
 TEST(AssetPlaylist, WhatCannotBeDownloadedIsRefusedBeforeAnythingIsPlanned) {
   EXPECT_THAT(refusal("#EXTM3U\n#EXTINF:1,\na.ts\n")->localizedDescription(), HasSubstr("live stream"));
   EXPECT_THAT(refusal("#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXT-X-ENDLIST\n")->localizedDescription(),
@@ -241,16 +252,35 @@ TEST(AssetSelection, TheUsersLanguageComesBeforeTheDefaultAndCaptionsOnlyWhenFor
 
 TEST(AssetSelection, TheLowestVariantAtOrAboveTheBitrateThatHasEverything) {
   const auto model = AssetModel::make(read(choices), {"en"});
-  const OptionKey english{AVMediaTypeAudio, "English", "en", false},
-      german{AVMediaTypeAudio, "Deutsch", "de", false}, music{AVMediaTypeAudio, "Music only", "", false};
+  const OptionKey english{AVMediaTypeAudio, "English", "en", false, ""},
+      german{AVMediaTypeAudio, "Deutsch", "de", false, ""},
+      music{AVMediaTypeAudio, "Music only", "", false, ""};
   EXPECT_EQ(variantFor(*model, {english}, std::nullopt), "hi.m3u8");
   EXPECT_EQ(variantFor(*model, {english}, 1), "lo.m3u8"); // one with a picture
   EXPECT_EQ(variantFor(*model, {english}, 500'001), "mid.m3u8");
   EXPECT_EQ(variantFor(*model, {english}, 5'000'000), "hi.m3u8");
   EXPECT_EQ(variantFor(*model, {german}, std::nullopt), "mid.m3u8"); // the highest that has it
   EXPECT_THAT(variantFor(*model, {german, music}, 1), HasSubstr("no variant offers"));
-  const OptionKey captions{AVMediaTypeClosedCaption, "CC1", "en", false};
+  const OptionKey captions{AVMediaTypeClosedCaption, "CC1", "en", false, ""};
   EXPECT_EQ(variantFor(*model, {english, captions}, 500'001), "mid.m3u8"); // in the picture, if at all
+
+  // What differs in nothing but its characteristics, in one of two groups; the other has one of them.
+  const std::string text = "#EXT-X-MEDIA:TYPE=SUBTITLES,NAME=\"T\",LANGUAGE=\"en\",", sdh = "public.sdh";
+  const auto same = AssetModel::make(read("#EXTM3U\n" + text + "GROUP-ID=\"a\",CHARACTERISTICS=\"" + sdh +
+                                          "\",URI=\"0\"\n" + text + "GROUP-ID=\"a\",URI=\"1\"\n" + text +
+                                          "GROUP-ID=\"b\",URI=\"2\"\n" +
+                                          "#EXT-X-STREAM-INF:BANDWIDTH=1,SUBTITLES=\"a\"\nlow\n" +
+                                          "#EXT-X-STREAM-INF:BANDWIDTH=2,SUBTITLES=\"b\"\nhigh\n"),
+                                     {"en"});
+  const auto& options = same->groups[2]->options();
+  ASSERT_THAT(options, SizeIs(2));
+  EXPECT_TRUE(options[0]->hasMediaCharacteristic(sdh));
+  const OptionKey plain{AVMediaTypeSubtitle, "T", "en", false, ""},
+      described{AVMediaTypeSubtitle, "T", "en", false, sdh};
+  EXPECT_EQ(variantFor(*same, {plain}, std::nullopt), "high");
+  EXPECT_EQ(variantFor(*same, {described}, std::nullopt), "low");
+  std::string why;
+  EXPECT_THAT(same->choose({{plain, described}, std::nullopt}, why)->renditions, ElementsAre(1, 0));
 
   // Sound that only a variant without a picture has apart; the others carry their own.
   const auto own = AssetModel::make(

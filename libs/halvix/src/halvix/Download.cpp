@@ -279,6 +279,11 @@ int Download::maximumConcurrentTransfers() const {
   return _record->maximumConcurrentTransfers.value_or(defaultConcurrentTransfers);
 }
 
+bool Download::hasMaximumConcurrentTransfers() const {
+  std::lock_guard lock(_mutex);
+  return _record->maximumConcurrentTransfers.has_value();
+}
+
 bool Download::refusesLive() const {
   std::lock_guard lock(_mutex);
   return _refusesLive;

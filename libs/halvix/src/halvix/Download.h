@@ -100,8 +100,10 @@ public:
   platform::HTTPHeaders headers() const;
   void setHeaders(platform::HTTPHeaders headers);
 
-  /// Most transfers at once for each rendition; 4 unless set.
+  /// Most transfers at once for each rendition; 4 unless set. For the package of an HLS download as a whole,
+  /// which has 8 unless set.
   int maximumConcurrentTransfers() const;
+  bool hasMaximumConcurrentTransfers() const; ///< whether it was set
   void setMaximumConcurrentTransfers(int count);
 
   /// Whether a presentation that is still going on is refused instead of taking what it lists at the moment;

@@ -22,6 +22,10 @@ class Queue;
 inline constexpr const char* AVAssetDownloadTaskMinimumRequiredMediaBitrateKey =
     "AVAssetDownloadTaskMinimumRequiredMediaBitrateKey";
 
+/// Key of a task's options: most transfers at once (`int`, at least 1), instead of the session's
+/// `maximumTransfersPerPackage`.
+inline constexpr const char* AssetDownloadTaskMaximumTransfersKey = "AssetDownloadTaskMaximumTransfersKey";
+
 /// A stretch of an asset's time line, in seconds.
 struct TimeRange {
   double start = 0;
@@ -127,7 +131,8 @@ public:
                                          DataRef artworkData = nullptr, const UserInfo& options = {}) = 0;
 
   /// The tasks that have not ended, those of an earlier process under the same identifier included, in order
-  /// of their identifiers; delivered once on the delegate queue.
+  /// of their identifiers; delivered once on the delegate queue. One of an earlier process is suspended; the
+  /// few transfers that it had under way go on by themselves, and are taken up when it is resumed.
   virtual void getAllTasksWithCompletionHandler(
       std::function<void(std::vector<AggregateAssetDownloadTaskRef>)> completion) = 0;
 

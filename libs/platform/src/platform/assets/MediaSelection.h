@@ -53,7 +53,8 @@ struct MetadataItem {
 
 /// One choice of a group: a language of the audio, a subtitle track. Immutable; thread-safe.
 ///
-/// A playlist may hold one choice in several qualities (rendition groups); it is one option here.
+/// A playlist may hold one choice in several qualities (rendition groups); it is one option here. Renditions
+/// of one group that differ in their characteristics are several.
 class MediaSelectionOption {
 public:
   /// The name of the option's language in the user's language when no other option of the group has that
@@ -74,7 +75,7 @@ public:
 
 private:
   friend struct assets::AssetModel;
-  std::string _displayName, _name, _mediaType;
+  std::string _displayName, _name, _mediaType, _distinction;
   std::optional<std::string> _language;
   std::vector<std::string> _characteristics;
   bool _default = false, _autoselect = false, _forced = false;

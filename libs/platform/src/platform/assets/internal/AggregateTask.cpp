@@ -16,10 +16,10 @@ constexpr const char* goOnAdvice = "What was fetched is kept; start the download
 
 AggregateTask::AggregateTask(std::shared_ptr<DownloadSession> session, std::uint64_t identifier,
                              std::shared_ptr<HLSAsset> asset, std::vector<MediaSelection> selections,
-                             std::string title, DataRef artwork, std::optional<std::int64_t> minimumBitrate)
+                             std::string title, DataRef artwork, TaskOptions options)
     : _identifier(identifier), _asset(asset), _assetFace(std::move(asset)),
       _selections(std::move(selections)), _title(std::move(title)), _artwork(std::move(artwork)),
-      _minimumBitrate(minimumBitrate), _work(session->work()), _weakSession(session) {}
+      _options(options), _work(session->work()), _weakSession(session) {}
 
 // ---- Commands
 
@@ -131,7 +131,7 @@ void AggregateTask::assetLoaded() {
     _asset->statusOfValueForKey("tracks", &error);
     fail(error ? error : cancelledError(_asset->url().absoluteString()));
   } else {
-    auto wish = _restoredWish ? *_restoredWish : model->wish(_selections, _minimumBitrate);
+    auto wish = _restoredWish ? *_restoredWish : model->wish(_selections, _options.minimumBitrate);
     if (auto error = Streams::choose(model, std::move(wish), _streams))
       fail(std::move(error));
     else
@@ -182,8 +182,11 @@ void AggregateTask::prepare() {
 
 void AggregateTask::fill() {
   const auto session = _weakSession.lock();
-  const auto most =
-      static_cast<std::size_t>(std::max(session ? session->options().maximumTransfersPerPackage : 1, 1));
+  if (session && !session->leftTransfers().areKnown())
+    return; // the session pumps when they are
+  const int wanted =
+      _options.maximumTransfers.value_or(session ? session->options().maximumTransfersPerPackage : 1);
+  const auto most = static_cast<std::size_t>(std::max(wanted, 1));
   reportLoaded();
   while (!_failure && _flights.size() < most) {
     // What is played first is fetched first, over all streams.
@@ -220,9 +223,14 @@ void AggregateTask::start(std::size_t streamIndex, std::size_t index) {
     fail(resourceError(flight, "it has no address that can be fetched", "Check the playlist"));
     return;
   }
-  const std::string description = _package->path() + "/" + plan.directory() + "/" + hexOf(resource.identity);
-  flight.task = session->takeStray(description);
-  if (!flight.task) {
+  const auto description = LeftTransfers::description(_package->path(), plan.directory(), resource.identity);
+  if (const auto left = session->leftTransfers().take(description)) {
+    flight.task = left->task;
+    if (!left->body.empty()) {
+      placeLeft(std::move(flight), left->body);
+      return;
+    }
+  } else {
     auto request = requestWith(*url, _asset->headers());
     if (resource.bytes.length >= 0)
       request.setValueForHTTPHeaderField(
@@ -236,6 +244,20 @@ void AggregateTask::start(std::size_t streamIndex, std::size_t index) {
   session->attach(task, shared_from_this());
   _flights.emplace(task->taskIdentifier(), std::move(flight));
   task->resume();
+}
+
+// It ended before anybody asked for it.
+void AggregateTask::placeLeft(Flight flight, const std::string& body) {
+  const auto identifier = flight.task->taskIdentifier();
+  _flights.emplace(identifier, std::move(flight));
+  didFinish(identifier, body);
+  FileManager::removeItemAtPath(body); // one that was not taken
+  _work->async([self = shared_from_this(), identifier] { self->didComplete(identifier, nullptr); });
+}
+
+bool AggregateTask::keepBody(const std::string& file, const std::string& to) {
+  const std::lock_guard writing(_writing);
+  return _mayWrite && !FileManager::moveItemAtPathUnsynced(file, to);
 }
 
 void AggregateTask::checkHead(Flight& flight) {
@@ -384,6 +406,8 @@ void AggregateTask::end(const ErrorRef& error) {
   const auto session = _weakSession.lock();
   if (session && !error)
     postLoaded(true);
+  if (session)
+    session->leftTransfers().drop(_package ? _package->path() : _restoredPackage, error != nullptr);
   {
     const std::lock_guard writing(_writing);
     _package.reset();

@@ -40,6 +40,12 @@ struct Streams {
   ErrorRef plan();
 };
 
+/// What the options of a task say; nothing for what they do not.
+struct TaskOptions {
+  std::optional<std::int64_t> minimumBitrate;
+  std::optional<int> maximumTransfers;
+};
+
 /// A task. Its engine is level-triggered: commands change what is wanted, and `pump`, on the session's work
 /// queue, acts on the difference. What is not marked otherwise belongs to that queue.
 class AggregateTask final : public AggregateAssetDownloadTask,
@@ -47,7 +53,7 @@ class AggregateTask final : public AggregateAssetDownloadTask,
 public:
   AggregateTask(std::shared_ptr<DownloadSession> session, std::uint64_t identifier,
                 std::shared_ptr<HLSAsset> asset, std::vector<MediaSelection> selections, std::string title,
-                DataRef artwork, std::optional<std::int64_t> minimumBitrate);
+                DataRef artwork, TaskOptions options);
 
   // From any thread.
   std::uint64_t taskIdentifier() const override { return _identifier; }
@@ -60,11 +66,17 @@ public:
   void resume() override;
   void suspend() override;
   void cancel() override;
-  /// Wants what a task of an earlier process wanted. Before anybody else knows the task.
-  void restoreWish(Wish wish) { _restoredWish = std::move(wish); }
+  /// Goes on with what a task of an earlier process wanted, in its package. Before anybody else knows the
+  /// task.
+  void restore(Wish wish, std::string package) {
+    _restoredWish = std::move(wish);
+    _restoredPackage = std::move(package);
+  }
 
   // From the session, on its work queue.
   void pump();
+  /// Moves the body of a transfer that ended before it was asked for; false when it is of no use.
+  bool keepBody(const std::string& file, const std::string& to);
   void didWrite(std::uint64_t transfer, std::int64_t total);
   void didFinish(std::uint64_t transfer, const std::string& file);
   void didComplete(std::uint64_t transfer, const ErrorRef& error);
@@ -88,6 +100,7 @@ private:
   ErrorRef openPackage();
   void fill();
   void start(std::size_t stream, std::size_t resource);
+  void placeLeft(Flight flight, const std::string& body);
   void checkHead(Flight& flight);
   ErrorRef checkBody(const Flight& flight, std::int64_t size) const;
   void fail(ErrorRef error);
@@ -112,8 +125,9 @@ private:
   const std::vector<MediaSelection> _selections;
   const std::string _title;
   const DataRef _artwork;
-  const std::optional<std::int64_t> _minimumBitrate;
+  const TaskOptions _options;
   std::optional<Wish> _restoredWish;
+  std::string _restoredPackage;
   const std::shared_ptr<SerialQueue> _work;
   const std::weak_ptr<DownloadSession> _weakSession;
 

@@ -32,14 +32,14 @@ Place placeOf(RenditionType type) {
   return type == RenditionType::Video ? Visual : type == RenditionType::Audio ? Audible : Legible;
 }
 
-OptionKey keyOf(const Rendition& rendition) {
+OptionKey withoutCharacteristics(const Rendition& rendition) {
   return {mediaTypeOf(rendition.type), std::string(rendition.name), std::string(rendition.language),
-          rendition.isForced};
+          rendition.isForced, ""};
 }
 
-OptionKey keyOf(const MediaSelectionOption& option) {
-  return {option.mediaType(), option.name(), option.extendedLanguageTag().value_or(""),
-          option.hasMediaCharacteristic(AVMediaCharacteristicContainsOnlyForcedSubtitles)};
+OptionKey withoutCharacteristics(OptionKey key) {
+  key.characteristics.clear();
+  return key;
 }
 
 std::string_view groupOf(const Variant& variant, const std::string& mediaType) {
@@ -86,10 +86,33 @@ std::shared_ptr<const AssetModel> AssetModel::make(PlaylistRef playlist,
   model->playlist = std::move(playlist);
   if (model->playlist->isMaster()) {
     const auto wanted = languages.empty() ? std::vector{Locale::current().identifier()} : languages;
+    model->findAmbiguous();
     model->makeGroups(wanted);
     model->prefer(wanted);
   }
   return model;
+}
+
+void AssetModel::findAmbiguous() {
+  std::map<std::pair<std::string_view, OptionKey>, std::string_view> first;
+  for (const auto& rendition : playlist->master().renditions) {
+    auto key = withoutCharacteristics(rendition);
+    const auto [known, added] = first.emplace(std::pair(rendition.group, key), rendition.characteristics);
+    if (!added && known->second != rendition.characteristics)
+      _ambiguous.insert(std::move(key));
+  }
+}
+
+OptionKey AssetModel::keyOf(const Rendition& rendition) const {
+  auto key = withoutCharacteristics(rendition);
+  if (_ambiguous.contains(key))
+    key.characteristics = rendition.characteristics;
+  return key;
+}
+
+OptionKey AssetModel::keyOf(const MediaSelectionOption& option) {
+  return {option.mediaType(), option.name(), option.extendedLanguageTag().value_or(""), option._forced,
+          option._distinction};
 }
 
 void AssetModel::makeGroups(const std::vector<std::string>& languages) {
@@ -97,9 +120,11 @@ void AssetModel::makeGroups(const std::vector<std::string>& languages) {
   std::array<std::map<std::string, int>, 3> languageCounts;
   std::set<OptionKey> seen;
   for (const auto& rendition : playlist->master().renditions) {
-    if (!seen.insert(keyOf(rendition)).second)
+    auto key = keyOf(rendition);
+    if (!seen.insert(key).second)
       continue;
     auto option = std::make_shared<MediaSelectionOption>();
+    option->_distinction = std::move(key.characteristics);
     option->_name = rendition.name;
     option->_mediaType = mediaTypeOf(rendition.type);
     if (!rendition.language.empty())
@@ -192,11 +217,17 @@ std::optional<Choice> AssetModel::choose(const Wish& wish, std::string& why) con
     const Rendition& rendition = master.renditions[i];
     renditions[{mediaTypeOf(rendition.type), rendition.group}].emplace(keyOf(rendition), i);
   }
+  // A wish that tells no characteristics is content with any when no rendition is without.
+  for (std::size_t i = 0; i < master.renditions.size(); ++i) {
+    const Rendition& rendition = master.renditions[i];
+    renditions[{mediaTypeOf(rendition.type), rendition.group}].emplace(withoutCharacteristics(rendition), i);
+  }
   const auto find = [&](const Variant& variant, const OptionKey& option) {
     const auto group = renditions.find({option.mediaType, groupOf(variant, option.mediaType)});
     if (group == renditions.end())
       return std::optional<std::size_t>();
-    const auto found = group->second.find(option);
+    const auto base = withoutCharacteristics(option);
+    const auto found = group->second.find(_ambiguous.contains(base) ? option : base);
     return found == group->second.end() ? std::optional<std::size_t>() : std::optional(found->second);
   };
 

@@ -6,6 +6,7 @@
 #include <array>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,8 @@ namespace platform::assets {
 struct OptionKey {
   std::string mediaType, name, language;
   bool forced = false;
+  std::string
+      characteristics; ///< as written, where renditions of one group differ in nothing else; else empty
   friend auto operator<=>(const OptionKey&, const OptionKey&) = default;
 };
 
@@ -52,8 +55,13 @@ struct AssetModel {
   static std::optional<std::size_t> placeOf(const std::string& characteristic);
 
 private:
+  void findAmbiguous();
+  OptionKey keyOf(const Rendition& rendition) const;
+  static OptionKey keyOf(const MediaSelectionOption& option);
   void makeGroups(const std::vector<std::string>& languages);
   void prefer(const std::vector<std::string>& languages);
+
+  std::set<OptionKey> _ambiguous; ///< without characteristics, which it takes to tell several apart
 };
 
 } // namespace platform::assets

@@ -24,8 +24,9 @@ namespace assets {
 
 namespace {
 
-std::optional<std::int64_t> minimumBitrateOf(const UserInfo& options) {
-  const auto found = options.find(AVAssetDownloadTaskMinimumRequiredMediaBitrateKey);
+/// A number of a task's options, of either type that a caller may have put it in.
+std::optional<std::int64_t> numberOf(const UserInfo& options, const char* key) {
+  const auto found = options.find(key);
   if (found == options.end())
     return std::nullopt;
   if (const auto* wide = std::any_cast<std::int64_t>(&found->second))
@@ -33,6 +34,14 @@ std::optional<std::int64_t> minimumBitrateOf(const UserInfo& options) {
   if (const auto* narrow = std::any_cast<int>(&found->second))
     return *narrow;
   return std::nullopt;
+}
+
+TaskOptions readOptions(const UserInfo& options) {
+  TaskOptions read;
+  read.minimumBitrate = numberOf(options, AVAssetDownloadTaskMinimumRequiredMediaBitrateKey);
+  if (const auto most = numberOf(options, AssetDownloadTaskMaximumTransfersKey))
+    read.maximumTransfers = static_cast<int>(std::clamp<std::int64_t>(*most, 1, 1024));
+  return read;
 }
 
 } // namespace
@@ -48,6 +57,13 @@ ErrorRef DownloadSession::open(const URLSessionConfiguration& configuration) {
   if (auto error = FileManager::createDirectoryAtPath(_options.directory, true))
     return error;
   _identifier = configuration.identifier;
+  if (!_identifier.empty()) {
+    // Before the first event of a transfer that is there still.
+    AssetEnvironment environment;
+    environment.service = configuration.service;
+    _left.await();
+    restoreTasks(environment);
+  }
   ErrorRef error;
   _transfers = URLSession::sessionWithConfiguration(configuration, weak_from_this(), _work, &error);
   if (!_transfers)
@@ -55,11 +71,16 @@ ErrorRef DownloadSession::open(const URLSessionConfiguration& configuration) {
                  : makeError(
                        AVFoundationErrorDomain, AVErrorUnknown,
                        "There is no transfer service. Set the default service, or one in the configuration");
-  if (!_identifier.empty()) {
-    AssetEnvironment environment;
-    environment.service = configuration.service;
-    restoreTasks(environment);
-  }
+  if (!_identifier.empty())
+    _transfers->getTasksWithCompletionHandler(
+        [weak = weak_from_this()](const std::vector<DownloadTaskRef>& transfers) {
+          const auto self = weak.lock();
+          if (!self)
+            return;
+          self->_left.learn(transfers);
+          for (const auto& task : self->tasks())
+            task->pump();
+        });
   return nullptr;
 }
 
@@ -78,20 +99,12 @@ void DownloadSession::restoreTasks(const AssetEnvironment& environment) {
     auto asset = std::make_shared<HLSAsset>(*url, HTTPHeaders(), environment);
     auto task =
         std::make_shared<AggregateTask>(shared_from_this(), state->task, std::move(asset),
-                                        std::vector<MediaSelection>(), state->title, nullptr, std::nullopt);
-    task->restoreWish(std::move(state->wish));
+                                        std::vector<MediaSelection>(), state->title, nullptr, TaskOptions());
+    task->restore(std::move(state->wish), path);
+    _left.expect(path, task);
     _tasks.emplace(state->task, std::move(task));
     _nextTask = std::max(_nextTask, state->task + 1);
   }
-  _transfers->getTasksWithCompletionHandler(
-      [weak = weak_from_this()](const std::vector<DownloadTaskRef>& transfers) {
-        if (auto self = weak.lock())
-          for (const auto& transfer : transfers)
-            if (const auto description = transfer->taskDescription()) {
-              transfer->suspend(); // until its task is resumed
-              self->_strays.emplace(*description, transfer);
-            }
-      });
 }
 
 AggregateAssetDownloadTaskRef DownloadSession::aggregateAssetDownloadTaskWithURLAsset(
@@ -101,7 +114,7 @@ AggregateAssetDownloadTaskRef DownloadSession::aggregateAssetDownloadTaskWithURL
   const std::uint64_t identifier = _nextTask++;
   auto task = std::make_shared<AggregateTask>(
       shared_from_this(), identifier, std::static_pointer_cast<HLSAsset>(std::move(asset)),
-      std::move(mediaSelections), std::move(assetTitle), std::move(artworkData), minimumBitrateOf(options));
+      std::move(mediaSelections), std::move(assetTitle), std::move(artworkData), readOptions(options));
   _tasks.emplace(identifier, task);
   return task;
 }
@@ -109,14 +122,8 @@ AggregateAssetDownloadTaskRef DownloadSession::aggregateAssetDownloadTaskWithURL
 void DownloadSession::getAllTasksWithCompletionHandler(
     std::function<void(std::vector<AggregateAssetDownloadTaskRef>)> completion) {
   _delegateQueue->async([self = shared_from_this(), completion = std::move(completion)] {
-    std::vector<AggregateAssetDownloadTaskRef> list;
-    {
-      const std::lock_guard lock(self->_mutex);
-      list.reserve(self->_tasks.size());
-      for (const auto& [identifier, task] : self->_tasks)
-        list.push_back(task);
-    }
-    completion(std::move(list));
+    const auto list = self->tasks();
+    completion({list.begin(), list.end()});
   });
 }
 
@@ -160,7 +167,7 @@ void DownloadSession::getResourcesOfURLAsset(
   auto listing = std::make_shared<Listing>();
   listing->asset = std::static_pointer_cast<HLSAsset>(std::move(asset));
   listing->selections = std::move(mediaSelections);
-  listing->minimumBitrate = minimumBitrateOf(options);
+  listing->minimumBitrate = readOptions(options).minimumBitrate;
   listing->completion = std::move(completion);
   listing->asset->loadValuesAsynchronouslyForKeys({"tracks"}, [self = shared_from_this(), listing] {
     self->_work->async([self, listing] {
@@ -189,15 +196,21 @@ void DownloadSession::getResourcesOfURLAsset(
 }
 
 void DownloadSession::invalidateAndCancel() {
-  std::vector<std::shared_ptr<AggregateTask>> tasks;
   {
     const std::lock_guard lock(_mutex);
     _invalidated = true;
-    for (const auto& [identifier, task] : _tasks)
-      tasks.push_back(task);
   }
-  for (const auto& task : tasks)
+  for (const auto& task : tasks())
     task->cancel();
+}
+
+std::vector<std::shared_ptr<AggregateTask>> DownloadSession::tasks() const {
+  std::vector<std::shared_ptr<AggregateTask>> list;
+  const std::lock_guard lock(_mutex);
+  list.reserve(_tasks.size());
+  for (const auto& [identifier, task] : _tasks)
+    list.push_back(task);
+  return list;
 }
 
 bool DownloadSession::isInvalidated() const {
@@ -207,17 +220,6 @@ bool DownloadSession::isInvalidated() const {
 
 void DownloadSession::attach(const DownloadTaskRef& transfer, const std::shared_ptr<AggregateTask>& task) {
   _owners.emplace(transfer->taskIdentifier(), task);
-}
-
-DownloadTaskRef DownloadSession::takeStray(const std::string& description) {
-  if (_strays.empty())
-    return nullptr;
-  const auto found = _strays.find(description);
-  if (found == _strays.end())
-    return nullptr;
-  auto transfer = std::move(found->second);
-  _strays.erase(found);
-  return transfer;
 }
 
 void DownloadSession::tell(std::function<void(AssetDownloadDelegate&)> event) {
@@ -255,14 +257,18 @@ void DownloadSession::URLSessionDownloadTaskDidFinishDownloadingToURL(URLSession
                                                                       const std::string& location) {
   if (const auto owner = ownerOf(*task))
     owner->didFinish(task->taskIdentifier(), location);
+  else
+    _left.didFinish(task, location);
 }
 
 void DownloadSession::URLSessionTaskDidCompleteWithError(URLSession&,
                                                          const std::shared_ptr<URLSessionTask>& task,
                                                          const ErrorRef& error) {
   const auto found = _owners.find(task->taskIdentifier());
-  if (found == _owners.end())
+  if (found == _owners.end()) {
+    _left.didComplete(*task, error);
     return;
+  }
   const auto owner = std::move(found->second);
   _owners.erase(found);
   owner->didComplete(task->taskIdentifier(), error);

@@ -2,6 +2,7 @@
 
 #include "platform/assets/AssetDownloadURLSession.h"
 #include "platform/assets/internal/AggregateTask.h"
+#include "platform/assets/internal/LeftTransfers.h"
 #include "platform/concurrency/Queue.h"
 
 #include <map>
@@ -40,8 +41,8 @@ public:
   bool isInvalidated() const;
   /// A transfer of a task: from now on its events go there. On the work queue, before it is resumed.
   void attach(const DownloadTaskRef& transfer, const std::shared_ptr<AggregateTask>& task);
-  /// A transfer of an earlier process for that file of a package, or null; it is attached by the caller.
-  DownloadTaskRef takeStray(const std::string& description);
+  /// On the work queue. A transfer that is taken from there is attached by the taker.
+  LeftTransfers& leftTransfers() { return _left; }
   /// Runs on the delegate queue with the delegate, when there is one.
   void tell(std::function<void(AssetDownloadDelegate&)> event);
   void onDelegateQueue(std::function<void()> work) { _delegateQueue->async(std::move(work)); }
@@ -61,6 +62,7 @@ public:
 
 private:
   void restoreTasks(const AssetEnvironment& environment);
+  std::vector<std::shared_ptr<AggregateTask>> tasks() const;
   std::shared_ptr<AggregateTask> ownerOf(const URLSessionTask& transfer) const;
 
   const AssetDownloadOptions _options;
@@ -77,7 +79,7 @@ private:
 
   // For the work queue.
   std::unordered_map<std::uint64_t, std::shared_ptr<AggregateTask>> _owners;
-  std::unordered_map<std::string, DownloadTaskRef> _strays;
+  LeftTransfers _left;
 };
 
 } // namespace platform::assets

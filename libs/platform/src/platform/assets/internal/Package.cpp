@@ -74,7 +74,8 @@ std::optional<PackageState> readPackageState(const std::string& packagePath, Err
     for (const auto& option : *options)
       if (option.is_object())
         state.wish.options.push_back({textOf(option, "type"), textOf(option, "name"),
-                                      textOf(option, "language"), flagOf(option, "forced")});
+                                      textOf(option, "language"), flagOf(option, "forced"),
+                                      textOf(option, "characteristics")});
   if (const auto streams = json->find("streams"); streams != json->end() && streams->is_array())
     for (const auto& stream : *streams)
       if (stream.is_object() && isName(textOf(stream, "directory")))
@@ -165,6 +166,8 @@ ErrorRef Package::writeState(const PackageState& state) {
       one["language"] = option.language;
     if (option.forced)
       one["forced"] = true;
+    if (!option.characteristics.empty())
+      one["characteristics"] = option.characteristics;
     json["options"].push_back(std::move(one));
   }
   json["streams"] = JSON::array();

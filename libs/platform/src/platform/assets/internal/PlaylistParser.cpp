@@ -116,8 +116,8 @@ bool PlaylistParser::parseTag(std::string_view line) {
   if (known)
     return true;
   if (name == "VERSION")
-    return number(value, _to._version, "the version");
-  if (name == "INDEPENDENT-SEGMENTS")
+    _to._version = parseInteger(value).value_or(1); // no reason to refuse what can be read
+  else if (name == "INDEPENDENT-SEGMENTS")
     _to._independentSegments = true;
   else if (name == "START")
     _to._start = value;
@@ -261,7 +261,7 @@ bool PlaylistParser::parseMap(std::string_view value) {
 
 bool PlaylistParser::addSegment(std::string_view uri) {
   if (_kind == Kind::Master)
-    return fail("an address stands without EXT-X-STREAM-INF before it");
+    return true; // of nothing
   if (!_hasInfo)
     return fail("a segment has no duration (EXTINF)");
   if (!be(Kind::Media) || !resolve(uri, _next.uri))
@@ -334,7 +334,7 @@ bool PlaylistParser::parseRendition(std::string_view value) {
   else
     return true; // of a kind that nobody can play
   if (rendition.type == RenditionType::Subtitles && (!rendition.uri || rendition.uri->empty()))
-    return fail("a subtitle rendition has no URI");
+    return true; // nowhere to be had
   if (rendition.uri && (rendition.uri->empty() || rendition.type == RenditionType::ClosedCaptions))
     rendition.uri.reset();
   if (rendition.name.empty())
@@ -348,13 +348,11 @@ bool PlaylistParser::parseVariant(std::string_view value) {
   if (_variantPending)
     return fail("the variant before it has no address");
   Variant variant;
-  bool bandwidthIsNumber = true;
   if (!eachAttribute(value, [&](std::string_view name, std::string_view text) {
-        if (name == "BANDWIDTH") {
-          const auto bandwidth = parseInteger(text);
-          bandwidthIsNumber = bandwidth.has_value();
-          variant.bandwidth = bandwidth.value_or(0);
-        } else if (name == "AVERAGE-BANDWIDTH")
+        if (name == "BANDWIDTH")
+          // As far as it goes: a forgotten comma is no reason to refuse the others.
+          variant.bandwidth = parseInteger(text.substr(0, text.find_first_not_of("0123456789"))).value_or(0);
+        else if (name == "AVERAGE-BANDWIDTH")
           variant.averageBandwidth = parseInteger(text);
         else if (name == "RESOLUTION")
           variant.resolution = parseResolution(text);
@@ -380,8 +378,6 @@ bool PlaylistParser::parseVariant(std::string_view value) {
         }
       }))
     return false;
-  if (!bandwidthIsNumber)
-    return fail("the BANDWIDTH of the variant is no number");
   _to._master.variants.push_back(variant);
   _variantPending = true;
   return true;
