@@ -8,6 +8,7 @@
 #include "halvix/Download.h"
 #include "halvix/HostEnvironment.h"
 #include "halvix/Log.h"
+#include "halvix/ResourceHead.h"
 #include "halvix/Utils.h"
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/FileManager.h"
@@ -43,14 +44,6 @@ QVErrorRef fatal(ErrorType type, const char* message = "") {
 bool isRegularFile(const std::string& path) {
   const auto attributes = FileManager::attributesOfItemAtPath(path);
   return attributes && attributes->type == platform::FileAttributes::Type::Regular;
-}
-
-std::optional<std::int64_t> lengthOf(const platform::HTTPURLResponse& response) {
-  const auto text = response.valueForHTTPHeaderField("Content-Length");
-  if (!text || text->empty() || text->size() > 18 ||
-      text->find_first_not_of("0123456789") != std::string::npos)
-    return std::nullopt;
-  return std::stoll(*text);
 }
 
 } // namespace
@@ -151,6 +144,26 @@ std::string FileDownloader::fileNameOf(const Download& download) const {
                                         download.contentType().value_or(ContentType::mp4));
 }
 
+/// The files in the directory of a download that may be its own. What name a file has is up to the server,
+/// so an earlier process may have given another one.
+std::vector<std::string> FileDownloader::standingFilesOf(const Download& download) const {
+  const ContentType type = download.contentType().value_or(ContentType::mp4);
+  const std::string folder = folderOf(download.uuid());
+  std::vector<std::string> names = FileManager::contentsOfDirectoryAtPath(folder);
+  std::erase_if(names, [&](const std::string& name) {
+    return halvix::contentFileName(name, type) != name || !isRegularFile(folder + "/" + name);
+  });
+  return names;
+}
+
+/// A title that is only the name follows it; one that somebody chose stays.
+void FileDownloader::rename(Download& download, const std::string& name) {
+  const std::string before = fileNameOf(download);
+  withRun(download.uuid(), [&](Run& run) { run.fileName = name; });
+  if (download.title() == before)
+    download.setTitle(name);
+}
+
 bool FileDownloader::isPlainFile(ContentType contentType) {
   const std::string& raw = halvix::rawValue(contentType);
   return raw == halvix::rawValue(ContentType::mp4) || raw == halvix::rawValue(ContentType::mp3);
@@ -178,10 +191,10 @@ void FileDownloader::prepareDownload(const std::string& uuid, PrepareCompletion 
   const ContentType type = download->contentType().value_or(ContentType::mp4);
   download->setTracks({});
   const bool nameFits = halvix::contentTypeFromURL(download->contentUrl()) == type;
-  // A file in its place without a record of its end: the process died between the two, or what stands there
-  // is a page that told of an error. The server knows.
-  const bool mayBeThere = download->state() != DownloadState::success && !isUnderWay(uuid) &&
-                          isRegularFile(folderOf(uuid) + "/" + fileNameOf(*download));
+  // A file in its place without a record of its end: the process died between the two. The server knows
+  // whether it is the one that is wanted.
+  const bool mayBeThere =
+      download->state() != DownloadState::success && !isUnderWay(uuid) && !standingFilesOf(*download).empty();
   if (nameFits && !mayBeThere)
     return completion(download, nullptr);
   askServer(download, std::move(completion));
@@ -189,50 +202,50 @@ void FileDownloader::prepareDownload(const std::string& uuid, PrepareCompletion 
 
 void FileDownloader::askServer(const std::shared_ptr<Download>& download, PrepareCompletion completion) {
   const auto url = platform::URL::URLWithString(download->contentUrl());
-  const auto service = environment() ? environment()->transferService() : nullptr;
-  const auto session = service ? service->sharedSession() : platform::URLSession::sharedSession();
-  if (!url || !session)
+  if (!url)
     return completion(download, nullptr);
-  platform::URLRequest request(*url);
-  request.setHTTPMethod("HEAD");
-  for (const auto& [name, value] : headersForDownload(download->uuid()))
-    request.setValueForHTTPHeaderField(value, name);
   std::weak_ptr<FileDownloader> weak = std::static_pointer_cast<FileDownloader>(shared_from_this());
-  const auto task = session->dataTaskWithRequest(
-      request, [weak, download, completion](const platform::DataRef&,
-                                            const std::shared_ptr<const platform::HTTPURLResponse>& response,
-                                            const platform::ErrorRef&) {
+  halvix::requestResourceHead(
+      *url, headersForDownload(download->uuid()), environment() ? environment()->transferService() : nullptr,
+      [weak, download, completion](const std::shared_ptr<const platform::HTTPURLResponse>& response,
+                                   const platform::ErrorRef&) {
         // Without an answer the URL's own name will do; what is wrong shows when the file is fetched.
-        if (auto self = weak.lock();
-            self && response && response->statusCode() >= 200 && response->statusCode() < 300)
+        if (auto self = weak.lock(); self && response)
           self->learnFrom(*response, *download);
         completion(download, nullptr);
       });
-  task->resume();
 }
 
 void FileDownloader::learnFrom(const platform::HTTPURLResponse& response, Download& download) {
-  const ContentType type = download.contentType().value_or(ContentType::mp4);
-  const std::string before = fileNameOf(download);
-  const bool nameFits = halvix::contentTypeFromURL(download.contentUrl()) == type;
-  const auto header = response.valueForHTTPHeaderField("Content-Disposition");
-  const auto told = header ? halvix::fileNameFromContentDisposition(*header) : std::nullopt;
-  const std::string name = nameFits ? before
-                           : told   ? halvix::contentFileName(*told, type)
-                                    : halvix::contentFileNameFromURL(response.url().absoluteString(), type);
-  const auto length = lengthOf(response);
-  const auto there = FileManager::attributesOfItemAtPath(folderOf(download.uuid()) + "/" + name);
-  const bool whole = there && there->type == platform::FileAttributes::Type::Regular && there->size > 0 &&
-                     there->size == length && download.state() != DownloadState::success;
-  withRun(download.uuid(), [&](Run& run) {
-    run.fileName = name;
-    run.whole = whole;
-  });
-  // A title that is only the name takes the better name; one that somebody chose stays.
-  if (download.title() == before)
-    download.setTitle(name);
+  std::string name = halvix::contentFileNameFromResponse(response, download.contentUrl(),
+                                                         download.contentType().value_or(ContentType::mp4));
+  const auto length = halvix::resourceLength(response);
+  bool whole = false;
+  if (length.value_or(0) > 0 && download.state() != DownloadState::success)
+    for (const std::string& standing : standingFilesOf(download)) {
+      const auto there = FileManager::attributesOfItemAtPath(folderOf(download.uuid()) + "/" + standing);
+      if (!there || there->size != length)
+        continue;
+      whole = true;
+      name = standing;
+      break;
+    }
+  rename(download, name);
+  withRun(download.uuid(), [&](Run& run) { run.whole = whole; });
   if (length && download.progress().expectedContentSize() < 0)
     download.setProgress(download.progress().copyWithExpectedContentSize(*length));
+}
+
+/// The server's name for the file comes with the file itself: to ask for it before would double the requests
+/// for many small files.
+void FileDownloader::learnName(Download& download) {
+  const auto queue = startedDownloader();
+  const auto response = queue ? queue->responseForIdentifier(download.uuid()) : nullptr;
+  if (!response || response->statusCode() < 200 || response->statusCode() > 299)
+    return;
+  withRun(download.uuid(), [](Run& run) { run.named = true; });
+  if (const auto told = halvix::fileNameFromContentDisposition(*response))
+    rename(download, halvix::contentFileName(*told, download.contentType().value_or(ContentType::mp4)));
 }
 
 QVErrorRef FileDownloader::startDownload(const std::string& uuid,
@@ -248,6 +261,7 @@ QVErrorRef FileDownloader::startDownload(const std::string& uuid,
     std::lock_guard lock(_fileMutex);
     Run& run = _runs[uuid];
     whole = std::exchange(run.whole, false);
+    run.removed = false;
     later = run.ending;
     run.startAgain = later;
   }
@@ -361,8 +375,9 @@ QVErrorRef FileDownloader::removeDownload(const std::string& uuid) {
     return fatal(ErrorType::storage_error_while_removing_file);
   // What is under way lets its bytes go when its end is told.
   withRun(uuid, [](Run& run) { run.removed = true, run.startAgain = false; });
-  if (isUnderWay(uuid))
-    startedDownloader()->cancelDownloadWithIdentifier(uuid);
+  const auto queue = startedDownloader();
+  if (queue && isUnderWay(uuid))
+    queue->cancelDownloadWithIdentifier(uuid);
   else
     discardParts(download->contentUrl());
   if (auto local = download->localUrl(); local && FileManager::fileExistsAtPath(*local))

@@ -53,8 +53,9 @@ public:
   std::shared_ptr<halvix::Download> createDownload(const halvix::PlayerConfiguration& configuration,
                                                    const platform::HTTPHeaders& headers,
                                                    halvix::QVErrorRef* error) override;
-  /// Asks the server for the file's name when the URL has none that fits. A server that does not tell is no
-  /// failure.
+  /// Asks the server for the file's name when the URL has none that fits, and about a file that an ended
+  /// process left in its place. A server that does not tell is no failure. The name that comes with the file
+  /// itself replaces the URL's while it is fetched.
   void prepareDownload(const std::string& uuid, PrepareCompletion completion) override;
   /// A download beyond the limit stays idle until its turn. One that is complete, under way or waiting is a
   /// success without an effect.
@@ -92,7 +93,8 @@ private:
     std::string contentUrl;
     std::int64_t heldBefore = 0; ///< bytes that an earlier run had, until the first progress of this one
     std::chrono::steady_clock::time_point kept; ///< when the record was last marked for its progress
-    bool whole = false;                         ///< the file that stands in its place is the server's
+    bool whole = false;            ///< the file of `fileName` that stands in its place is the server's
+    bool named = false;            ///< the response that brings the file was asked for its name
     bool placed = false;           ///< the file is in its place, and its record does not say so yet
     bool ending = false;           ///< was paused, and its end is not told yet
     bool removed = false;          ///< taken off the list while it was under way
@@ -114,13 +116,17 @@ private:
   }
   std::string folderOf(const std::string& uuid) const;
   std::string fileNameOf(const halvix::Download& download) const;
+  std::vector<std::string> standingFilesOf(const halvix::Download& download) const;
+  void rename(halvix::Download& download, const std::string& name);
+  void learnName(halvix::Download& download);
   void askServer(const std::shared_ptr<halvix::Download>& download, PrepareCompletion completion);
   void learnFrom(const platform::HTTPURLResponse& response, halvix::Download& download);
   void place(const std::string& uuid, const std::string& path);
   void completePlaced();
+  bool isRemoved(const std::string& uuid) const;
   void complete(const std::shared_ptr<halvix::Download>& download, const std::string& path);
   void fail(const std::shared_ptr<halvix::Download>& download, const halvix::QVErrorRef& failure);
-  void explainRestart(const std::shared_ptr<halvix::Download>& download);
+  void explainRestart(halvix::Download& download);
   void becamePaused(const std::string& uuid, const platform::DataRef& resumeData);
   bool startsAgain(const std::string& uuid);
   void discardParts(const std::string& contentUrl);

@@ -76,8 +76,9 @@ FileDownloader::urlRequestForRemoteURL(const platform::URL& remoteURL) {
 ZRKIfImplemented<std::optional<platform::URL>>
 FileDownloader::localFileURLForIdentifier(const std::string& token, const platform::URL&) {
   const auto download = findDownload(token);
-  if (!download)
+  if (!download || isRemoved(token))
     return std::optional<platform::URL>();
+  learnName(*download);
   const std::string folder = folderOf(token);
   if (auto error = FileManager::createDirectoryAtPathUnsynced(folder)) {
     withRun(token, [&](Run& run) { run.placeError = error; });
@@ -92,9 +93,10 @@ void FileDownloader::downloadProgressChangedForIdentifier(const std::string& tok
   const auto progress = queue ? queue->downloadProgressForIdentifier(token) : nullptr;
   if (!download || !progress)
     return;
-  bool keep = false, fromZero = false;
+  bool keep = false, fromZero = false, named = false;
   withRun(token, [&](Run& run) {
     fromZero = std::exchange(run.heldBefore, 0) > progress->receivedFileSize();
+    named = run.named;
     const auto now = std::chrono::steady_clock::now();
     keep = now - run.kept >= keepInterval;
     if (keep)
@@ -109,36 +111,35 @@ void FileDownloader::downloadProgressChangedForIdentifier(const std::string& tok
   // A turn of a download that goes on from resume data shows here first.
   if (download->state() == DownloadState::idle)
     download->setState(DownloadState::running);
+  if (!named)
+    learnName(*download);
   if (fromZero)
-    explainRestart(download);
+    explainRestart(*download);
   if (keep) {
     download->markChanged();
     storeSoon();
   }
 }
 
-void FileDownloader::explainRestart(const std::shared_ptr<Download>& download) {
+void FileDownloader::explainRestart(Download& download) {
   const auto queue = startedDownloader();
-  const auto session = queue ? queue->backgroundSession() : nullptr;
-  if (!session)
+  const auto response = queue ? queue->responseForIdentifier(download.uuid()) : nullptr;
+  if (response && response->statusCode() >= 400)
     return;
-  session->getTasksWithCompletionHandler([download](const std::vector<platform::DownloadTaskRef>& tasks) {
-    std::shared_ptr<const platform::HTTPURLResponse> response;
-    for (const auto& task : tasks)
-      if (task->taskDescription() == download->uuid())
-        response = task->response();
-    if (response && response->statusCode() >= 400)
-      return;
-    const std::string notice = "started from the beginning: " + restartReason(response.get());
-    halvix::log_d(logTag, download->uuid() + " " + notice);
-    download->setNotices({notice});
-  });
+  const std::string notice = "started from the beginning: " + restartReason(response.get());
+  halvix::log_d(logTag, download.uuid() + " " + notice);
+  download.setNotices({notice});
+}
+
+bool FileDownloader::isRemoved(const std::string& uuid) const {
+  std::lock_guard lock(_fileMutex);
+  const auto run = _runs.find(uuid);
+  return run != _runs.end() && run->second.removed;
 }
 
 void FileDownloader::downloadDidCompleteWithIdentifier(const std::string& token,
                                                        const platform::URL& localFileURL) {
-  startsAgain(token);
-  if (findDownload(token))
+  if (findDownload(token) && !isRemoved(token))
     return place(token, localFileURL.path());
   halvix::log_e(logTag, "Completed download item not found " + token);
   halvix::Utils::removeFolder(folderOf(token)); // removed while its file came into its place
@@ -149,7 +150,9 @@ void FileDownloader::downloadDidCompleteWithIdentifier(const std::string& token,
 void FileDownloader::place(const std::string& uuid, const std::string& path) {
   {
     std::lock_guard lock(_fileMutex);
-    _runs[uuid].placed = true;
+    Run& run = _runs[uuid];
+    run.placed = true;
+    run.ending = run.startAgain = false; // a pause came too late, and with it a start after it
     _placed.emplace_back(uuid, path);
     if (_placed.size() > 1)
       return;
@@ -168,17 +171,27 @@ void FileDownloader::completePlaced() {
     placed.swap(_placed);
   }
   std::vector<std::string> directories{downloadPath()};
-  for (const auto& [uuid, path] : placed)
-    directories.push_back(folderOf(uuid));
+  for (const auto& [uuid, path] : placed) {
+    const std::string folder = folderOf(uuid);
+    directories.push_back(folder);
+    // What an earlier process left under another name is no longer wanted.
+    if (const auto download = findDownload(uuid))
+      for (const std::string& name : standingFilesOf(*download))
+        if (folder + "/" + name != path)
+          if (auto error = FileManager::removeItemAtPath(folder + "/" + name))
+            halvix::log_e(logTag, error->localizedDescription());
+  }
   const auto error = FileManager::syncDirectoriesAtPaths(directories);
   // Where the events of the ends go too: they follow when the records of all are stored, with one writing.
   platform::MainQueue::shared().async([self = std::static_pointer_cast<FileDownloader>(shared_from_this()),
                                        placed = std::move(placed), error] {
     for (const auto& [uuid, path] : placed) {
       const auto download = self->findDownload(uuid);
-      if (download && !error)
+      if (!download || self->isRemoved(uuid))
+        halvix::Utils::removeFolder(self->folderOf(uuid)); // it may have come after the removal
+      else if (!error)
         self->complete(download, path);
-      else if (download)
+      else
         self->fail(download, fileFailure(error, 0, {}));
       self->withRun(uuid, [](Run& run) { run.placed = false; });
     }
@@ -188,12 +201,15 @@ void FileDownloader::completePlaced() {
 
 void FileDownloader::complete(const std::shared_ptr<Download>& download, const std::string& path) {
   download->setResumeData(nullptr);
+  platform::ErrorRef error;
+  const auto attributes = FileManager::attributesOfItemAtPath(path, &error);
+  if (!attributes) // somebody has taken it away
+    return fail(download, fileFailure(error, 0, {}));
   download->setLocalRelativePath(halvix::Utils::relativePath(path, downloadPath()));
-  if (const auto attributes = FileManager::attributesOfItemAtPath(path))
-    download->setProgress(download->progress()
-                              .copyWithExpectedContentSize(attributes->size)
-                              .copyWithDownloadedContentSize(attributes->size)
-                              .copyWithProgress(1));
+  download->setProgress(download->progress()
+                            .copyWithExpectedContentSize(attributes->size)
+                            .copyWithDownloadedContentSize(attributes->size)
+                            .copyWithProgress(1));
   download->setState(DownloadState::success);
   platform::MainQueue::shared().async([weak = weak_from_this(), download] {
     auto self = weak.lock();
@@ -222,8 +238,10 @@ void FileDownloader::downloadFailedWithIdentifier(const std::string& token, cons
     if (run.removed)
       removedUrl = run.contentUrl;
   });
-  if (!removedUrl.empty())
+  if (!removedUrl.empty()) {
     discardParts(removedUrl);
+    clearPlace(token);
+  }
   if (!download)
     return halvix::log_e(logTag, "Failed download item not found " + token);
   // The end of an earlier start of a download that was started again already.
@@ -278,7 +296,9 @@ void FileDownloader::downloadPausedWithIdentifier(const std::string& token,
 
 void FileDownloader::becamePaused(const std::string& uuid, const platform::DataRef& resumeData) {
   auto download = findDownload(uuid);
-  if (!download || isFinal(download->state()))
+  bool placed = false; // the pause came too late
+  withRun(uuid, [&](Run& run) { placed = run.placed; });
+  if (!download || placed || isFinal(download->state()))
     return;
   download->setResumeData(resumeData);
   download->setState(DownloadState::paused);

@@ -8,9 +8,9 @@
 #include "halvix/ContentName.h"
 #include "halvix/DownloadRecord.h"
 #include "halvix/ErrorDescription.h"
+#include "halvix/ResourceHead.h"
 #include "platform/foundation/FileManager.h"
 #include "platform/foundation/URL.h"
-#include "platform/transfer/URLSession.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -29,34 +29,17 @@ using ResponseRef = std::shared_ptr<const platform::HTTPURLResponse>;
 ResponseRef askForHead(const std::string& source, const platform::HTTPHeaders& headers) {
   const std::string shown = halvix::urlForDisplay(source);
   const auto url = platform::URL::URLWithString(source);
-  const auto session = platform::URLSession::sharedSession();
-  if (!url || !url->isHTTP() || !session)
+  if (!url || !url->isHTTP())
     throw Failure("'" + shown + "' is no address of a file; give an http or https URL", statusUsage);
-  platform::URLRequest request(*url);
-  request.setHTTPMethod("HEAD");
-  for (const auto& [name, value] : headers)
-    request.setValueForHTTPHeaderField(value, name);
   std::promise<std::pair<ResponseRef, platform::ErrorRef>> answer;
-  const auto task =
-      session->dataTaskWithRequest(request, [&answer](const platform::DataRef&, const ResponseRef& response,
-                                                      const platform::ErrorRef& error) {
-        answer.set_value({response, error});
-      });
-  task->resume();
+  halvix::requestResourceHead(*url, headers, nullptr,
+                              [&answer](const ResponseRef& response, const platform::ErrorRef& error) {
+                                answer.set_value({response, error});
+                              });
   auto [response, error] = answer.get_future().get();
-  if (error || !response)
+  if (!response)
     throw Failure(shown + ": " + halvix::describeError(error));
-  if (response->statusCode() < 200 || response->statusCode() > 299)
-    throw Failure(shown + ": the server answers with HTTP status " + std::to_string(response->statusCode()));
   return response;
-}
-
-std::int64_t lengthOf(const platform::HTTPURLResponse& response) {
-  const auto text = response.valueForHTTPHeaderField("Content-Length");
-  if (!text || text->empty() || text->size() > 18 ||
-      text->find_first_not_of("0123456789") != std::string::npos)
-    return -1;
-  return std::stoll(*text);
 }
 
 std::optional<std::string> header(const platform::HTTPURLResponse& response, const char* name) {
@@ -68,16 +51,11 @@ std::optional<std::string> header(const platform::HTTPURLResponse& response, con
 int inspectFile(const std::string& source, const platform::HTTPHeaders& headers, halvix::ContentType type,
                 bool asJSON) {
   const ResponseRef response = askForHead(source, headers);
-  const std::int64_t bytes = lengthOf(*response);
-  const auto disposition = header(*response, "Content-Disposition");
-  const auto told = disposition ? halvix::fileNameFromContentDisposition(*disposition) : std::nullopt;
-  const bool nameFits = halvix::contentTypeFromURL(source) == type;
-  const std::string name = told && !nameFits ? halvix::contentFileName(*told, type)
-                           : nameFits
-                               ? halvix::contentFileNameFromURL(source, type)
-                               : halvix::contentFileNameFromURL(response->url().absoluteString(), type);
+  const std::int64_t bytes = halvix::resourceLength(*response).value_or(-1);
+  const std::string name = halvix::contentFileNameFromResponse(*response, source, type);
   const bool marked = header(*response, "ETag") || header(*response, "Last-Modified");
-  const bool ranges = header(*response, "Accept-Ranges").value_or("none") != "none";
+  const bool ranges =
+      response->statusCode() == 206 || header(*response, "Accept-Ranges").value_or("none") != "none";
   if (asJSON) {
     const json object = {{"url", source},
                          {"contentType", halvix::rawValue(type)},
@@ -124,7 +102,7 @@ int verifyFile(const halvix::DownloadSummary& download, bool withOrigin,
   bool same = true;
   if (withOrigin) {
     const ScratchHost scratch;
-    const std::int64_t bytes = lengthOf(*askForHead(download.url, headers));
+    const std::int64_t bytes = halvix::resourceLength(*askForHead(download.url, headers)).value_or(-1);
     same = bytes < 0 || bytes == download.downloadedBytes;
     if (bytes < 0)
       std::printf("    the server does not tell the length of its file\n");

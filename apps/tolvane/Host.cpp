@@ -7,6 +7,7 @@
 #include "halvix/ErrorDescription.h"
 #include "halvix/HostEnvironment.h"
 #include "platform/application/Application.h"
+#include "platform/concurrency/Queue.h"
 #include "platform/transfer/TransferService.h"
 
 #include <chrono>
@@ -93,6 +94,9 @@ Host::Host(const std::string& library, int files) {
 
 Host::~Host() {
   stopTransfers();
+  // A file that came into its place at the last moment is recorded before the process ends.
+  platform::SerialQueue::background().sync([] {});
+  platform::MainQueue::shared().sync([] {});
   _manager->store();
   _manager->detachPlugins();
   // Tasks that a component opened and will end on its own; those that nobody ends are not worth a long wait.

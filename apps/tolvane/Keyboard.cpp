@@ -99,10 +99,13 @@ Keyboard::Keyboard(std::function<void(char)> handler) {
     return;
   state->handler = std::move(handler);
   for (std::size_t i = 0; i < std::size(fatalSignals); ++i) {
+    ::sigaction(fatalSignals[i], nullptr, &earlierActions[i]);
+    if (earlierActions[i].sa_handler == SIG_IGN)
+      continue; // whoever started the program wants it to live on
     struct sigaction action {};
     action.sa_handler = restoreAndGoOn;
     ::sigemptyset(&action.sa_mask);
-    ::sigaction(fatalSignals[i], &action, &earlierActions[i]);
+    ::sigaction(fatalSignals[i], &action, nullptr);
   }
   state->takeTerminal();
   state->leaving =

@@ -8,6 +8,7 @@
 #include "tests/support/ScriptedTransferService.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -29,11 +30,15 @@ public:
                                     halvix::DownloadState state) override {
     add(halvix::rawValue(state));
   }
-  void dispatchDownloadProgress(const std::shared_ptr<halvix::Download>&) override {}
+  void dispatchDownloadProgress(const std::shared_ptr<halvix::Download>&) override {
+    if (onProgress)
+      onProgress();
+  }
 
   std::vector<std::string> events() const { return _events.copy(); }
   const support::Watched<std::vector<std::string>>& recorded() const { return _events; }
   support::Arrival<halvix::QVErrorRef> failed;
+  std::function<void()> onProgress; ///< set it while nothing runs
 
 private:
   void add(std::string event) {

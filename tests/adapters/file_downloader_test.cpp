@@ -211,7 +211,7 @@ TEST_F(FileAdapter, AFileInPlaceWithoutARecordOfItsEndCountsWhenTheServerAgrees)
   const std::string uuid = started()->uuid();
   files->storeItems();
   open();
-  directory.write("FileDownloader/" + uuid + "/movie.mp4", "0123456789");
+  directory.write("FileDownloader/" + uuid + "/Holiday.mp4", "0123456789"); // as the server called it then
   auto download = files->findDownload(uuid);
   for (const char* length : {"11", "10"}) {
     support::Expectation prepared;
@@ -231,6 +231,70 @@ TEST_F(FileAdapter, AFileInPlaceWithoutARecordOfItsEndCountsWhenTheServerAgrees)
     EXPECT_EQ(download->state(), DownloadState::success);
     EXPECT_EQ(support::readFile(*download->localUrl()), "0123456789");
   }
+}
+
+TEST_F(FileAdapter, TheNameThatComesWithTheFileIsTakenWithoutAnotherRequest) {
+  auto download = started("http://host/get.mp4?id=7"), mine = create("http://host/get.mp4?id=8");
+  mine->setTitle("Mine");
+  EXPECT_EQ(files->startDownload(mine->uuid(), {}), nullptr);
+  // Left by a process that died after it had placed the file, when the server still called it otherwise.
+  const std::string folder = "FileDownloader/" + download->uuid() + "/";
+  directory.write(folder + "get.mp4", "old");
+  directory.write(folder + "get.srt", "somebody's");
+  for (const auto& task : live()) {
+    task->respond(200, {{"Content-Disposition", "attachment; filename=\"../Holiday.mp4\""}});
+    task->write(5, 10);
+  }
+  settle();
+  EXPECT_EQ(download->title(), "Holiday.mp4") << "while it is on its way";
+  for (const auto& task : live())
+    task->finish("0123456789");
+  settle();
+  EXPECT_EQ(download->localRelativePath(), download->uuid() + "/Holiday.mp4");
+  EXPECT_EQ(mine->localRelativePath(), mine->uuid() + "/Holiday.mp4");
+  EXPECT_EQ(mine->title(), "Mine");
+  EXPECT_TRUE(service->dataTasks().empty());
+  EXPECT_FALSE(std::filesystem::exists(directory / (folder + "get.mp4")));
+  EXPECT_TRUE(std::filesystem::exists(directory / (folder + "get.srt")));
+}
+
+TEST_F(FileAdapter, WhatIsRemovedWhileItComesIntoItsPlaceLeavesNothing) {
+  const auto folderOf = [this](const Download& download) {
+    return files->downloadPath() + "/" + download.uuid();
+  };
+  // Removed before its file is moved (the end can no longer be stopped), and forgotten only afterwards.
+  auto early = started();
+  live()[0]->finish("0123456789");
+  dispatcher->onProgress = [&, done = false]() mutable {
+    if (std::exchange(done, true))
+      return;
+    EXPECT_EQ(files->removeDownload(early->uuid()), nullptr);
+  };
+  settle();
+  dispatcher->onProgress = nullptr;
+  EXPECT_FALSE(std::filesystem::exists(folderOf(*early)));
+  EXPECT_NE(early->state(), DownloadState::success);
+  files->forgetDownload(early->uuid());
+
+  // Found in its place, and removed before anything was ever fetched.
+  open();
+  const std::string uuid = create()->uuid();
+  files->storeItems();
+  directory.write("FileDownloader/" + uuid + "/movie.mp4", "0123456789");
+  auto found = files->findDownload(uuid);
+  support::Expectation prepared;
+  files->prepareDownload(uuid, [&](const auto&, const auto&) { prepared.fulfil(); });
+  service->dataTasks().back()->answer(200, "", {{"Content-Length", "10"}});
+  settle();
+  ASSERT_TRUE(prepared.wait());
+  platform::MainQueue::shared().sync([&] {
+    EXPECT_EQ(files->startDownload(uuid, {}), nullptr);
+    platform::SerialQueue::background().sync([] {});
+    EXPECT_EQ(files->removeDownload(uuid), nullptr);
+  });
+  settle();
+  EXPECT_FALSE(std::filesystem::exists(folderOf(*found)));
+  EXPECT_NE(found->state(), DownloadState::success);
 }
 
 TEST_F(FileAdapter, TheSessionAndTheFactoryAreAsTheHostWantsThem) {

@@ -140,6 +140,43 @@ TEST_F(Files, TheServerTellsWhatTheURLDoesNot) {
   EXPECT_EQ(list().size(), 2u);
 }
 
+TEST_F(Files, AServerThatKnowsOnlyGETIsAskedForAByteAndNotForTheFile) {
+  const std::string body = content(50'000);
+  const platform::HTTPHeaders told{{"Content-Type", "video/mp4"},
+                                   {"Content-Disposition", "attachment; filename=\"Film.mp4\""}};
+  Fault named;
+  named.headers = told;
+  const auto refusals = {FaultServer::reply(405, {{"Content-Length", "0"}}),
+                         FaultServer::reply(403, {{"Content-Length", "100000"}}),
+                         FaultServer::dropConnection()};
+  for (const bool ranges : {true, false})
+    for (const auto& refuse : refusals) {
+      const std::string path = "/" + std::to_string(server.requests().size());
+      auto never = makeGate();
+      const auto whole = FaultServer::entity({body, "\"e\"", ""}, named);
+      server.handle(path, [=](const ServerRequest& request, ServerConnection& connection) {
+        if (request.method == "HEAD")
+          return refuse(request, connection);
+        if (ranges || request.header("Range").empty())
+          return whole(request, connection);
+        // Four gigabytes that nobody may wait for.
+        auto headers = told;
+        headers["Content-Length"] = "4294967296";
+        connection.sendHead(200, headers);
+        connection.wait(*never);
+      });
+      const ProgramResult inspected = runProgram({"inspect", server.url(path), "--json"});
+      ASSERT_EQ(inspected.status, 0) << inspected.err;
+      EXPECT_EQ(json::parse(inspected.out)["bytes"], ranges ? 50'000 : 4'294'967'296);
+      EXPECT_EQ(json::parse(inspected.out)["name"], "Film.mp4");
+      const ProgramResult result = run({"download", server.url(path), "--progress", "none"});
+      ASSERT_EQ(result.status, 0) << result.err;
+      EXPECT_EQ(list()[0]["title"], "Film.mp4");
+      EXPECT_TRUE(readFile(localPath()) == body);
+      ASSERT_EQ(run({"remove", identifier()}).status, 0);
+    }
+}
+
 TEST_F(Files, SeveralGoUnderTheLimitAndOneThatFailsDoesNotKeepTheOthers) {
   std::vector<std::string> arguments{"download"};
   for (int i = 0; i < 12; ++i) {

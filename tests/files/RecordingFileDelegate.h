@@ -45,6 +45,7 @@ public:
   std::function<std::optional<platform::URLRequest>(const platform::URL&)> request;
   std::function<std::optional<platform::URL>(const std::string&)> place;
   std::function<void(const std::string&)> resume;
+  std::function<void()> onIncrement;
   std::shared_ptr<platform::Progress> root;
   platform::HTTPHeaders headers;
 
@@ -63,6 +64,8 @@ public:
   }
   void incrementNetworkActivityIndicatorActivityCount() override {
     records.change([](Records& r) { ++r.activity, r.events.push_back("+"); });
+    if (onIncrement)
+      onIncrement();
   }
   void decrementNetworkActivityIndicatorActivityCount() override {
     records.change([](Records& r) { --r.activity, r.events.push_back("-"); });

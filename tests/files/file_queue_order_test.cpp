@@ -7,8 +7,13 @@
 #include "tests/support/ScriptedTransferService.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <chrono>
+#include <fcntl.h>
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace platform;
 using namespace support;
@@ -93,6 +98,48 @@ TEST_F(FileQueueOrderTest, TakesOverWhatAnEarlierProcessLeft) {
   EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Download item not found for download task: ")));
 }
 
+TEST_F(FileQueueOrderTest, AFileWithoutAnAddressHasNoPlace) {
+  Survivor orphan(URLRequest(URL::fileURLWithPath("/")));
+  orphan.description = "orphan";
+  orphan.finishedContent = "whole";
+  service->addSurvivor("session", orphan);
+  open();
+  settle();
+  ASSERT_TRUE(delegate->waitForEnds(1));
+  EXPECT_EQ(delegate->end(0).error->code(), NSURLErrorResourceUnavailable);
+  EXPECT_THAT(delegate->end(0).messages,
+              ElementsAre(StartsWith("ERR: Missing information: Remote URL (token: orphan) (")));
+}
+
+TEST_F(FileQueueOrderTest, AFileThatIsTakenAwayAtOnceHasNoSize) {
+  // The way to the file is long, and that of the thief short.
+  std::string folder = directory.path();
+  for (int i = 0; i < 400; ++i)
+    folder += "/d";
+  std::filesystem::create_directories(folder);
+  delegate->place = [&](const std::string&) { return URL::fileURLWithPath(folder + "/file"); };
+  open();
+  const int there = ::open(folder.c_str(), O_PATH | O_DIRECTORY);
+  std::jthread thief([there](const std::stop_token& stop) {
+    while (!stop.stop_requested())
+      ::unlinkat(there, "file", 0);
+    ::close(there);
+  });
+  const auto isTold = [this] {
+    const auto ends = delegate->records.copy().ends;
+    return !ends.empty() && !ends.back().messages.empty() &&
+           ends.back().messages[0].starts_with("ERR: Error on getting file size for item at ");
+  };
+  for (const auto bound = std::chrono::steady_clock::now() + WaitBound;
+       !isTold() && std::chrono::steady_clock::now() < bound;) {
+    start("film");
+    ASSERT_TRUE(service->runningTask("http://host/film")->finish("x"));
+    settle();
+  }
+  EXPECT_TRUE(isTold());
+  EXPECT_EQ(delegate->records.copy().ends.back().error->code(), NSURLErrorResourceUnavailable);
+}
+
 TEST_F(FileQueueOrderTest, AFreshSessionGoesOnWithTheQueue) {
   open(1);
   start("old");
@@ -168,6 +215,30 @@ TEST_F(FileQueueOrderTest, ASessionThatIsInUseIsToldByEveryStart) {
   Expectation ready;
   downloader->setupWithCompletionBlock([&] { ready.fulfil(); });
   EXPECT_TRUE(ready.wait());
+}
+
+TEST_F(FileQueueOrderTest, ATaskThatHasEndedUnheardIsReportedWhenItIsCancelled) {
+  open();
+  service->session("session")->invalidateAndCancel();
+  // Its session has ended, and told of its end before the start has put the download in.
+  delegate->onIncrement = [this] {
+    settle();
+    downloader->cancelDownloadWithIdentifier("film");
+  };
+  start("film");
+  ASSERT_TRUE(delegate->waitForEnds(1));
+  settle();
+  EXPECT_THAT(log.lines(),
+              Contains(StartsWith("INFO: NSURLSessionDownloadTask cancelled (task not found): ")));
+  ASSERT_THAT(delegate->records.copy().ends, SizeIs(1));
+  const auto end = delegate->end(0);
+  EXPECT_EQ(end.error->code(), NSURLErrorCancelled);
+  EXPECT_EQ(*end.error->value<std::string>(NSURLErrorFailingURLStringErrorKey), "http://host/film");
+  EXPECT_EQ(delegate->records.copy().activity, 0);
+
+  downloader->URLSessionDidBecomeInvalidWithError(*downloader->backgroundSession(),
+                                                  makeError(NSURLErrorDomain, NSURLErrorUnknown));
+  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Session did become invalid with error: ")));
 }
 
 TEST_F(FileQueueOrderTest, CallsTheApplicationBackOnceAllEventsWereTold) {

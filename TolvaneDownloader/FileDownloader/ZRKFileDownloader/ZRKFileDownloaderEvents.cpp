@@ -23,6 +23,12 @@ int statusOf(const URLSessionTask& task) {
   return response ? response->statusCode() : 0;
 }
 
+/// Nothing for a task that was made from resume data which tells no address.
+std::optional<URL> remoteURLOf(const URLSessionTask& task) {
+  auto url = task.originalRequest().url();
+  return url.isHTTP() ? std::optional(std::move(url)) : std::nullopt;
+}
+
 ErrorRef failureOf(std::int64_t code, const std::string& what, const std::optional<URL>& remoteURL) {
   UserInfo userInfo{
       {NSLocalizedDescriptionKey, remoteURL ? what + " (" + remoteURL->absoluteString() + ")." : what + "."}};
@@ -84,7 +90,7 @@ void ZRKFileDownloader::URLSessionDownloadTaskDidFinishDownloadingToURL(URLSessi
     ZRKLogError("Missing download item for taskIdentifier: " + std::to_string(task->taskIdentifier()));
     return;
   }
-  _handleFinishedFile(downloadID, item, statusOf(*task), task->originalRequest().url(), location);
+  _handleFinishedFile(downloadID, item, statusOf(*task), remoteURLOf(*task), location);
 }
 
 void ZRKFileDownloader::URLSessionTaskDidCompleteWithError(URLSession& session,
@@ -104,7 +110,7 @@ void ZRKFileDownloader::URLSessionTaskDidCompleteWithError(URLSession& session,
     ZRKLogError("Download item not found for download task: " + std::to_string(task->taskIdentifier()));
     return;
   }
-  _handleEnd(downloadID, item, statusOf(*task), task->originalRequest().url(), error);
+  _handleEnd(downloadID, item, statusOf(*task), remoteURLOf(*task), error);
 }
 
 void ZRKFileDownloader::URLSessionTaskDidReceiveChallenge(URLSession& session,

@@ -39,6 +39,17 @@ ZRKFileDownloader::downloadProgressForIdentifier(const std::string& token) const
   return item ? _downloadProgressForItem(*item) : nullptr;
 }
 
+std::shared_ptr<const HTTPURLResponse>
+ZRKFileDownloader::responseForIdentifier(const std::string& token) const {
+  ItemRef item;
+  {
+    std::lock_guard guard(_state->mutex);
+    if (auto downloadID = _state->downloadIDForActiveDownloadToken(token))
+      item = _state->item(*downloadID);
+  }
+  return item && item->sessionDownloadTask() ? item->sessionDownloadTask()->response() : nullptr;
+}
+
 std::shared_ptr<ZRKFileDownloadProgress>
 ZRKFileDownloader::_downloadProgressForItem(ZRKFileDownloadItem& item) {
   const auto expected = item.expectedFileSizeInBytes(), received = item.receivedFileSizeInBytes();

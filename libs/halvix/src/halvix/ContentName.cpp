@@ -1,6 +1,7 @@
 #include "halvix/ContentName.h"
 
 #include "platform/foundation/URL.h"
+#include "platform/transfer/URLRequest.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -154,6 +155,11 @@ std::optional<std::string> fileNameFromContentDisposition(std::string_view heade
   return std::nullopt;
 }
 
+std::optional<std::string> fileNameFromContentDisposition(const platform::HTTPURLResponse& response) {
+  const auto header = response.valueForHTTPHeaderField("Content-Disposition");
+  return header ? fileNameFromContentDisposition(*header) : std::nullopt;
+}
+
 std::string contentFileName(std::string_view suggestion, ContentType type) {
   // Of a path only the last component counts, whichever system it comes from.
   while (suggestion.ends_with('/') || suggestion.ends_with('\\'))
@@ -190,6 +196,14 @@ std::string contentFileName(std::string_view suggestion, ContentType type) {
 std::string contentFileNameFromURL(const std::string& url, ContentType type) {
   const auto parsed = platform::URL::URLWithString(url);
   return contentFileName(parsed ? parsed->lastPathComponent() : std::string(), type);
+}
+
+std::string contentFileNameFromResponse(const platform::HTTPURLResponse& response, const std::string& url,
+                                        ContentType type) {
+  if (const auto told = fileNameFromContentDisposition(response))
+    return contentFileName(*told, type);
+  return contentFileNameFromURL(contentTypeFromURL(url) == type ? url : response.url().absoluteString(),
+                                type);
 }
 
 } // namespace halvix

@@ -2,17 +2,17 @@
 
 #include "halvix/ContentName.h"
 #include "halvix/ErrorDescription.h"
+#include "halvix/ResourceHead.h"
 
 #include "platform/concurrency/Queue.h"
-#include "platform/transfer/TransferService.h"
-#include "platform/transfer/URLSession.h"
 
-#include <cstdlib>
 #include <utility>
 
 namespace halvix {
 
 namespace {
+
+using ResponseRef = std::shared_ptr<const platform::HTTPURLResponse>;
 
 void answer(const ContentTypeCompletion& completion, std::optional<ContentType> type, QVErrorRef error) {
   platform::MainQueue::shared().async([completion, type, error] { completion(type, error); });
@@ -25,14 +25,6 @@ QVErrorRef unknownContent(const std::string& url, const std::string& clue, platf
   if (!cause)
     message += "; supported are " + supportedContentDescription();
   return QVErrorBuilder(ErrorType::content_type_unknown).message(message).parent(std::move(cause)).build();
-}
-
-platform::ErrorRef statusError(int status) {
-  static const platform::ErrorDomain domain("QVDownloadHTTPErrorDomain");
-  platform::UserInfo info;
-  info["QVStatusMessage"] =
-      platform::HTTPURLResponse::localizedStringForStatusCode(status).value_or("Unknown Error");
-  return platform::makeError(domain, status, std::move(info));
 }
 
 /// Enough for the root element behind what may stand before it.
@@ -54,6 +46,17 @@ std::optional<ContentType> contentTypeFromBytes(const platform::Data& data) {
   return std::nullopt;
 }
 
+std::optional<ContentType> contentTypeFromHead(const platform::HTTPURLResponse& response) {
+  const auto header = response.valueForHTTPHeaderField("Content-Type");
+  if (const auto type = header ? contentTypeFromMIMEType(*header) : std::nullopt)
+    return type;
+  if (const auto type = contentTypeFromURL(response.url().absoluteString()))
+    return type;
+  // "application/octet-stream" with a name is how many servers hand out files.
+  const auto name = fileNameFromContentDisposition(response);
+  return name ? contentTypeFromURL(*name) : std::nullopt;
+}
+
 } // namespace
 
 void detectContentType(const std::string& url, const platform::HTTPHeaders& headers,
@@ -68,53 +71,32 @@ void detectContentType(const std::string& url, const platform::HTTPHeaders& head
   if (const auto type = contentTypeFromURL(url))
     return answer(completion, type, nullptr);
 
-  const auto session = service ? service->sharedSession() : platform::URLSession::sharedSession();
-  if (!session)
-    return answer(completion, std::nullopt, unknownContent(url, "there is no network service", nullptr));
-  platform::URLRequest request(*parsed);
-  request.setHTTPMethod("HEAD");
-  for (const auto& [name, value] : headers)
-    request.setValueForHTTPHeaderField(value, name);
-  const auto task = session->dataTaskWithRequest(
-      request, [url, completion, session, request](platform::DataRef,
-                                                   std::shared_ptr<const platform::HTTPURLResponse> response,
-                                                   platform::ErrorRef error) {
-        if (error || !response)
+  requestResourceHead(
+      *parsed, headers, service,
+      [url, parsed, headers, service, completion](const ResponseRef& response,
+                                                  const platform::ErrorRef& error) {
+        if (!response)
           return answer(completion, std::nullopt, unknownContent(url, {}, error));
-        if (response->statusCode() < 200 || response->statusCode() > 299)
-          return answer(completion, std::nullopt,
-                        unknownContent(url, {}, statusError(response->statusCode())));
-        const auto header = response->valueForHTTPHeaderField("Content-Type");
-        auto type = header ? contentTypeFromMIMEType(*header) : std::nullopt;
-        if (!type)
-          type = contentTypeFromURL(response->url().absoluteString());
-        // "application/octet-stream" with a name is how many servers hand out files.
-        if (const auto disposition = response->valueForHTTPHeaderField("Content-Disposition");
-            disposition && !type)
-          if (const auto name = fileNameFromContentDisposition(*disposition))
-            type = contentTypeFromURL(*name);
-        if (type)
+        if (const auto type = contentTypeFromHead(*response))
           return answer(completion, type, nullptr);
+        const auto header = response->valueForHTTPHeaderField("Content-Type");
         const QVErrorRef unknown =
             unknownContent(url, header ? "the server says " + *header : "the server does not say", nullptr);
-        const auto length = response->valueForHTTPHeaderField("Content-Length");
-        if (length && std::strtoll(length->c_str(), nullptr, 10) > largestManifest)
+        if (resourceLength(*response).value_or(0) > largestManifest)
           return answer(completion, std::nullopt, unknown);
-        platform::URLRequest look = request;
-        look.setHTTPMethod("GET");
+        platform::URLRequest look(*parsed);
+        for (const auto& [name, value] : headers)
+          look.setValueForHTTPHeaderField(value, name);
         look.setValueForHTTPHeaderField(firstBytes, "Range");
-        const auto second = session->dataTaskWithRequest(
-            look, [completion, unknown](platform::DataRef data,
-                                        std::shared_ptr<const platform::HTTPURLResponse> got,
-                                        platform::ErrorRef failure) {
-              const bool fetched =
-                  !failure && data && got && got->statusCode() >= 200 && got->statusCode() <= 299;
-              const auto seen = fetched ? contentTypeFromBytes(*data) : std::nullopt;
-              answer(completion, seen, seen ? nullptr : unknown);
-            });
-        second->resume();
+        loadAtMost(largestManifest, look, service,
+                   [completion, unknown](const platform::DataRef& data, const ResponseRef& got,
+                                         const platform::ErrorRef& failure) {
+                     const bool fetched =
+                         !failure && data && got && got->statusCode() >= 200 && got->statusCode() <= 299;
+                     const auto seen = fetched ? contentTypeFromBytes(*data) : std::nullopt;
+                     answer(completion, seen, seen ? nullptr : unknown);
+                   });
       });
-  task->resume();
 }
 
 } // namespace halvix

@@ -42,7 +42,7 @@ struct URLSessionConfiguration {
   std::int64_t minimumLengthForSplitting = 16LL << 20;
 
   /// Largest body that a data task takes into memory, in bytes; more fails with
-  /// NSURLErrorDataLengthExceedsMaximum.
+  /// NSURLErrorDataLengthExceedsMaximum, with the response.
   std::int64_t maximumDataLength = 256LL << 20;
 
   /// The service that hosts the session; none: the process's default.

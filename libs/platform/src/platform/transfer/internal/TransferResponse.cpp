@@ -103,6 +103,7 @@ bool Transfer::acceptStatus(const Decision& decision, const ResponseHead& head) 
 
 bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
   if (!_task.isDownload()) {
+    _task.setResponse(_head, 0, decision.expectedTotal);
     const auto most = _task.session()->configuration().maximumDataLength;
     if (decision.bodyLength > most)
       return breakOff(urlError(NSURLErrorDataLengthExceedsMaximum, _task.request().url(),
@@ -112,7 +113,6 @@ bool Transfer::acceptBody(const Decision& decision, const ResponseHead& head) {
     _memory = std::make_shared<Data>();
     if (decision.bodyLength > 0)
       _memory->reserve(static_cast<std::size_t>(decision.bodyLength));
-    _task.setResponse(_head, 0, decision.expectedTotal);
     return true;
   }
   _mayServeParts = head.status == 206 || headerValue(head.headers, "Accept-Ranges") != "none";
