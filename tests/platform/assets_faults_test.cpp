@@ -133,9 +133,7 @@ TEST_F(AssetFaultTest, WrongAnswersToRangesAreNeverStored) {
 TEST_F(AssetFaultTest, AnInterruptedSegmentGoesOnInTheNextProcess) {
   playlist("/v/list", segments(3));
   media(3);
-  Fault stall;
-  stall.stallAfter = 8000;
-  stall.gate = makeGate();
+  const Fault stall = stallingAfter(8000, makeGate());
   server.once("/v/s1.ts", stall);
   const auto first = start(asset(server.url("/v/list")));
   ASSERT_TRUE(stall.gate->waitUntilReached());
@@ -165,9 +163,7 @@ TEST_F(AssetFaultTest, AnInterruptedSegmentGoesOnInTheNextProcess) {
 TEST_F(AssetFaultTest, SuspendedItRestsAndCancelledItWritesNothingMore) {
   playlist("/v/list", segments(20));
   media(20);
-  Fault stall;
-  stall.stallAfter = 5000;
-  stall.gate = makeGate();
+  Fault stall = stallingAfter(5000, makeGate());
   server.once("/v/s3.ts", stall);
   const auto task = start(asset(server.url("/v/list")));
   ASSERT_TRUE(stall.gate->waitUntilReached());
