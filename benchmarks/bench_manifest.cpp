@@ -1,5 +1,5 @@
-// A manifest with a long timeline: parsed, bound and listed, against libxml2 parsing the same bytes into its
-// own tree.
+// Manifests with long timelines: parsed, bound and listed in every quality, against libxml2 parsing the same
+// bytes into its own tree.
 #include "benchmarks/Measure.h"
 
 #include "TolvaneDownloader/DASHDownloader/Internal/QVMovie.h"
@@ -15,7 +15,7 @@
 namespace {
 
 /// Every entry has a length of its own, as packagers write audio.
-platform::Data timelineOf(std::size_t entries) {
+platform::Data mpdOf(std::size_t entries) {
   std::string text = R"(<?xml version="1.0" encoding="UTF-8"?>
 <MPD xmlns="urn:mpeg:dash:schema:mpd:2011" type="static" mediaPresentationDuration="PT120H">
  <Period id="p" start="PT0S">
@@ -39,25 +39,49 @@ platform::Data timelineOf(std::size_t entries) {
   return {text.begin(), text.end()};
 }
 
-} // namespace
+/// Every chunk with all that an encoder writes about it.
+platform::Data smoothOf(std::size_t qualities, std::size_t chunks) {
+  std::string text = R"(<?xml version="1.0" encoding="UTF-8"?>
+<SmoothStreamingMedia MajorVersion="2" MinorVersion="0" TimeScale="10000000" Duration="1000000000000">
+ <StreamIndex Type="video" Name="video" Chunks=")" +
+                     std::to_string(chunks) + "\" QualityLevels=\"" + std::to_string(qualities) +
+                     R"(" MaxWidth="1920" MaxHeight="1080" DisplayWidth="1920" DisplayHeight="1080" )"
+                     "Url=\"QualityLevels({bitrate})/Fragments(video={start time})\">\n";
+  for (std::size_t i = 0; i < qualities; ++i)
+    text += "  <QualityLevel Index=\"" + std::to_string(i) + "\" Bitrate=\"" +
+            std::to_string(500'000 * (i + 1)) +
+            R"(" FourCC="H264" MaxWidth="1920" MaxHeight="1080" CodecPrivateData="000000016742C00BDA0A37E4"/>
+)";
+  std::size_t time = 0;
+  for (std::size_t i = 0; i < chunks; ++i) {
+    const std::size_t length = 20'000'000 + i % 7;
+    text += "  <c n=\"" + std::to_string(i) + "\" t=\"" + std::to_string(time) + "\" d=\"" +
+            std::to_string(length) + "\"/>\n";
+    time += length;
+  }
+  text += " </StreamIndex>\n</SmoothStreamingMedia>\n";
+  return {text.begin(), text.end()};
+}
 
-int main(int argc, char** argv) {
-  const std::size_t runs = bench::option(argc, argv, "--runs", 5);
-  const std::size_t entries = bench::option(argc, argv, "--entries", 100'000);
-  const platform::Data manifest = timelineOf(entries);
-  std::vector<double> ours, reading, listing, libxml;
+/// Reports what one manifest takes, under names that begin with `name`; false when it could not be measured.
+bool measure(const std::string& name, const platform::Data& manifest, std::size_t qualities,
+             std::size_t resources, std::size_t runs) {
+  std::vector<double> ours, reading, listing, libxml, bytes;
   for (std::size_t run = 0; run < runs + 1; ++run) {
     std::shared_ptr<QVPlaylist> playlist;
-    QVResourceListRef list;
+    std::vector<QVResourceListRef> lists;
     const double read =
         bench::millisecondsOf([&] { playlist = QVPlaylistFactory::generateWithData(manifest); });
+    const std::size_t before = bench::heapInUse();
     const double listed = bench::millisecondsOf([&] {
-      list = playlist->movies()[0]->tracks()[0]->qualities()[0]->resourceBuilder()->fillResourcesWithBaseURL(
-          "http://host/movie/");
+      for (const auto& quality : playlist->movies()[0]->tracks()[0]->qualities())
+        lists.push_back(quality->resourceBuilder()->fillResourcesWithBaseURL("http://host/movie/"));
     });
-    if (list->size() != entries + 1)
-      return std::fprintf(stderr, "%zu resources were listed\n", list->size()), 1;
-    list.reset(), playlist.reset();
+    const std::size_t after = bench::heapInUse();
+    for (const auto& list : lists)
+      if (lists.size() != qualities || list->size() != resources)
+        return std::fprintf(stderr, "%zu resources were listed\n", list->size()), false;
+    lists.clear(), playlist.reset();
     bench::settleHeap();
 
     xmlDocPtr document = nullptr;
@@ -66,16 +90,30 @@ int main(int argc, char** argv) {
                                static_cast<int>(manifest.size()), nullptr, nullptr, XML_PARSE_NONET);
     });
     if (!document)
-      return std::fputs("libxml2 refused the manifest\n", stderr), 1;
+      return std::fputs("libxml2 refused the manifest\n", stderr), false;
     xmlFreeDoc(document);
     bench::settleHeap();
     if (run == 0)
       continue; // the first one pays for fresh pages
     ours.push_back(read + listed), reading.push_back(read), listing.push_back(listed),
         libxml.push_back(parsed);
+    bytes.push_back(static_cast<double>(after - before) / static_cast<double>(qualities * resources));
   }
-  bench::report("manifest", bench::median(ours), "ms", bench::median(libxml));
-  bench::report("manifest_parse_and_bind", bench::median(reading), "ms");
-  bench::report("manifest_list", bench::median(listing), "ms");
-  return 0;
+  bench::report(name.c_str(), bench::median(ours), "ms", bench::median(libxml));
+  bench::report((name + "_parse_and_bind").c_str(), bench::median(reading), "ms");
+  bench::report((name + "_list").c_str(), bench::median(listing), "ms");
+  bench::report((name + "_memory").c_str(), bench::median(bytes), "bytes");
+  return true;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+  const std::size_t runs = bench::option(argc, argv, "--runs", 5);
+  const std::size_t entries = bench::option(argc, argv, "--entries", 100'000);
+  const std::size_t chunks = bench::option(argc, argv, "--chunks", 50'000);
+  constexpr std::size_t qualities = 6;
+  const bool done = measure("manifest", mpdOf(entries), 1, entries + 1, runs) &&
+                    measure("smooth_manifest", smoothOf(qualities, chunks), qualities, chunks, runs);
+  return done ? 0 : 1;
 }

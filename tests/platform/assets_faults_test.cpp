@@ -208,9 +208,7 @@ TEST_F(AssetFaultTest, WhatIsLeftOfACancelledTaskEndsWithIt) {
 TEST_F(AssetFaultTest, SuspendedItRestsAndCancelledItWritesNothingMore) {
   playlist("/v/list", segments(20));
   media(20);
-  Fault stall;
-  stall.stallAfter = 5000;
-  stall.gate = makeGate();
+  Fault stall = stallingAfter(5000, makeGate());
   server.once("/v/s3.ts", stall);
   const auto task = start(asset(server.url("/v/list")));
   ASSERT_TRUE(stall.gate->waitUntilReached());

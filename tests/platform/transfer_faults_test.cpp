@@ -237,10 +237,7 @@ TEST_F(TransferServiceTest, StallsEndWithResumeData) {
   auto gate = makeGate();
   auto content = bytes(200'000);
   server.serve("/a", {content, "\"1\"", OldDate});
-  Fault stall;
-  stall.stallAfter = 70'000;
-  stall.gate = gate;
-  server.once("/a", stall);
+  server.once("/a", stallingAfter(70'000, gate));
   configuration.timeoutIntervalForRequest = std::chrono::milliseconds(300);
   open();
   auto record = finish(start("/a"));

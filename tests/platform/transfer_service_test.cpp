@@ -120,10 +120,7 @@ TEST_F(TransferServiceTest, SuspendKeepsTheBytesAndFreesTheConnection) {
   auto gate = makeGate();
   auto content = bytes(200'000);
   server.serve("/a", {content, "\"1\"", OldDate});
-  Fault stall;
-  stall.stallAfter = 120'000;
-  stall.gate = gate;
-  server.once("/a", stall);
+  server.once("/a", stallingAfter(120'000, gate));
   open();
   auto task = start("/a");
   ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), 120'000));
@@ -142,9 +139,7 @@ TEST_F(TransferServiceTest, SuspendKeepsTheBytesAndFreesTheConnection) {
 TEST_F(TransferServiceTest, CancellingCompletesOnceInEveryState) {
   auto gate = makeGate();
   server.serve("/a", {bytes(200'000), "\"1\"", OldDate});
-  Fault stall;
-  stall.stallAfter = 120'000;
-  stall.gate = gate;
+  const Fault stall = stallingAfter(120'000, gate);
   open();
   auto created = session->downloadTaskWithRequest(request("/a"));
   created->cancel();
@@ -212,10 +207,7 @@ TEST_F(TransferServiceTest, DataTasks) {
 
 TEST_F(TransferServiceTest, KeepsToTheCapAndReusesConnections) {
   auto gate = makeGate();
-  Fault hold;
-  hold.stallAfter = 10;
-  hold.gate = gate;
-  server.serve("/held", {bytes(1000), "\"1\"", OldDate}, hold);
+  server.serve("/held", {bytes(1000), "\"1\"", OldDate}, stallingAfter(10, gate));
   server.serve("/a", {bytes(1000), "\"1\"", OldDate});
   configuration.HTTPMaximumConnectionsPerHost = 3;
   configuration.timeoutIntervalForRequest = std::chrono::seconds(30);
@@ -248,10 +240,7 @@ TEST_F(TransferServiceTest, TasksThatWaitCostLittle) {
   tasks.clear();
 
   auto gate = makeGate();
-  Fault stall;
-  stall.stallAfter = 10'000;
-  stall.gate = gate;
-  server.serve("/held", {bytes(20'000), "\"1\"", OldDate}, stall);
+  server.serve("/held", {bytes(20'000), "\"1\"", OldDate}, stallingAfter(10'000, gate));
   configuration.HTTPMaximumConnectionsPerHost = 100;
   open();
   for (int i = 0; i < 100; ++i)
@@ -272,10 +261,7 @@ TEST_F(TransferServiceTest, TasksThatWaitCostLittle) {
 
 TEST_F(TransferServiceTest, InvalidationEndsEverythingOnce) {
   auto gate = makeGate();
-  Fault hold;
-  hold.stallAfter = 10;
-  hold.gate = gate;
-  server.serve("/held", {bytes(1000), "\"1\"", OldDate}, hold);
+  server.serve("/held", {bytes(1000), "\"1\"", OldDate}, stallingAfter(10, gate));
   open("name");
   auto running = start("/held");
   auto waiting = session->downloadTaskWithRequest(request("/held"));
@@ -303,10 +289,7 @@ TEST_F(TransferServiceTest, ABackgroundSessionSurvives) {
   auto gate = makeGate();
   auto content = bytes(200'000);
   server.serve("/a", {content, "\"1\"", OldDate});
-  Fault stall;
-  stall.stallAfter = 120'000;
-  stall.gate = gate;
-  server.once("/a", stall);
+  server.once("/a", stallingAfter(120'000, gate));
   open("name");
   auto running = start("/a");
   running->setTaskDescription("the running one");
@@ -337,10 +320,7 @@ TEST_F(TransferServiceTest, ANewRequestAdoptsAnOrphan) {
   auto content = bytes(200'000);
   auto gate = makeGate();
   server.serve("/a", {content, "\"1\"", OldDate});
-  Fault stall;
-  stall.stallAfter = 120'000;
-  stall.gate = gate;
-  server.once("/a", stall);
+  server.once("/a", stallingAfter(120'000, gate));
   open("gone");
   auto task = start("/a");
   ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), 120'000));

@@ -88,9 +88,7 @@ class SplitTransferTest : public TransferServiceTest {
 protected:
   /// The request for the whole stops after a megabyte; those for parts are answered by `parts`.
   void serveLarge(const ServerHandler& parts) {
-    Fault stall;
-    stall.stallAfter = Mega;
-    stall.gate = gate;
+    const Fault stall = stallingAfter(Mega, gate);
     server.handle("/a", [whole = FaultServer::entity(entity, stall), parts](const ServerRequest& request,
                                                                             ServerConnection& connection) {
       (request.header("Range").empty() ? whole : parts)(request, connection);
@@ -205,9 +203,7 @@ TEST_F(SplitTransferTest, GetsAlongWithShortPartsAndFewConnections) {
 }
 
 TEST_F(SplitTransferTest, LeavesAPieceToTheConnectionThatCameToItFirst) {
-  Fault slow;
-  slow.stallAfter = 100'000;
-  slow.gate = makeGate();
+  const Fault slow = stallingAfter(100'000, makeGate());
   const auto late = makeGate();
   std::atomic<int> parts = 0;
   serveLarge([&, helper = FaultServer::entity(entity, slow), plain = FaultServer::entity(entity)](
@@ -242,10 +238,7 @@ TEST_F(SplitTransferTest, KeepsItsHolesOverPausesAndNeverMixes) {
     std::this_thread::yield();
   const auto held = task->countOfBytesReceived();
   const auto before = static_cast<std::ptrdiff_t>(askedParts().size());
-  Fault stall;
-  stall.stallAfter = Mega;
-  stall.gate = gate;
-  server.serve("/a", entity, stall);
+  server.serve("/a", entity, stallingAfter(Mega, gate));
   task->resume();
   ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), held + Mega));
   HeldRanges asked;
@@ -268,9 +261,7 @@ TEST_F(SplitTransferTest, KeepsItsHolesOverPausesAndNeverMixes) {
 }
 
 TEST_F(SplitTransferTest, MakesRoomForOthersAndCancelsCleanly) {
-  Fault stall;
-  stall.stallAfter = 100'000;
-  stall.gate = gate;
+  const Fault stall = stallingAfter(100'000, gate);
   serveLarge(FaultServer::entity(entity, stall));
   server.serve("/small", {bytes(1000), "\"1\"", OldDate});
   configuration.HTTPMaximumConnectionsPerHost = 3;

@@ -217,11 +217,8 @@ TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
   const std::string content(600'000, 'x');
   FaultServer server;
   auto gate = makeGate();
-  Fault stall;
-  stall.stallAfter = 400'000;
-  stall.gate = gate;
   server.serve("/a", {content, "\"1\"", OldDate});
-  server.once("/a", stall);
+  server.once("/a", stallingAfter(400'000, gate));
   child.start(server.url("/a"));
   ASSERT_TRUE(gate->waitUntilReached(1));
   // The description of what is held is written a moment after the bytes.

@@ -99,9 +99,7 @@ TEST_F(URLConnectionTest, WaitsForASlowReader) {
 
 TEST_F(URLConnectionTest, EndsExactlyOnce) {
   auto gate = makeGate();
-  Fault held;
-  held.stallAfter = 10;
-  held.gate = gate;
+  const Fault held = stallingAfter(10, gate);
   server.serve("/held", {std::string(100, 'x'), "", ""}, held);
   const auto expectCancelled = [&](const std::shared_ptr<Reader>& reader) {
     ASSERT_TRUE(reader->waitForEnd());
@@ -147,9 +145,7 @@ TEST_F(URLConnectionTest, EndsExactlyOnce) {
 
 TEST_F(URLConnectionTest, GivesUpOnAServerThatSendsNothing) {
   auto gate = makeGate();
-  Fault held;
-  held.stallAfter = 10;
-  held.gate = gate;
+  const Fault held = stallingAfter(10, gate);
   server.serve("/held", {std::string(100, 'x'), "", ""}, held);
   configuration.timeoutIntervalForRequest = std::chrono::milliseconds(1000);
   auto reader = std::make_shared<Reader>();

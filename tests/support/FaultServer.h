@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace support {
@@ -105,6 +106,14 @@ struct Fault {
   std::optional<int> status;               ///< instead of the right one
   platform::HTTPHeaders headers;           ///< added, or replacing
 };
+
+/// Sends so many bytes, then waits at the gate.
+inline Fault stallingAfter(std::size_t bytes, GateRef gate) {
+  Fault fault;
+  fault.stallAfter = bytes;
+  fault.gate = std::move(gate);
+  return fault;
+}
 
 /// A scripted HTTP/1.1 server on 127.0.0.1 for what a well-behaved server never does.
 ///

@@ -1,15 +1,12 @@
 #include "tests/support/HLSMedia.h"
 
 #include "tests/support/Command.h"
+#include "tests/support/MediaCache.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <algorithm>
 #include <charconv>
-#include <fcntl.h>
 #include <filesystem>
-#include <stdexcept>
-#include <sys/file.h>
-#include <unistd.h>
 
 namespace support {
 
@@ -17,21 +14,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Arguments = std::vector<std::string>;
-
-class FileLock {
-public:
-  explicit FileLock(const std::string& path)
-      : _file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-    if (_file < 0 || ::flock(_file, LOCK_EX) != 0)
-      throw std::runtime_error("cannot lock " + path);
-  }
-  ~FileLock() { ::close(_file); }
-  FileLock(const FileLock&) = delete;
-  FileLock& operator=(const FileLock&) = delete;
-
-private:
-  const int _file;
-};
 
 void write(const fs::path& file, std::string_view content) {
   std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
@@ -150,24 +132,16 @@ void makeFragmented(const fs::path& directory) {
 
 } // namespace
 
-HLSMedia makeHLSMedia(HLSForm form, const std::string& cacheDirectory) {
+HLSMedia makeHLSMedia(HLSForm form) {
   static constexpr const char* names[] = {"hls-ts", "hls-encrypted", "hls-single-fmp4", "hls-fragmented"};
-  const fs::path cache = cacheDirectory.empty() ? fs::path(TEST_MEDIA_DIRECTORY) : fs::path(cacheDirectory);
-  const fs::path target = cache / names[static_cast<int>(form)];
-  fs::create_directories(cache);
-  const FileLock lock(target.string() + ".lock");
-  if (!fs::exists(target)) {
-    const fs::path unfinished = target.string() + ".unfinished";
-    fs::remove_all(unfinished);
-    fs::create_directories(unfinished);
-    if (form == HLSForm::FragmentedWithGroups)
-      makeFragmented(unfinished);
-    else
-      makeTransportStreams(form, unfinished);
-    fs::rename(unfinished, target);
-  }
   HLSMedia media;
-  media.directory = target.string();
+  media.directory = cachedMedia(names[static_cast<int>(form)], [&](const fs::path& directory) {
+    if (form == HLSForm::FragmentedWithGroups)
+      makeFragmented(directory);
+    else
+      makeTransportStreams(form, directory);
+    return directory;
+  });
   media.mediaPlaylists = {"90/media.m3u8", "180/media.m3u8"};
   return media;
 }

@@ -24,8 +24,8 @@ struct HLSMedia {
 /// An HLS presentation of a test pattern and sine tones, made by ffmpeg; 4 segments of a second for each
 /// stream.
 ///
-/// Kept and shared like the media of MediaFactory.h; see there.
-HLSMedia makeHLSMedia(HLSForm form, const std::string& cacheDirectory = {});
+/// Kept and shared; see MediaCache.h.
+HLSMedia makeHLSMedia(HLSForm form);
 
 /// Decodes the streams of a local playlist with ffmpeg, without a network, and answers the duration of the
 /// shortest in seconds: `streams` are those that it must have, as ffmpeg specifiers ("v", "a:1"); captions

@@ -1,38 +1,19 @@
 #include "tests/support/MediaFactory.h"
 
 #include "tests/support/Command.h"
+#include "tests/support/MediaCache.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <algorithm>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <limits>
-#include <stdexcept>
-#include <sys/file.h>
-#include <unistd.h>
 
 namespace support {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-/// Held by the process that makes a presentation; the others wait for it.
-class FileLock {
-public:
-  explicit FileLock(const std::string& path)
-      : _file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-    if (_file < 0 || ::flock(_file, LOCK_EX) != 0)
-      throw std::runtime_error("cannot lock " + path);
-  }
-  ~FileLock() { ::close(_file); }
-  FileLock(const FileLock&) = delete;
-  FileLock& operator=(const FileLock&) = delete;
-
-private:
-  const int _file;
-};
 
 std::vector<std::string> addressingArguments(Addressing addressing) {
   switch (addressing) {
@@ -140,24 +121,16 @@ bool canMakeMedia() {
   return !findProgram("ffmpeg").empty();
 }
 
-Media makeMedia(const MediaOptions& options, const std::string& cacheDirectory) {
-  const fs::path cache = cacheDirectory.empty() ? fs::path(TEST_MEDIA_DIRECTORY) : fs::path(cacheDirectory);
-  const fs::path target = cache / nameOf(options);
+Media makeMedia(const MediaOptions& options) {
   const bool smooth = options.addressing == Addressing::Smooth;
-  fs::create_directories(cache);
-  const FileLock lock(target.string() + ".lock");
-  if (!fs::exists(target)) {
-    const fs::path unfinished = target.string() + ".unfinished";
-    fs::remove_all(unfinished);
-    fs::create_directories(unfinished);
-    runCommand(encodeCommand(options), unfinished.string());
-    if (smooth)
-      completeSmoothManifest(unfinished / "movie", options);
-    fs::rename(smooth ? unfinished / "movie" : unfinished, target);
-    fs::remove_all(unfinished);
-  }
   Media media;
-  media.directory = target.string();
+  media.directory = cachedMedia(nameOf(options), [&](const fs::path& directory) {
+    runCommand(encodeCommand(options), directory.string());
+    if (!smooth)
+      return directory;
+    completeSmoothManifest(directory / "movie", options);
+    return directory / "movie";
+  });
   if (smooth)
     media.manifest = "Manifest";
   return media;

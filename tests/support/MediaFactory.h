@@ -29,10 +29,9 @@ struct Media {
 
 /// A DASH or Smooth Streaming presentation of a test pattern and sine tones, made by ffmpeg.
 ///
-/// The files are kept for later runs, below `cacheDirectory` (empty: in the build directory), and shared: do
-/// not change them. Several processes may ask for one presentation at once. Raises std::runtime_error when
-/// ffmpeg is missing or fails.
-Media makeMedia(const MediaOptions& options = {}, const std::string& cacheDirectory = {});
+/// The files are kept and shared; see MediaCache.h. Raises std::runtime_error when ffmpeg is missing or
+/// fails.
+Media makeMedia(const MediaOptions& options = {});
 
 /// True when ffmpeg is there to make media with.
 bool canMakeMedia();

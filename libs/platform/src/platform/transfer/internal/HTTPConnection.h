@@ -1,7 +1,10 @@
 #pragma once
 
 #include "platform/transfer/URLConnection.h"
+#include "platform/transfer/internal/CurlRequest.h"
 #include "platform/transfer/internal/HTTPRules.h"
+#include "platform/transfer/internal/Redirects.h"
+#include "platform/transfer/internal/ResponseHead.h"
 
 #include <atomic>
 #include <chrono>
@@ -10,8 +13,6 @@
 #include <optional>
 #include <set>
 #include <string>
-
-struct curl_slist;
 
 namespace platform::transfer {
 
@@ -47,8 +48,6 @@ private:
   // On the loop's thread.
   void ask();
   void configure();
-  HTTPHeaders headersToSend() const;
-  bool headerLine(std::string_view line);
   void headIsComplete();
   std::size_t body(const char* bytes, std::size_t count);
   void follow();
@@ -75,25 +74,18 @@ private:
   std::atomic<std::size_t> _undelivered{0}; ///< body bytes that wait on the queue
 
   void* _handle = nullptr; ///< a CURL*
-  curl_slist* _headers = nullptr;
+  CurlSetup _setup;
   enum class Next { Deliver, Redirect, Challenge } _next = Next::Deliver;
-  URL _url;
-  std::string _method;
+  Hop _hop;
   std::set<std::string> _visited;
-  bool _leftOrigin = false;
   std::optional<URLCredential> _credential;
   ChallengeOffer _offer;
   int _refusals = 0;
-  bool _firstRefusalIsOurs = false; ///< digest: libcurl answers the first 401 by itself
-  bool _headPending = false;        ///< such a 401, which counts only when its body follows
-  bool _headSeen = false;
+  HeadReader _head;
   bool _paused = false;
   std::chrono::steady_clock::time_point _lastActivity;
-  int _status = 0;
-  HTTPHeaders _fields;
   std::string _page; ///< body of a challenge, for the case that nobody answers it
-  std::size_t _drained = 0;
-  char _detail[256] = {};
+  std::int64_t _drained = 0;
 };
 
 } // namespace platform::transfer

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/transfer/internal/Exchange.h"
+#include "platform/transfer/internal/ResponsePolicy.h"
 #include "platform/transfer/internal/SplitPlan.h"
 
 #include <chrono>

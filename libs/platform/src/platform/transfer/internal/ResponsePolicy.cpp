@@ -1,5 +1,7 @@
 #include "platform/transfer/internal/ResponsePolicy.h"
 
+#include "platform/transfer/internal/Redirects.h"
+
 #include <algorithm>
 
 namespace platform::transfer {
@@ -124,22 +126,16 @@ bool provesParts(const Asked& asked, const HTTPHeaders& headers) {
 Decision decide(const Asked& asked, const ResponseHead& head, std::chrono::seconds retryAfterLimit,
                 std::time_t now) {
   const auto& headers = head.headers;
+  if (isRedirect(head.status) && headers.contains("Location")) {
+    Decision decision;
+    decision.verdict = Verdict::Redirect;
+    return decision;
+  }
   switch (head.status) {
   case 200:
     return decideWhole(asked, headers);
   case 206:
     return decidePartial(asked, headers);
-  case 301:
-  case 302:
-  case 303:
-  case 307:
-  case 308:
-    if (headers.contains("Location")) {
-      Decision decision;
-      decision.verdict = Verdict::Redirect;
-      return decision;
-    }
-    break;
   case 401:
     if (auto offer = parseChallenge(headerValue(headers, "WWW-Authenticate"))) {
       auto decision = bodyAsReceived(Verdict::Challenge, headers);

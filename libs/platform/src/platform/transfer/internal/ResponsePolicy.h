@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/transfer/internal/HTTPRules.h"
+#include "platform/transfer/internal/ResponseHead.h"
 
 #include <chrono>
 #include <cstdint>
@@ -30,11 +31,6 @@ struct Asked {
 
   /// A Range of ours goes on with an earlier response.
   bool continues() const { return held > 0 || end >= 0; }
-};
-
-struct ResponseHead {
-  int status = 0;
-  HTTPHeaders headers;
 };
 
 /// What to do with a response, decided before its first body byte is used.

@@ -24,7 +24,8 @@ constexpr std::chrono::milliseconds SyncInterval{1000};
 } // namespace
 
 Transfer::Transfer(TaskState& task, Network& network)
-    : _task(task), _network(network), _pieces(network, task.shared_from_this(), *this, _plan) {}
+    : _task(task), _network(network), _hop(firstHop()),
+      _pieces(network, task.shared_from_this(), *this, _plan) {}
 
 Transfer::~Transfer() {
   _exchange.reset();
@@ -154,14 +155,13 @@ void Transfer::prepared(std::optional<Claim> claim, bool named) {
 void Transfer::attempt() {
   if (!choosePiece())
     return;
-  _place = {};
+  _hop = firstHop();
   _visited.clear();
-  _hopMethod = _task.request().HTTPMethod();
   ask();
 }
 
 void Transfer::ask() {
-  const auto& url = _place.hop ? *_place.hop : _task.request().url();
+  const auto& url = _hop.url;
   if (!url.isHTTP()) {
     fail(errorForCurlCode(CURLE_UNSUPPORTED_PROTOCOL, url, ""));
     return;
@@ -170,7 +170,7 @@ void Transfer::ask() {
     fail(urlError(NSURLErrorBadURL, url, "The URL names no server"));
     return;
   }
-  _visited.insert(_hopMethod + " " + url.absoluteString());
+  _visited.insert(_hop.key());
   _placeOrigin = originOf(url);
   _phase = Phase::Waiting;
   _network.askForPlace(_task.shared_from_this(), _placeOrigin, cap());
@@ -192,25 +192,16 @@ std::optional<std::string> Transfer::ifRange() const {
   return _byDate ? _description.validators.lastModified : _description.validators.ifRange();
 }
 
-Exchange::Request Transfer::plainRequest(const Place& place, Asked& asked) const {
-  const auto& original = _task.request();
-  Exchange::Request request{place.hop ? *place.hop : original.url(), _hopMethod, {}, {}, {}};
-  request.headers = original.allHTTPHeaderFields();
-  for (const auto& [name, value] : _task.session()->configuration().HTTPAdditionalHeaders)
-    request.headers.emplace(name, value);
-  if (place.leftOrigin) {
-    // Another host learns nothing that was meant for the first one.
-    HTTPHeaders neutral;
-    for (const char* name : {"Accept", "Accept-Encoding", "Accept-Language", "Range", "User-Agent"})
-      if (auto found = request.headers.find(name); found != request.headers.end())
-        neutral.insert(*found);
-    request.headers = std::move(neutral);
-  } else if (_credential) {
+Exchange::Request Transfer::plainRequest(const Hop& hop, Asked& asked) const {
+  Exchange::Request request{
+      hop.url, hop.method,
+      headersFor(hop, _task.request(), _task.session()->configuration().HTTPAdditionalHeaders)};
+  if (!hop.leftOrigin) {
     request.credential = _credential;
     request.scheme = _credentialScheme;
   }
   asked = {};
-  asked.method = _hopMethod;
+  asked.method = hop.method;
   asked.ownRange = headerValue(request.headers, "Range");
   return request;
 }
@@ -228,8 +219,8 @@ void Transfer::askForPart(Exchange::Request& request, Asked& asked, std::int64_t
 }
 
 Exchange::Request Transfer::makeRequest() {
-  auto request = plainRequest(_place, _asked);
-  if (held() > 0 && (!_resumable || !ifRange() || _hopMethod != "GET"))
+  auto request = plainRequest(_hop, _asked);
+  if (held() > 0 && (!_resumable || !ifRange() || _hop.method != "GET"))
     _file->setHeld({});
   if (_askWhole || (held() == 0 && !_pieces.isRunning())) {
     _own = {0, Piece::Open, false};
@@ -259,7 +250,7 @@ void Transfer::stopExchange() {
 }
 
 void Transfer::exchangeFinished(int code, bool onReusedConnection, const std::string& detail) {
-  const auto url = _place.hop ? *_place.hop : _task.request().url();
+  const auto url = _hop.url;
   const bool hadHead = _exchange->hasHead();
   _network.giveBackPlace(_placeOrigin, cap());
   _exchange.reset();
@@ -347,7 +338,7 @@ void Transfer::askDelegate() {
   _phase = Phase::Challenged;
   const auto ticket = ++_ticket;
   AuthenticationChallenge challenge;
-  challenge.host = (_place.hop ? *_place.hop : _task.request().url()).host().value_or("");
+  challenge.host = _hop.url.host().value_or("");
   challenge.realm = _decision.challenge.realm;
   challenge.scheme = _decision.challenge.scheme;
   challenge.previousFailureCount = _refusals;
@@ -388,7 +379,7 @@ void Transfer::tick(Clock::time_point now) {
   if (_phase == Phase::Active && now - std::max(_exchange->lastActivity(), _pieces.lastActivity()) >
                                      _task.session()->configuration().timeoutIntervalForRequest) {
     stopExchange();
-    fail(errorForCurlCode(CURLE_OPERATION_TIMEDOUT, _place.hop ? *_place.hop : _task.request().url(), ""));
+    fail(errorForCurlCode(CURLE_OPERATION_TIMEDOUT, _hop.url, ""));
     return;
   }
   _pieces.tick(now);

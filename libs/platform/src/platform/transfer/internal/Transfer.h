@@ -3,6 +3,7 @@
 #include "platform/transfer/internal/Exchange.h"
 #include "platform/transfer/internal/PartialStore.h"
 #include "platform/transfer/internal/Pieces.h"
+#include "platform/transfer/internal/Redirects.h"
 #include "platform/transfer/internal/ResponsePolicy.h"
 #include "platform/transfer/internal/SplitPlan.h"
 #include "platform/transfer/internal/Task.h"
@@ -51,12 +52,6 @@ private:
   enum class Sink { None, Partial, Page, Memory, Nowhere };
   /// What follows an exchange that was not the last one.
   enum class Next { Finish, Again, Redirect, Delay, Challenge, Piece, Rest };
-  /// Where redirects have led.
-  struct Place {
-    std::optional<URL> hop;
-    bool leftOrigin = false;
-    friend bool operator==(const Place&, const Place&) = default;
-  };
 
   bool exchangeHead(ResponseHead head) override;
   bool exchangeBody(const char* bytes, std::size_t count) override;
@@ -67,9 +62,10 @@ private:
   void prepared(std::optional<Claim> claim, bool named);
   void attempt();
   void ask();
+  Hop firstHop() const { return {_task.request().url(), _task.request().HTTPMethod()}; }
   bool choosePiece();
   Exchange::Request makeRequest();
-  Exchange::Request plainRequest(const Place& place, Asked& asked) const;
+  Exchange::Request plainRequest(const Hop& hop, Asked& asked) const;
   void askForPart(Exchange::Request& request, Asked& asked, std::int64_t from, std::int64_t end) const;
   std::optional<std::string> ifRange() const;
   int cap() const;
@@ -139,9 +135,8 @@ private:
 
   // The running try
   std::unique_ptr<Exchange> _exchange;
-  Place _place;
+  Hop _hop;
   std::set<std::string> _visited;
-  std::string _hopMethod;
   std::string _placeOrigin; ///< non-empty while a place is held or asked for
   Asked _asked;
   Decision _decision;
@@ -166,7 +161,7 @@ private:
   bool _announcesParts = false;
   bool _askWhole = false; ///< the server was wrong about a part
   bool _mapping = false;
-  Place _piecesPlace;
+  std::optional<Hop> _piecesHop;
   Pieces _pieces;
 
   // Over all tries

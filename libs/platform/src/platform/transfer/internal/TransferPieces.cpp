@@ -21,7 +21,7 @@ bool Transfer::choosePiece() {
     return false;
   }
   Asked known;
-  auto scratch = plainRequest({}, known);
+  auto scratch = plainRequest(firstHop(), known);
   known.base = _description.base;
   known.total = _description.total;
   _length = expectedLength(known);
@@ -60,7 +60,7 @@ void Transfer::considerSplitting() {
       (!_file->isMapped() && (minimum <= 0 || _length - held() < minimum)))
     return;
   if (_file->isMapped()) {
-    if (!_pieces.isStarted() || !(_piecesPlace == _place))
+    if (!_pieces.isStarted() || _piecesHop != _hop)
       later([](Transfer& self) { self.startPieces(); });
     return;
   }
@@ -80,7 +80,7 @@ void Transfer::considerSplitting() {
 void Transfer::startPieces() {
   if (_phase != Phase::Active || _sink != Sink::Partial || _askWhole || !_file || !_file->isMapped())
     return;
-  _piecesPlace = _place;
+  _piecesHop = _hop;
   // From here to the end was all its own; what others do not take it goes on to.
   const auto before = _own.end;
   _own.end = _own.at;
@@ -91,7 +91,7 @@ void Transfer::startPieces() {
 }
 
 Exchange::Request Transfer::requestForPiece(const Piece& piece, Asked& asked) {
-  auto request = plainRequest(_piecesPlace, asked);
+  auto request = plainRequest(*_piecesHop, asked);
   request.method = asked.method = "GET";
   askForPart(request, asked, piece.at, piece.end);
   return request;

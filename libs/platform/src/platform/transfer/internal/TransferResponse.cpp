@@ -17,9 +17,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t MostRedirects = 20;
-// A body that is of no use is read to its end when it is short, which keeps the connection.
-constexpr std::int64_t MostDrained = 64 * 1024;
 // Delegates hear of progress this often at most.
 constexpr std::chrono::milliseconds ReportInterval{50};
 // After so many bytes the clock is looked at for that.
@@ -38,7 +35,7 @@ bool Transfer::exchangeHead(ResponseHead head) {
 }
 
 bool Transfer::accept(Decision decision, ResponseHead head) {
-  const auto& url = _place.hop ? *_place.hop : _task.request().url();
+  const auto& url = _hop.url;
   const auto status = decision.verdict == Verdict::HoldsAll ? 206 : head.status;
   _head = std::make_shared<const HTTPURLResponse>(url, status, head.headers);
   _sink = Sink::Nowhere;
@@ -67,7 +64,7 @@ bool Transfer::accept(Decision decision, ResponseHead head) {
   case Verdict::Redirect:
     return follow(head);
   case Verdict::Challenge:
-    if (_place.leftOrigin)
+    if (_hop.leftOrigin)
       return acceptStatus(decision, head);
     _next = Next::Challenge;
     _sink = _task.isDownload() ? Sink::Page : Sink::Memory;
@@ -218,23 +215,9 @@ bool Transfer::giveUpHeld(const std::string& reason) {
 }
 
 bool Transfer::follow(const ResponseHead& head) {
-  const auto from = _place.hop ? *_place.hop : _task.request().url();
-  auto location = headerValue(head.headers, "Location");
-  auto target = URL::URLWithString(location, &from);
-  if (!target)
-    return breakOff(urlError(NSURLErrorRedirectToNonExistentLocation, from,
-                             "The server redirects to \"" + location + "\", which is no URL"));
-  if (!target->isHTTP())
-    return breakOff(urlError(NSURLErrorUnsupportedURL, *target,
-                             "The server redirects to a URL that is neither http nor https"));
-  if ((head.status == 303 && _hopMethod != "HEAD") ||
-      ((head.status == 301 || head.status == 302) && _hopMethod == "POST"))
-    _hopMethod = "GET";
-  if (_visited.size() > MostRedirects || _visited.contains(_hopMethod + " " + target->absoluteString()))
-    return breakOff(urlError(NSURLErrorHTTPTooManyRedirects, _task.request().url(),
-                             "The server redirects too often, or in a circle"));
-  _place.leftOrigin = _place.leftOrigin || originOf(*target) != originOf(from);
-  _place.hop = target;
+  if (auto error =
+          _hop.follow(head.status, headerValue(head.headers, "Location"), _visited, _task.request().url()))
+    return breakOff(std::move(error));
   _next = Next::Redirect;
   return true;
 }
