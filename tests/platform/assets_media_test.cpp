@@ -53,7 +53,7 @@ TEST_F(AssetMediaTest, KeysAreFetchedAndReadableByTheirOwnerOnly) {
   EXPECT_NEAR(decodedSeconds(AssetPackage::masterPlaylistPath(package), {"v", "a"}), 4, 0.1);
   std::size_t keys = 0;
   for (const auto& entry : fs::recursive_directory_iterator(package))
-    if (entry.path().extension() == ".key") {
+    if (entry.path().string().ends_with(".key.ts")) {
       ++keys;
       EXPECT_EQ(fs::status(entry).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     }

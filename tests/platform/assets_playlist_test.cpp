@@ -19,10 +19,10 @@ PlaylistRef read(std::string text, const std::string& url = "http://host/a/list.
   return std::make_shared<const Playlist>(std::move(text), *URL::URLWithString(url), imported);
 }
 
-std::unique_ptr<StreamPlan> planned(const PlaylistRef& playlist) {
+std::unique_ptr<StreamPlan> planned(const PlaylistRef& playlist, StreamKind kind = StreamKind::Video) {
   EXPECT_EQ(playlist->error(), "");
   ErrorRef error;
-  auto plan = StreamPlan::make(playlist, StreamKind::Video, "video", error);
+  auto plan = StreamPlan::make(playlist, kind, "video", error);
   EXPECT_FALSE(error) << error->localizedDescription();
   return plan;
 }
@@ -113,9 +113,31 @@ TEST(AssetPlaylist, WhatItSaysIsKeptAndLeadsToFilesNamedByUs) {
           "KEYFORMAT=\"com.example.drm\",KEYFORMATVERSIONS=\"1\"\n#EXT-X-MAP:URI=\"" +
           name(2) +
           "\"\n#EXT-X-DATERANGE:ID=\"ad\",START-DATE=\"2020-01-02T03:04:09Z\",X-COM=\"a,b\"\n#EXTINF:3.5,\n" +
-          name(3) + "\n#EXT-X-GAP\n#EXTINF:1,\ngap\n#EXT-X-KEY:METHOD=NONE\n#EXTINF:2,\n" + name(4) +
+          name(3) + "\n#EXT-X-GAP\n#EXTINF:1,\ngap.ts\n#EXT-X-KEY:METHOD=NONE\n#EXTINF:2,\n" + name(4) +
           "\n#EXTINF:3.5,\n" + name(3) + "\n#EXT-X-ENDLIST\n");
-  EXPECT_THAT(name(0), testing::MatchesRegex("[0-9a-f]+-16\\.key"));
+  EXPECT_THAT(name(0), testing::MatchesRegex("[0-9a-f]+-16\\.key\\.ts"));
+}
+
+// ffmpeg and what is made of it refuse other extensions, or a whole playlist for one name without any.
+TEST(AssetPlaylist, FilesHaveExtensionsThatPlayersTake) {
+  struct Row {
+    StreamKind kind;
+    const char *line, *segment, *extension;
+  };
+  const char* const map = "#EXT-X-MAP:URI=\"init.m4i\"\n";
+  for (const Row& row :
+       {Row{StreamKind::Video, "", "a.ts", "ts"}, Row{StreamKind::Video, "", "a?n=1.x", "ts"},
+        Row{StreamKind::Video, "", "a.mp2t", "ts"}, Row{StreamKind::Audio, "", "a.aac", "aac"},
+        Row{StreamKind::Video, map, "a.m4v", "mp4"}, Row{StreamKind::Text, map, "a.cmft", "mp4"},
+        Row{StreamKind::Video, "", "a.js", "ts"}, Row{StreamKind::Text, "", "a.webvtt", "vtt"}}) {
+    const auto plan = planned(read(std::string("#EXTM3U\n") + row.line + "#EXTINF:2,\n" + row.segment +
+                                   "\n#EXT-X-GAP\n#EXTINF:2,\n" + row.segment + "\n#EXT-X-ENDLIST\n"),
+                              row.kind);
+    for (std::size_t i = 0; i < plan->resources().size(); ++i)
+      EXPECT_EQ(plan->fileName(i).substr(17), row.extension) << row.segment;
+    plan->markDone(0, 1);
+    EXPECT_THAT(localMediaPlaylist(*plan, 2), HasSubstr("\ngap." + std::string(row.extension) + "\n"));
+  }
 }
 
 TEST(AssetPlaylist, OfFilesOnDiskThoseOfTheRightNameAndSizeAreTaken) {

@@ -151,9 +151,9 @@ double decodedSeconds(const std::string& playlist, const std::vector<std::string
   double shortest = 0;
   for (const auto& stream : streams) {
     const std::string result = directory / "progress";
-    runCommand({"ffmpeg", "-nostdin", "-loglevel", "error", "-xerror", "-y", "-allowed_extensions", "ALL",
-                "-protocol_whitelist", "file,crypto,data", "-i", playlist, "-map", "0:" + stream, "-progress",
-                result, "-f", "null", "-"},
+    runCommand({"ffmpeg", "-nostdin", "-loglevel", "error", "-xerror", "-y", "-protocol_whitelist",
+                "file,crypto,data", "-i", playlist, "-map", "0:" + stream, "-progress", result, "-f", "null",
+                "-"},
                directory.path());
     const std::string text = readFile(result);
     const std::size_t at = text.rfind("out_time_us=");

@@ -27,10 +27,10 @@ struct HLSMedia {
 /// Kept and shared; see MediaCache.h.
 HLSMedia makeHLSMedia(HLSForm form);
 
-/// Decodes the streams of a local playlist with ffmpeg, without a network, and answers the duration of the
-/// shortest in seconds: `streams` are those that it must have, as ffmpeg specifiers ("v", "a:1"); captions
-/// are not among them, ffmpeg passes them over. Raises std::runtime_error when one is missing or cannot be
-/// decoded.
+/// Decodes the streams of a local playlist with ffmpeg, without a network and by no other names than a
+/// person's ffmpeg takes, and answers the duration of the shortest in seconds: `streams` are those that it
+/// must have, as ffmpeg specifiers ("v", "a:1"); captions are not among them, ffmpeg passes them over. Raises
+/// std::runtime_error when one is missing or cannot be decoded.
 double decodedSeconds(const std::string& playlist, const std::vector<std::string>& streams);
 
 } // namespace support

@@ -48,7 +48,7 @@ void readStream(AssetPackage::Stream& stream, const std::string& package, const 
   stream.duration = media.duration;
   std::set<std::string> seen;
   for (const auto& key : media.keys)
-    if (key.uri.ends_with(".key") && parseFileName(key.uri))
+    if (parseFileName(key.uri))
       addFile(stream, seen, package, directory, key.uri);
   for (const auto& map : media.maps)
     addFile(stream, seen, package, directory, map.uri);

@@ -80,7 +80,8 @@ private:
     const PlaylistSegment& segment = _media.segments[_segment];
     const Place place = _plan.segmentPlace(_segment++);
     if (place.resource == none) {
-      _out.append(_pending).append(gapName).append("\n");
+      // A player that does not know gaps refuses the whole playlist for a name without an extension.
+      _out.append(_pending).append(gapName).append(".").append(_plan.extensionFor(segment.uri)).append("\n");
     } else {
       _out.append(_pending);
       if (segment.bytes.length >= 0 && segment.bytes.length != _plan.resources()[place.resource].bytes.length)

@@ -10,7 +10,7 @@ namespace platform::assets {
 
 inline constexpr const char* masterPlaylistName = "master.m3u8";
 inline constexpr const char* mediaPlaylistName = "playlist.m3u8";
-/// Stands where the playlist says that there is nothing.
+/// Stands, with an extension, where the playlist says that there is nothing.
 inline constexpr const char* gapName = "gap";
 
 /// The local media playlist of the first `segments` segments, all of which must be on disk. Tags are kept as

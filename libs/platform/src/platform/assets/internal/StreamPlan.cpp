@@ -12,10 +12,12 @@ namespace platform::assets {
 
 namespace {
 
-// Players judge by these names; anything else of the origin's is not let into a file name.
-constexpr std::array<std::string_view, 17> extensions{"ts",   "mp4",  "m4s",  "m4v",    "m4a", "m4i",
-                                                      "cmfv", "cmfa", "cmft", "aac",    "ac3", "ec3",
-                                                      "eac3", "mp3",  "vtt",  "webvtt", "mp2t"};
+// Players judge by these names, and some refuse what they find behind another; nothing else of the origin's
+// is let into a file name. "m4v", "m4i", "cmft", "mp2t" and "webvtt" are refused by ffmpeg, and all that use
+// it.
+constexpr std::array<std::string_view, 12> extensions{"ts",  "mp4", "m4s", "m4a",  "cmfv", "cmfa",
+                                                      "aac", "ac3", "ec3", "eac3", "mp3",  "vtt"};
+constexpr const char* keyExtension = "key.ts"; // a key behind ".key" is refused, too
 
 std::string_view extensionOf(std::string_view reference) {
   reference = reference.substr(0, reference.find_first_of("?#"));
@@ -221,12 +223,13 @@ std::string StreamPlan::fileName(std::size_t index, std::int64_t size) const {
   if (size >= 0)
     name += "-" + std::to_string(size);
   name += ".";
-  if (resource.kind == ResourceKind::Key)
-    return name + "key";
-  const std::string_view own = extensionOf(resource.reference);
-  if (!own.empty())
-    return name.append(own);
-  return name + (_kind == StreamKind::Text ? "vtt" : !_playlist->media().maps.empty() ? "mp4" : "ts");
+  return name.append(resource.kind == ResourceKind::Key ? keyExtension : extensionFor(resource.reference));
+}
+
+std::string_view StreamPlan::extensionFor(std::string_view reference) const {
+  if (const std::string_view own = extensionOf(reference); !own.empty())
+    return own;
+  return !_playlist->media().maps.empty() ? "mp4" : _kind == StreamKind::Text ? "vtt" : "ts";
 }
 
 std::optional<URL> StreamPlan::url(std::size_t resource) const {

@@ -56,6 +56,8 @@ public:
 
   std::string fileName(std::size_t resource) const; ///< with the size, once it is known
   std::string fileName(std::size_t resource, std::int64_t size) const;
+  /// One that players take for what stands behind the reference, made of it and of what the stream is.
+  std::string_view extensionFor(std::string_view reference) const;
   std::optional<URL> url(std::size_t resource) const;
   double duration() const { return _starts.back(); }
   double startOf(std::size_t segment) const { return _starts[segment]; }
