@@ -8,6 +8,8 @@ packages_build="g++ cmake ninja-build pkg-config python3-minimal ccache lld gett
 packages_demo="ffmpeg nginx-light"
 packages_fuzz="clang libclang-rt-dev"
 packages_benchmarks="curl aria2 iproute2"
+packages_players="ffmpeg nginx-light openssl mpv chromium"
+packages_players_npm="npm"
 packages_check="libgtest-dev libgmock-dev clang clang-format clang-tidy openssl procps git"
 
 need_packages() {
