@@ -42,8 +42,11 @@ ZRKConnectionDownload::~ZRKConnectionDownload() {
   _dropFile();
 }
 
-void ZRKConnectionDownload::start(ZRKConnectionDownloadListener listener) {
+void ZRKConnectionDownload::listen(ZRKConnectionDownloadListener listener) {
   _listener = std::move(listener);
+}
+
+void ZRKConnectionDownload::start() {
   _connection->start();
 }
 

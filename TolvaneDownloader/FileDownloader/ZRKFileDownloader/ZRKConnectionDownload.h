@@ -39,7 +39,9 @@ public:
   ~ZRKConnectionDownload() override;
 
   const std::shared_ptr<platform::URLConnection>& connection() const { return _connection; }
-  void start(ZRKConnectionDownloadListener listener);
+  /// Before anybody can stop the connection.
+  void listen(ZRKConnectionDownloadListener listener);
+  void start();
 
   // Events of the connection, on the writer queue.
   void
@@ -64,7 +66,7 @@ private:
   std::shared_ptr<platform::URLConnection> _connection;
   std::shared_ptr<platform::Queue> _delegateQueue;
   std::string _temporaryDirectory;
-  ZRKConnectionDownloadListener _listener; ///< set before the connection starts
+  ZRKConnectionDownloadListener _listener; ///< until the end was told
 
   // For the writer queue.
   int _descriptor = -1;

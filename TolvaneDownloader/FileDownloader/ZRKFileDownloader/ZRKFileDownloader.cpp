@@ -266,6 +266,12 @@ void ZRKFileDownloader::_start(Beginning beginning) {
   {
     std::lock_guard guard(_state->mutex);
     downloadID = task ? beginning.base + task->taskIdentifier() : ++_state->highestDownloadID;
+  }
+  // A connection ends when it is stopped, also before it has started.
+  if (connection)
+    connection->listen(_listenerOfConnection(downloadID, item));
+  {
+    std::lock_guard guard(_state->mutex);
     _state->activeDownloadsDictionary.emplace(downloadID, State::Active{item, connection, std::nullopt});
     _state->activeTokens.emplace(beginning.token, downloadID);
     commands.swap(beginning.place->commands);
@@ -275,7 +281,7 @@ void ZRKFileDownloader::_start(Beginning beginning) {
   if (task)
     task->resume();
   else
-    connection->start(_listenerOfConnection(downloadID, item));
+    connection->start();
   for (const auto& command : commands)
     command(downloadID, item);
   // A task of a session that had been closed was told as ended before it had its item.
