@@ -179,13 +179,11 @@ platform::ErrorRef QVMovieDownloader::_syncPlaced(const std::string& directory, 
   _unsyncedDirectories.insert(directory);
   if (++_numUnsynced < mostUnsynced && !now)
     return nullptr;
-  while (!_unsyncedDirectories.empty()) {
-    const auto first = _unsyncedDirectories.begin();
-    auto error = platform::FileManager::syncDirectoryAtPath(*first);
-    if (error && error->code() != ENOENT) // removed meanwhile, with all that was in it
-      return error;
-    _unsyncedDirectories.erase(first);
-  }
+  // One that was removed meanwhile went with all that was in it.
+  if (auto error = platform::FileManager::syncDirectoriesAtPaths(
+          {_unsyncedDirectories.begin(), _unsyncedDirectories.end()}))
+    return error;
+  _unsyncedDirectories.clear();
   _numUnsynced = 0;
   return nullptr;
 }

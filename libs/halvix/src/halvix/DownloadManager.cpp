@@ -222,42 +222,42 @@ std::vector<QVErrorRef> DownloadManager::start(const std::vector<std::shared_ptr
 
 std::vector<QVErrorRef> ManagerState::start(const std::vector<std::shared_ptr<Download>>& downloads,
                                             const std::weak_ptr<DownloadDelegate>& delegate) {
-  const std::size_t count = downloads.size();
-  std::vector<QVErrorRef> errors(count);
-  std::vector<bool> isNew(count);
-  std::map<std::shared_ptr<BaseDownloader>, std::vector<std::size_t>> byOwner;
-  for (std::size_t i = 0; i < count; ++i) {
-    const auto owner = ownerOf(*downloads[i]);
-    errors[i] = owner ? checkSelection(*downloads[i]) : noDownloader();
-    if (errors[i])
-      continue;
-    byOwner[owner].push_back(i);
-    isNew[i] = downloads[i]->isProvisional();
+  std::vector<QVErrorRef> errors(downloads.size());
+  std::vector<std::shared_ptr<BaseDownloader>> owners(downloads.size());
+  std::vector<bool> isNew(downloads.size());
+  for (std::size_t i = 0; i < downloads.size(); ++i) {
+    owners[i] = ownerOf(*downloads[i]);
+    errors[i] = owners[i] ? checkSelection(*downloads[i]) : noDownloader();
+    isNew[i] = !errors[i] && downloads[i]->isProvisional();
     if (isNew[i])
       downloads[i]->keep();
   }
-  for (const auto& [owner, positions] : byOwner) {
-    // On the list before the first byte: what is on disk without a record would be nobody's.
-    const bool anyNew =
-        std::any_of(positions.begin(), positions.end(), [&](std::size_t i) { return isNew[i]; });
-    const auto listing = anyNew ? owner->storeItems() : nullptr;
-    for (const std::size_t i : positions) {
-      const auto& download = downloads[i];
-      if (listing && isNew[i]) {
-        errors[i] = listing;
-      } else {
-        // Set before the start, whose events may already end the run and with it the mark.
-        download->setStarted(true);
-        if ((errors[i] = owner->startDownload(download->uuid(), delegate)))
-          download->setStarted(false);
-      }
-      if (errors[i] && isNew[i])
-        drop(*owner, download);
+  // On the list before the first byte: what is on disk without a record would be nobody's.
+  std::map<std::shared_ptr<BaseDownloader>, QVErrorRef> stored;
+  for (std::size_t i = 0; i < downloads.size(); ++i)
+    if (isNew[i] && stored.try_emplace(owners[i]).second)
+      stored[owners[i]] = owners[i]->storeItems();
+  for (std::size_t i = 0; i < downloads.size(); ++i) {
+    if (errors[i])
+      continue;
+    if (isNew[i])
+      errors[i] = stored[owners[i]];
+    if (!errors[i]) {
+      // Set before the start, whose events may already end the run and with it the mark.
+      downloads[i]->setStarted(true);
+      if ((errors[i] = owners[i]->startDownload(downloads[i]->uuid(), delegate)))
+        downloads[i]->setStarted(false);
     }
-    if (const auto storing = owner->storeItems())
-      for (const std::size_t i : positions)
-        if (!errors[i])
-          errors[i] = storing;
+    if (errors[i] && isNew[i])
+      drop(*owners[i], downloads[i]);
+  }
+  stored.clear();
+  for (std::size_t i = 0; i < downloads.size(); ++i) {
+    if (errors[i])
+      continue;
+    if (stored.try_emplace(owners[i]).second)
+      stored[owners[i]] = owners[i]->storeItems();
+    errors[i] = stored[owners[i]];
   }
   return errors;
 }

@@ -80,8 +80,8 @@ public:
   /// that could not be written. A new one that cannot be started is dropped with what preparing it wrote.
   /// Nothing selected, though it has tracks: `download_selection_empty`, changing nothing.
   QVErrorRef start(const std::shared_ptr<Download>& download, std::weak_ptr<DownloadDelegate> delegate = {});
-  /// The same for several, with one writing of the list before and one after all starts. Answers an error or
-  /// null for each; one that fails does not keep the others from starting.
+  /// The same for several, in their order, with one writing of the list before and one after all starts.
+  /// Answers an error or null for each; one that fails does not keep the others from starting.
   std::vector<QVErrorRef> start(const std::vector<std::shared_ptr<Download>>& downloads);
 
   QVErrorRef pause(const std::shared_ptr<Download>& download);
