@@ -277,10 +277,6 @@ ErrorRef FileManager::moveItemAtPath(const std::string& from, const std::string&
   return error ? error : syncDirectory(parentOf(to));
 }
 
-ErrorRef FileManager::syncDirectoryAtPath(const std::string& path) {
-  return syncDirectory(path);
-}
-
 ErrorRef FileManager::syncDirectoriesAtPaths(const std::vector<std::string>& paths) {
   // Syncs that run together share the flushes of the disk; one after the other, each would wait for its own.
   constexpr std::size_t most = 8;
