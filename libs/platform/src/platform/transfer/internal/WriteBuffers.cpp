@@ -5,11 +5,11 @@
 namespace platform::transfer {
 
 namespace {
-// Enough for the transfers of one host and as many bodies that wait for the disk.
-constexpr std::size_t MostBuffers = 16;
+// Enough for the transfers of one host and a few that are being written.
+constexpr std::size_t MostBuffers = 12;
 } // namespace
 
-std::unique_ptr<char[]> WriteBuffers::take() {
+WriteBuffers::Buffer WriteBuffers::take() {
   {
     std::lock_guard guard(_mutex);
     if (!_free.empty()) {
@@ -22,10 +22,10 @@ std::unique_ptr<char[]> WriteBuffers::take() {
       return nullptr;
     ++_made;
   }
-  return std::make_unique_for_overwrite<char[]>(Size);
+  return Buffer(static_cast<char*>(std::aligned_alloc(Alignment, Size)));
 }
 
-void WriteBuffers::giveBack(std::unique_ptr<char[]> buffer) {
+void WriteBuffers::giveBack(Buffer buffer) {
   std::lock_guard guard(_mutex);
   _free.push_back(std::move(buffer));
 }
