@@ -400,7 +400,8 @@ void PartialFile::start(const std::string& path) {
     handOver();
   std::lock_guard io(_io);
   _startFailure = isInMemory() ? writeWhole(path) : writeWaiting();
-  ::sync_file_range(_descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
+  if (!isInMemory() || _held.total() < LeastDirect) // else nearly all of it is on the disk by now
+    ::sync_file_range(_descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
 }
 
 int PartialFile::finish(const std::string& path) {

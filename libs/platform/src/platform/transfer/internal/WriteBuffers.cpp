@@ -5,8 +5,8 @@
 namespace platform::transfer {
 
 namespace {
-// Enough for the transfers of one host and a few that are being written.
-constexpr std::size_t MostBuffers = 12;
+// Enough for the transfers of one host and as many bodies that wait for the disk.
+constexpr std::size_t MostBuffers = 16;
 } // namespace
 
 WriteBuffers::Buffer WriteBuffers::take() {
