@@ -4,8 +4,6 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVMovieDownloader.h"
 #include "halvix/Download.h"
 #include "halvix/ErrorDescription.h"
-#include "halvix/Log.h"
-#include "platform/foundation/FileManager.h"
 
 #include <gtest/gtest.h>
 
@@ -50,11 +48,11 @@ protected:
     return download;
   }
 
-  halvix::QVErrorRef prepare(const std::string& uuid, int status = 200, const std::string& body = manifest) {
+  halvix::QVErrorRef prepare(const std::string& uuid) {
     support::Arrival<std::pair<std::shared_ptr<Download>, halvix::QVErrorRef>> answer;
     dash->prepareDownload(uuid, [&](auto download, auto error) { answer.arrive({download, error}); });
     if (!answer.hasArrived()) {
-      service->dataTasks().back()->answer(status, body);
+      service->dataTasks().back()->answer(200, manifest);
       service->run();
     }
     auto result = answer.wait();
@@ -101,19 +99,9 @@ protected:
 
 } // namespace
 
-TEST_F(DashAdapter, TakesOnlyDashAndNamesDownloadsByTheirDownloadId) {
-  EXPECT_TRUE(dash->canDownload(ContentType::dash));
-  EXPECT_FALSE(dash->canDownload(ContentType::hls));
-  EXPECT_FALSE(dash->canDownload(halvix::PlayerConfiguration{url, std::nullopt, ""}));
-  EXPECT_TRUE(dash->canDownload(halvix::PlayerConfiguration{url, ContentType::dash, ""}));
-  EXPECT_EQ(create()->uuid(), dash->downloader()->downloadIdWithURL(url));
-  EXPECT_EQ(DashDownloader::sessionConfiguration().identifier.rfind("tolvane_Downloader_", 0), 0u);
-  EXPECT_EQ(DashDownloader::sessionConfiguration().identifier,
-            DashDownloader::sessionConfiguration().identifier);
-}
-
 TEST_F(DashAdapter, PreparingDescribesTheMovieInTheHostsTerms) {
   auto download = prepared();
+  EXPECT_EQ(download->uuid(), dash->downloader()->downloadIdWithURL(url));
   EXPECT_EQ(service->dataTasks().back()->request().valueForHTTPHeaderField("X-All"), "1");
   EXPECT_EQ(service->dataTasks().back()->request().valueForHTTPHeaderField("X-Own"), "2");
 
@@ -134,19 +122,6 @@ TEST_F(DashAdapter, PreparingDescribesTheMovieInTheHostsTerms) {
   EXPECT_EQ(text.format, halvix::TextTrackFormat::web_vtt);
   EXPECT_EQ(download->duration(), 8.0);
   EXPECT_TRUE(download->notices().empty());
-}
-
-TEST_F(DashAdapter, FailuresToPrepareCarryTheirReason) {
-  auto error = prepare("unknown");
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->type(), ErrorType::downloader_request_creation_failed);
-  auto download = create();
-  error = prepare(download->uuid(), 404, "gone");
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->type(), ErrorType::downloader_request_creation_failed);
-  EXPECT_NE(halvix::describeError(error).find("404"), std::string::npos);
-  EXPECT_EQ(dash->downloader()->activeDownloadSets(), std::nullopt);
-  EXPECT_FALSE(platform::FileManager::fileExistsAtPath(dash->downloadPath() + "/" + download->uuid()));
 }
 
 TEST_F(DashAdapter, CommandsNeedADownloadThatWasPrepared) {
@@ -193,55 +168,4 @@ TEST_F(DashAdapter, ARunMovesTheHostsRecordThroughItsStates) {
   ASSERT_EQ(dash->startDownload(download->uuid(), {}), nullptr);
   EXPECT_EQ(download->state(), DownloadState::success) << "what is complete is complete at once";
   EXPECT_TRUE(liveTasks().empty());
-}
-
-TEST_F(DashAdapter, AFailedRunIsToldOnTheMainQueueAndKeptWithTheRecord) {
-  auto download = prepared();
-  choose(*download);
-  ASSERT_EQ(dash->startDownload(download->uuid(), {}), nullptr);
-  for (const auto& task : liveTasks())
-    if (task->request().url().lastPathComponent() == "hi-2.m4s") {
-      task->respond(404);
-      task->write(4, 4);
-    } else
-      task->finish("payload");
-  service->run();
-  EXPECT_EQ(download->state(), DownloadState::failed);
-  auto error = dispatcher->failed.wait();
-  ASSERT_TRUE(error.has_value());
-  EXPECT_EQ((*error)->type(), ErrorType::download_failed);
-  EXPECT_NE(halvix::describeError(*error).find("404"), std::string::npos) << halvix::describeError(*error);
-}
-
-TEST_F(DashAdapter, RemovingDeletesWhatIsOnDiskActiveOrNot) {
-  auto download = prepared();
-  choose(*download);
-  ASSERT_EQ(dash->startDownload(download->uuid(), {}), nullptr);
-  finishAll();
-  const std::string folder = dash->downloadPath() + "/" + download->uuid();
-  EXPECT_TRUE(platform::FileManager::fileExistsAtPath(folder));
-
-  // Another process: the record is loaded, no set is active.
-  dash->storeItems();
-  auto later = DashDownloader::create(true, {}, environment);
-  ASSERT_TRUE(later->findDownload(download->uuid()));
-  EXPECT_EQ(later->removeDownload(download->uuid()), nullptr);
-  EXPECT_FALSE(platform::FileManager::fileExistsAtPath(folder));
-  EXPECT_EQ(later->removeDownload(download->uuid())->type(), ErrorType::storage_error_while_removing_file);
-}
-
-TEST_F(DashAdapter, EventsOfARemovedDownloadAreLoggedAndDropped) {
-  auto download = prepared();
-  choose(*download);
-  ASSERT_EQ(dash->startDownload(download->uuid(), {}), nullptr);
-  dash->forgetDownload(download->uuid());
-  auto logged = std::make_shared<support::Watched<std::string>>();
-  halvix::setLogHandler([logged](halvix::LogLevel, std::string_view tag, std::string_view text) {
-    logged->change([&](auto& all) { all += std::string(tag) + " " + std::string(text) + "\n"; });
-  });
-  ASSERT_EQ(dash->cancelDownload(download->uuid()), nullptr);
-  halvix::setLogHandler(nullptr);
-  EXPECT_NE(logged->copy().find("[DashDownloader] ::Completed download item not found " + download->uuid()),
-            std::string::npos)
-      << logged->copy();
 }

@@ -7,10 +7,8 @@
 #include "halvix/DownloadStore.h"
 #include "halvix/ErrorDescription.h"
 #include "halvix/Log.h"
-#include "platform/assets/AssetPackage.h"
 #include "platform/assets/URLAsset.h"
 #include "platform/concurrency/Queue.h"
-#include "platform/foundation/FileManager.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,7 +18,6 @@ using halvix::ContentType;
 using halvix::Download;
 using halvix::DownloadState;
 using halvix::ErrorType;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -106,13 +103,6 @@ protected:
                          [&](const std::string& event) { return event.starts_with(beginning); });
     });
   }
-  std::vector<std::string> fetched() const {
-    std::vector<std::string> names;
-    for (const auto& request : server.requests())
-      if (request.path.ends_with("-0.ts"))
-        names.push_back(request.path);
-    return names;
-  }
 
   support::TemporaryDirectory directory;
   support::FaultServer server;
@@ -150,37 +140,8 @@ TEST_F(HLSAdapter, DescribesTheAssetInTheHostsTerms) {
   EXPECT_EQ(sanitizeAssetTitle(""), "");
 }
 
-TEST_F(HLSAdapter, DownloadsWhatIsChosenAndReportsIt) {
-  const auto download = prepared();
-  halvix::Selection selection;
-  selection.video = {download->videoTracks()[0].renditions[0]};
-  selection.audio = {download->audioTracks()[1].renditions[0], download->audioTracks()[2].renditions[0]};
-  selection.text = {download->textTracks()[1]};
-  download->setSelection(selection);
-  ASSERT_FALSE(hls->startDownload(download->uuid(), {}));
-  ASSERT_TRUE(waitForEvent("finished"));
-  EXPECT_THAT(fetched(), testing::UnorderedElementsAre("/lo-0.ts", "/director-0.ts", "/de-0.ts", "/t-0.ts"));
-  EXPECT_EQ(download->state(), DownloadState::success);
-  EXPECT_DOUBLE_EQ(download->progress().downloadedContentDuration(), 8);
-  EXPECT_DOUBLE_EQ(download->progress().expectedContentDuration(), 8);
-  ASSERT_TRUE(download->localUrl());
-  const auto package = platform::AssetPackage::packageAtPath(*download->localUrl());
-  ASSERT_TRUE(package && package->isIntact());
-  EXPECT_EQ(package->title, "A_title");
-  EXPECT_THAT(log.copy(), Contains(":: uuid " + download->uuid() + " completed."));
-  EXPECT_THAT(log.copy(), Contains(HasSubstr(":: uuid " + download->uuid() + " progress 100")));
-
-  ASSERT_FALSE(hls->removeDownload(download->uuid()));
-  EXPECT_FALSE(platform::FileManager::directoryExistsAtPath(*download->localUrl()));
-  EXPECT_THAT(log.copy(), Contains(":: uuid " + download->uuid() + " removed."));
-  EXPECT_EQ(hls->removeDownload(download->uuid())->type(), ErrorType::storage_error_while_removing_file);
-  EXPECT_THAT(log.copy(), Contains(testing::StartsWith("An error occured deleting the file: ")));
-}
-
 TEST_F(HLSAdapter, EachDownloadHasItsOwnLimitAndItsProgressStored) {
-  support::Fault stall;
-  stall.stallAfter = 0;
-  stall.gate = support::makeGate();
+  support::Fault stall = support::stallingAfter(0, support::makeGate());
   const auto hi = create("/hi.m3u8"), lo = create("/lo.m3u8");
   for (const auto& download : {hi, lo}) {
     ASSERT_FALSE(prepare(*download));
@@ -207,9 +168,7 @@ TEST_F(HLSAdapter, EachDownloadHasItsOwnLimitAndItsProgressStored) {
 }
 
 TEST_F(HLSAdapter, PausesResumesAndCancels) {
-  support::Fault stall;
-  stall.stallAfter = 100;
-  stall.gate = support::makeGate();
+  support::Fault stall = support::stallingAfter(100, support::makeGate());
   server.once("/hi-1.ts", stall);
   const auto download = prepared();
   ASSERT_FALSE(hls->startDownload(download->uuid(), {}));
@@ -223,9 +182,7 @@ TEST_F(HLSAdapter, PausesResumesAndCancels) {
 
   const auto second = create("/hi.m3u8");
   ASSERT_FALSE(prepare(*second));
-  support::Fault held;
-  held.stallAfter = 100;
-  held.gate = support::makeGate();
+  support::Fault held = support::stallingAfter(100, support::makeGate());
   server.once("/hi-0.ts", held);
   ASSERT_FALSE(hls->startDownload(second->uuid(), {}));
   ASSERT_TRUE(held.gate->waitUntilReached());

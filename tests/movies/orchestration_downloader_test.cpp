@@ -84,8 +84,8 @@ protected:
     return *outcome;
   }
   /// A set of `count` segments that has started.
-  std::shared_ptr<QVMovieDownloadSet> start(int count, const std::string& media = "s$Number$.m4s") {
-    service->serveData(manifestURL, 200, manifest(count, media));
+  std::shared_ptr<QVMovieDownloadSet> start(int count) {
+    service->serveData(manifestURL, 200, manifest(count));
     const auto set = fetch().set;
     set->setDelegate(diary);
     set->selectAllQualities();
@@ -186,63 +186,6 @@ TEST_F(Downloader, ReportsEachFailedFetchOnce) {
   EXPECT_EQ(outcome.error->localizedDescription(), "Failed to create download directory");
   EXPECT_EQ(outcome.error->underlyingError()->domain(), platform::NSPOSIXErrorDomain);
   EXPECT_FALSE(downloader->activeDownloadSets());
-}
-
-TEST_F(Downloader, SurvivesItsEndDuringAFetch) {
-  int calls = 0;
-  service->serveData(manifestURL, 200, manifest(2));
-  downloader->fetchDownloadSetForURL(manifestURL, [&](auto set, auto error) {
-    ++calls;
-    EXPECT_TRUE(!set && error);
-  });
-  downloader = nullptr;
-  service->run();
-  EXPECT_EQ(calls, 1);
-}
-
-TEST_F(Downloader, PutsFilesIntoTheirPlace) {
-  const auto set = start(5, "sub//s$Number$.m4s?q=$Number$");
-  const auto running = [&](int number) {
-    const std::string n = std::to_string(number);
-    return service->runningTask(segmentBase + ("sub//s" + n + ".m4s?q=" + n));
-  };
-  EXPECT_FALSE(running(5));
-  directory.write("downloads/" + set->downloadId() + "/sub/s1.m4s?q=1", "old");
-  ASSERT_TRUE(running(1) && running(1)->finish("new"));
-  service->run();
-  EXPECT_EQ(support::readFile(pathOf("sub/s1.m4s?q=1")), "new");
-  EXPECT_EQ(set->downloadedBytesForQuality((*set->selectedQualities())[0]), 3);
-  for (int number = 2; number <= 5; ++number)
-    running(number)->finish(""), service->run();
-  EXPECT_THAT(diary->take(), ElementsAre("status 2", "quality v ok", "status 0", "done ok"));
-  EXPECT_EQ(set->_checkCounters(), "");
-  EXPECT_TRUE(exists(pathOf("sub/s5.m4s?q=5")));
-  EXPECT_FALSE(downloader->download(set));
-}
-
-TEST_F(Downloader, NeverStoresARefusal) {
-  const auto set = start(3);
-  auto refused = task(1);
-  refused->respond(404, {{"Content-Length", "100"}});
-  refused->write(10);
-  service->run();
-  EXPECT_EQ(refused->state(), URLSessionTaskState::Completed);
-  auto empty = task(2); // its head and its end come at once
-  empty->respond(404);
-  empty->finish("");
-  service->run();
-  task(3)->respond(206);
-  task(3)->finish("ok");
-  service->run();
-  EXPECT_THAT(diary->take(), ElementsAre("status 2", "quality v failed", "status 0", "done -1002"));
-  const auto& failed = diary->lastError->value<QVQualityErrors>("QVQualityErrors")->at("v");
-  for (const auto& [index, error] : *failed->value<QVResourceErrors>("QVResourceErrors")) {
-    EXPECT_EQ(error->domain(), QVDownloadHTTPErrorDomain);
-    EXPECT_EQ(error->code(), 404);
-    EXPECT_NE(*error->value<std::string>("QVStatusMessage"), "");
-  }
-  EXPECT_FALSE(exists(pathOf("s1.m4s")) || exists(pathOf("s2.m4s")));
-  EXPECT_TRUE(exists(pathOf("s3.m4s")));
 }
 
 TEST_F(Downloader, TellsAWholeFileFromTheRangeItAskedFor) {

@@ -93,30 +93,6 @@ TEST_F(Quality, FetchesAFewAtATimeInOrder) {
   EXPECT_FALSE(info->download());
 }
 
-TEST_F(Quality, PausesResumesAndCancelsWhatIsFetched) {
-  make({.identifier = "v", .count = 6});
-  EXPECT_FALSE(info->pause() || info->resume() || info->cancel());
-  info->download();
-  EXPECT_FALSE(info->resume());
-  info->resourceBytesDownloaded(at(1), 500, 1000);
-  EXPECT_TRUE(info->pause());
-  EXPECT_FALSE(info->pause());
-  EXPECT_EQ(info->status(), QVDownloadStatusPaused);
-  finish(0); // was on its way; the next one is prepared, but does not run
-  EXPECT_EQ(at(4)->status(), QVDownloadStatusPaused);
-  EXPECT_EQ(info->status(), QVDownloadStatusPaused);
-  EXPECT_TRUE(info->resume());
-  EXPECT_THAT(live(), ElementsAre(1, 2, 3, 4));
-
-  EXPECT_TRUE(info->cancel());
-  EXPECT_EQ(info->_checkCounters(), "");
-  EXPECT_EQ(info->downloadedBytes(), 0);
-  EXPECT_FALSE(finish(1)); // nobody waits for it any more
-  EXPECT_FALSE(at(1)->completed());
-  EXPECT_TRUE(info->download());
-  EXPECT_THAT(live(), ElementsAre(1, 2, 3, 4));
-}
-
 TEST_F(Quality, RetriesUntilTheBudgetIsSpentButNever404) {
   make({.identifier = "v", .count = 3});
   info->download();
@@ -162,31 +138,6 @@ TEST_F(Quality, GoesOnFromResumeData) {
   fail(0, 500);
   EXPECT_EQ(at(0)->status(), QVDownloadStatusPaused); // the restarted one stays paused too
   EXPECT_EQ(controller->service->task(2)->request().valueForHTTPHeaderField("A"), "1");
-}
-
-TEST_F(Quality, LeavesOutWhatMayNotBeStored) {
-  make({.identifier = "v", .resources = {resourceAt("../x"), resourceAt("ok"), resourceAt("manifest.mpd")}});
-  EXPECT_EQ(info->_checkCounters(), "");
-  EXPECT_TRUE(info->download());
-  EXPECT_THAT(live(), ElementsAre(1));
-  EXPECT_TRUE(finish(1));
-  EXPECT_THAT(*info->error()->value<QVResourceErrors>("QVResourceErrors"), testing::SizeIs(2));
-  EXPECT_FALSE(info->clear());
-  info->reset();
-  EXPECT_EQ(info->_checkCounters(), "");
-  EXPECT_TRUE(info->download());
-
-  make({.identifier = "none", .resources = {resourceAt("../x")}});
-  EXPECT_FALSE(info->download());
-  EXPECT_TRUE(info->failed() && info->error());
-  EXPECT_FALSE(info->clear());
-}
-
-TEST_F(Quality, DoesNotStartWithoutASession) {
-  controller->session = nullptr;
-  make({.identifier = "v", .count = 2});
-  EXPECT_FALSE(info->download());
-  EXPECT_EQ(info->_checkCounters(), "");
 }
 
 } // namespace

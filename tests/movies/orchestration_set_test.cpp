@@ -157,21 +157,6 @@ TEST(Set, FindsWhatIsOnDisk) {
   EXPECT_EQ(stage.controller->attached.size(), 3U);
 }
 
-TEST(Set, KeepsItsCountWhenARunIsCancelledHalfway) {
-  Stage stage({{"v", 1}, {"w", 1}});
-  auto& set = *stage.set;
-  set.downloadWithAdditionalHeaders(std::nullopt);
-  stage.finish(stage.controller->oldest());
-  set.cancel();
-  set.cancel();
-  EXPECT_THAT(stage.diary->take(), ElementsAre("status 2", "quality v ok", "status 0"));
-  set.deselectQuality(stage.quality(0));
-  EXPECT_EQ(set._checkCounters(), "");
-  set.downloadWithAdditionalHeaders(std::nullopt);
-  stage.finishAll();
-  EXPECT_THAT(stage.diary->take(), ElementsAre("status 2", "quality w ok", "status 0", "done ok"));
-}
-
 TEST(Set, TakesOverTasksWithoutTelling) {
   Stage stage({{"v", 3}, {"w", 1}});
   auto& set = *stage.set;

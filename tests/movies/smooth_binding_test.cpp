@@ -6,7 +6,6 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVTextQuality.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVTrack.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVVideoQuality.h"
-#include "platform/foundation/Exception.h"
 
 #include <gmock/gmock.h>
 
@@ -38,16 +37,6 @@ const std::string both =
     "<StreamIndex Type='video' Chunks='2' QualityLevels='2' Url='v({bitrate})/{start time}' MaxWidth='1' "
     "MaxHeight='1' DisplayWidth='1' DisplayHeight='1'><QualityLevel Index='4294967295' Bitrate='350000' "
     "MaxWidth='64' MaxHeight='36' CodecPrivateData='01ff' FourCC='H264'/></StreamIndex>";
-
-std::string reasonOf(const std::string& text) {
-  try {
-    parse(text);
-  } catch (const platform::Exception& exception) {
-    EXPECT_EQ(exception.name(), "QVPlaylistFactoryException");
-    return exception.reason();
-  }
-  return "none";
-}
 
 } // namespace
 
@@ -92,30 +81,7 @@ TEST(SmoothBinding, WhatHoldsNothingAndWhatIsBroken) {
   EXPECT_TRUE(parse(media(""))->movies().empty());
   EXPECT_TRUE(parse(media("", "Duration='1' IsLive='True'"))->isLive());
   EXPECT_LT(parse(media(both, "Duration='1' TimeScale='0'"))->movies().at(0)->duration(), 0) << "unknown";
-  EXPECT_EQ(reasonOf(""), "Can't parse SmoothStreaming XML");
-  EXPECT_EQ(reasonOf(media("", "")), "Can't retrieve required value Duration");
   const auto half = parse(media(text("<QualityLevel Bitrate='1' FourCC='abc\xC3\xA9'/>")));
   EXPECT_EQ(half->movies().at(0)->tracks().at(0)->qualities().at(0)->fourCC(), "text")
       << "no half characters";
-}
-
-TEST(SmoothBinding, Listing) {
-  const auto playlist = parse(media(both + text("<QualityLevel Bitrate='9'/>") +
-                                    text("<QualityLevel Bitrate='9'/>", "<c d='1' r='4294967295'/>")));
-  const auto& tracks = playlist->movies().at(0)->tracks();
-  const auto builder = tracks.at(0)->qualities().at(0)->resourceBuilder();
-  const auto first = builder->fillResourcesWithBaseURL("http://h/a.ism/Manifest");
-  ASSERT_EQ(first->size(), 2u);
-  EXPECT_FALSE(first->at(1)->hasRange());
-  EXPECT_EQ(first->at(1)->referenceURL(), "a(64000)/5");
-  EXPECT_EQ(first->at(1)->resolveURL()->absoluteString(), "http://h/a.ism/a(64000)/5");
-  EXPECT_EQ(builder->fillResourcesWithBaseURL("http://h/a.ism/Manifest"), first);
-  EXPECT_EQ(builder->fillResourcesWithBaseURL("http://o/")->at(0)->resolveURL()->absoluteString(),
-            "http://o/a(64000)/0");
-
-  EXPECT_EQ(tracks.at(2)->qualities().at(0)->resourceBuilder()->fillResourcesWithBaseURL("")->size(), 2u)
-      << "as many as are described, whatever is declared";
-  EXPECT_THROW(tracks.at(3)->qualities().at(0)->resourceBuilder()->fillResourcesWithBaseURL(""),
-               platform::Exception)
-      << "billions are refused";
 }
