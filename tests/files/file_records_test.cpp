@@ -11,44 +11,8 @@
 #include <gtest/gtest.h>
 
 using namespace platform;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
-
-TEST(FileDownloadItem, CountsBytesOnItsProgressOnceTheSizeIsKnown) {
-  auto root = Progress::progressWithTotalUnitCount(3);
-  auto item = ZRKFileDownloadItem::itemWithDownloadToken("film", nullptr, nullptr, root);
-  EXPECT_EQ(item->bytesPerSecondSpeed(), 0u);
-  EXPECT_EQ(item->lastHttpStatusCode(), 0);
-  EXPECT_THAT(item->errorMessagesStack(), IsEmpty());
-  EXPECT_FALSE(item->downloadStartDate());
-  auto& progress = *item->progress();
-  EXPECT_EQ(progress.kind(), NSProgressKindFile);
-  EXPECT_EQ(std::any_cast<std::string>(progress.userInfo().at(NSProgressFileOperationKindKey)),
-            NSProgressFileOperationKindDownloading);
-  EXPECT_EQ(std::any_cast<std::string>(progress.userInfo().at("downloadToken")), "film");
-  EXPECT_TRUE(progress.isCancellable());
-  EXPECT_FALSE(progress.isPausable());
-  EXPECT_EQ(progress.totalUnitCount(), 1);
-
-  item->setReceivedFileSizeInBytes(50);
-  EXPECT_EQ(progress.completedUnitCount(), 0);
-  item->setExpectedFileSizeInBytes(-1);
-  EXPECT_EQ(progress.totalUnitCount(), 1);
-  item->setExpectedFileSizeInBytes(100);
-  item->setReceivedFileSizeInBytes(50);
-  EXPECT_EQ(progress.completedUnitCount(), 50);
-  // One more unit of the parent, half of it done.
-  EXPECT_EQ(root->totalUnitCount(), 4);
-  EXPECT_DOUBLE_EQ(root->fractionCompleted(), 0.125);
-
-  item->pushErrorMessage("first");
-  item->pushErrorMessage("second");
-  EXPECT_THAT(item->errorMessagesStack(), testing::ElementsAre("second", "first"));
-  EXPECT_THAT(item->description(), HasSubstr("downloadToken: film"));
-  EXPECT_THAT(item->description(), HasSubstr("hasUrlConnection: false"));
-}
 
 TEST(FileDownloadItem, SmoothsItsSpeed) {
   using Clock = ZRKFileDownloadItem::Clock;
@@ -104,10 +68,6 @@ TEST(FileDownloadProgress, IsArchivedWithSizesThatAreReadAs32Bits) {
   EXPECT_EQ(read->lastLocalizedDescription(), "Downloading…");
   EXPECT_FALSE(read->lastLocalizedAdditionalDescription());
   EXPECT_FALSE(read->nativeProgress());
-  for (const char* name : {"downloadProgress", "expectedFileSize", "receivedFileSize",
-                           "estimatedRemainingTime", "bytesPerSecondSpeed", "lastLocalizedDescription",
-                           "lastLocalizedAdditionalDescription", "nativeProgress"})
-    EXPECT_THAT(read->description(), HasSubstr(name));
 
   EXPECT_FALSE(ZRKFileDownloadProgress::progressWithArchivedData(Data{'{', '}'}, &error));
   EXPECT_EQ(error->code(), NSCoderReadCorruptError);

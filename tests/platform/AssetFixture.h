@@ -2,8 +2,6 @@
 
 #include "tests/support/Expectation.h"
 #include "tests/support/FaultServer.h"
-#include "tests/support/HLSMedia.h"
-#include "tests/support/NginxServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include "platform/assets/AssetDownloadURLSession.h"
@@ -120,18 +118,8 @@ protected:
     return URLAsset::assetWithURL(*URL::URLWithString(url), options, {service, {"en"}});
   }
 
-  std::shared_ptr<URLAsset> loaded(const std::string& url) const {
-    auto made = asset(url);
-    Expectation done;
-    made->loadValuesAsynchronouslyForKeys({"tracks"}, [&] { done.fulfil(); });
-    EXPECT_TRUE(done.wait());
-    return made;
-  }
-
-  AggregateAssetDownloadTaskRef start(const std::shared_ptr<URLAsset>& of,
-                                      std::vector<MediaSelection> selections = {}, UserInfo options = {}) {
-    auto task = session->aggregateAssetDownloadTaskWithURLAsset(of, std::move(selections), "A_title", nullptr,
-                                                                options);
+  AggregateAssetDownloadTaskRef start(const std::shared_ptr<URLAsset>& of) {
+    auto task = session->aggregateAssetDownloadTaskWithURLAsset(of, {}, "A_title", nullptr, {});
     task->resume();
     return task;
   }

@@ -36,16 +36,11 @@ public:
   }
   void start(const std::string& url) { EXPECT_GT(::write(_input, url.data(), url.size()), 0); }
   pid_t process() const { return _process; }
-  int wait() {
-    int status = 0;
-    if (_process > 0)
-      ::waitpid(std::exchange(_process, -1), &status, 0);
-    return status;
-  }
   void kill() {
-    if (_process > 0)
-      ::kill(_process, SIGKILL);
-    wait();
+    if (_process <= 0)
+      return;
+    ::kill(_process, SIGKILL);
+    ::waitpid(std::exchange(_process, -1), nullptr, 0);
   }
 
 private:

@@ -26,13 +26,6 @@ using testing::StartsWith;
 
 inline constexpr const char* OldDate = "Mon, 05 Jan 2015 10:00:00 GMT";
 
-inline std::string bytes(std::size_t count, unsigned seed = 1) {
-  std::string text(count, '\0');
-  for (auto& c : text)
-    c = static_cast<char>((seed = seed * 1664525u + 1013904223u) >> 24);
-  return text;
-}
-
 inline HTTPTransferServiceOptions optionsFor(const std::string& directory) {
   HTTPTransferServiceOptions options;
   options.directory = directory;
@@ -81,6 +74,13 @@ protected:
     auto task = session->downloadTaskWithRequest(request(path, range));
     task->resume();
     return task;
+  }
+
+  /// Also a barrier: what was posted before has been delivered when it returns.
+  std::vector<DownloadTaskRef> listTasks() {
+    Arrival<std::vector<DownloadTaskRef>> listed;
+    session->getTasksWithCompletionHandler([&](auto tasks) { listed.arrive(std::move(tasks)); });
+    return listed.wait().value_or(std::vector<DownloadTaskRef>());
   }
 
   RecordingSessionDelegate::TaskRecord finish(const DownloadTaskRef& task) {

@@ -4,16 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
-#include <csignal>
-#include <fcntl.h>
 #include <future>
-#include <poll.h>
-#include <spawn.h>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using namespace platform;
 using std::chrono::milliseconds;
@@ -106,83 +99,4 @@ TEST(ApplicationTest, EndingAnObservationWaitsForItsRunningHandler) {
     EXPECT_EQ(*alive, 1000);
     alive.reset();
   }
-}
-
-namespace {
-
-constexpr int outputOfApplication = 3;
-
-char readLetter(int input) {
-  char letter = 0;
-  return ::read(input, &letter, 1) == 1 ? letter : '\0';
-}
-
-// Starts this program once more, as an application that writes a letter for each notification. A program of
-// its own and not a fork: a sanitizer loses signals in a forked child.
-pid_t startApplication(int output) {
-  std::string program = "/proc/self/exe";
-  std::string filter = "--gtest_filter=*DISABLED_PlaysTheApplication";
-  std::string disabled = "--gtest_also_run_disabled_tests";
-  std::array<char*, 4> arguments{program.data(), filter.data(), disabled.data(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attributes;
-  ::posix_spawn_file_actions_init(&actions);
-  ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  ::posix_spawn_file_actions_adddup2(&actions, output, outputOfApplication);
-  ::posix_spawnattr_init(&attributes);
-  // A runner without a terminal may have both ignored.
-  sigset_t defaults;
-  ::sigemptyset(&defaults);
-  ::sigaddset(&defaults, SIGTSTP);
-  ::sigaddset(&defaults, SIGCONT);
-  ::posix_spawnattr_setsigdefault(&attributes, &defaults);
-  ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-  pid_t application = -1;
-  if (::posix_spawn(&application, program.c_str(), &actions, &attributes, arguments.data(), environ) != 0)
-    application = -1;
-  ::posix_spawn_file_actions_destroy(&actions);
-  ::posix_spawnattr_destroy(&attributes);
-  return application;
-}
-
-} // namespace
-
-TEST(TerminalSignalsTest, DISABLED_PlaysTheApplication) {
-  ::alarm(60);
-  Application& application = Application::shared();
-  const auto background =
-      application.observeDidEnterBackground([&] { (void)!::write(outputOfApplication, "b", 1); });
-  const auto foreground = application.observeWillEnterForeground([&] {
-    (void)!::write(outputOfApplication, "f", 1);
-    std::_Exit(7);
-  });
-  application.observeTerminalSignals();
-  application.observeTerminalSignals();
-  (void)!::write(outputOfApplication, "r", 1);
-  while (true)
-    ::pause();
-}
-
-TEST(TerminalSignalsTest, StopsAfterTheHandlersAndNotifiesOnContinuing) {
-  int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  const pid_t application = startApplication(ends[1]);
-  ASSERT_GT(application, 0);
-  ::close(ends[1]);
-  EXPECT_EQ(readLetter(ends[0]), 'r');
-  ::kill(application, SIGTSTP);
-  EXPECT_EQ(readLetter(ends[0]), 'b');
-  int status = 0;
-  ASSERT_EQ(::waitpid(application, &status, WUNTRACED), application);
-  EXPECT_TRUE(WIFSTOPPED(status));
-  EXPECT_EQ(WSTOPSIG(status), SIGSTOP);
-  // Once suffices, but ThreadSanitizer loses a signal now and then.
-  pollfd answer{ends[0], POLLIN, 0};
-  do
-    ::kill(application, SIGCONT);
-  while (::poll(&answer, 1, 500) == 0);
-  EXPECT_EQ(readLetter(ends[0]), 'f');
-  ASSERT_EQ(::waitpid(application, &status, 0), application);
-  EXPECT_EQ(WEXITSTATUS(status), 7);
-  ::close(ends[0]);
 }

@@ -76,21 +76,6 @@ protected:
 
 } // namespace
 
-TEST_F(AssetFaultTest, WhatIsNoCompletePlaylistIsRefusedBeforeAnythingIsWritten) {
-  playlist("/live", "#EXTM3U\n#EXTINF:2,\ns0.ts\n");
-  playlist("/empty", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nnothing.m3u8\n");
-  playlist("/nothing.m3u8", "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-ENDLIST\n");
-  playlist("/missing", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\ngone.m3u8\n");
-  playlist("/nested", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nmissing\n");
-  playlist("/page", "<html>not found</html>");
-  EXPECT_THAT(failureOf("/live"), testing::AllOf(HasSubstr(server.url("/live")), HasSubstr("live stream")));
-  EXPECT_THAT(failureOf("/empty"), testing::AllOf(HasSubstr("/nothing.m3u8"), HasSubstr("no segments")));
-  EXPECT_THAT(failureOf("/missing"), testing::AllOf(HasSubstr("/gone.m3u8"), HasSubstr("404")));
-  EXPECT_THAT(failureOf("/nested"), HasSubstr("master playlist where a media playlist"));
-  EXPECT_THAT(failureOf("/page"), HasSubstr("not a valid HLS playlist"));
-  EXPECT_EQ(packages(), 0u);
-}
-
 TEST_F(AssetFaultTest, AMissingSegmentIsNamedTheRestIsKeptAndTheNextDownloadFetchesOnlyWhatIsMissing) {
   playlist("/v/list", segments(12));
   media(12);
@@ -263,19 +248,6 @@ TEST_F(AssetFaultTest, LoadingCompletesOnceForEveryCallerAndHeadersGoEverywhere)
   slow->cancelLoading();
   ASSERT_TRUE(cancelled.wait());
   EXPECT_EQ(slow->statusOfValueForKey("tracks"), URLAsset::KeyValueStatus::Cancelled);
-}
-
-TEST_F(AssetFaultTest, WhatWillBeFetchedIsListedWithoutWriting) {
-  playlist("/v/list", segments(3));
-  Arrival<std::pair<std::vector<AssetResource>, ErrorRef>> listed;
-  session->getResourcesOfURLAsset(asset(server.url("/v/list")), {}, {}, [&](auto resources, auto error) {
-    listed.arrive({std::move(resources), error});
-  });
-  const auto result = listed.wait();
-  ASSERT_TRUE(result && !result->second);
-  ASSERT_THAT(result->first, SizeIs(3));
-  EXPECT_EQ(result->first[1].url, server.url("/v/s1.ts"));
-  EXPECT_EQ(packages(), 0u);
 }
 
 } // namespace asset_tests

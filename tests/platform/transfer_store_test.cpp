@@ -1,39 +1,20 @@
 // What outlives the process: the journal, the partial files, the locks.
 
 #include "tests/platform/ChildProcess.h"
-#include "tests/support/Expectation.h"
-#include "tests/support/FaultServer.h"
-#include "tests/support/RecordingSessionDelegate.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/platform/TransferServiceFixture.h"
 
-#include "platform/transfer/TransferService.h"
 #include "platform/transfer/internal/Journal.h"
 #include "platform/transfer/internal/PartialStore.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <sched.h>
 #include <sqlite3.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-using namespace platform;
 using namespace platform::transfer;
-using namespace support;
-using testing::SizeIs;
+using namespace transfer_tests;
 
 namespace {
-
-constexpr const char* OldDate = "Mon, 05 Jan 2015 10:00:00 GMT";
 
 class StoreTest : public testing::Test {
 protected:
@@ -172,38 +153,6 @@ TEST_F(StoreTest, JournalsTheNewestState) {
   EXPECT_EQ(journal->loadSession("name", nullptr)->nextTask, 50u);
 }
 
-TEST_F(StoreTest, RefusesANewerJournalAndSetsAGarbledOneAside) {
-  auto path = directory / "journal.db";
-  sqlite3* database = nullptr;
-  sqlite3_open(path.c_str(), &database);
-  sqlite3_exec(database, "PRAGMA user_version = 7; CREATE TABLE future(x)", nullptr, nullptr, nullptr);
-  sqlite3_close(database);
-  auto before = readFile(path);
-  ErrorRef error;
-  EXPECT_FALSE(Journal::open(path, &error));
-  ASSERT_TRUE(error);
-  EXPECT_THAT(error->localizedDescription(), testing::HasSubstr("version 7"));
-  EXPECT_EQ(readFile(path), before);
-
-  const std::string garbage = "this is no database, however long one looks at it";
-  std::ofstream(path) << garbage;
-  EXPECT_TRUE(Journal::open(path, nullptr));
-  std::size_t aside = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(directory.path()))
-    aside +=
-        entry.path().string().find(".damaged-") != std::string::npos && readFile(entry.path()) == garbage;
-  EXPECT_EQ(aside, 1u);
-}
-
-// ---- Processes that die
-
-HTTPTransferServiceOptions optionsFor(const std::string& directory) {
-  HTTPTransferServiceOptions options;
-  options.directory = directory;
-  options.retryDelay = std::chrono::milliseconds(1);
-  return options;
-}
-
 TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
   auto configuration = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
   ChildProcess child([&](const URLRequest& request) {
@@ -229,8 +178,7 @@ TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
         return true;
     return false;
   };
-  while (!described())
-    ::sched_yield();
+  ASSERT_TRUE(eventually(described));
 
   auto service = makeHTTPTransferService(optionsFor(directory.path()));
   configuration.service = service;
@@ -297,8 +245,8 @@ TEST_F(StoreTest, AFinishedBodyIsToldAgainWhenTheProcessDiedInTheTelling) {
   server.serve("/a", {content, "\"1\"", OldDate});
   child.start(server.url("/a"));
   // The journal follows a moment behind; what it does not hold yet a killed process does lose.
-  while (!std::filesystem::exists(mark) || finishedRows(directory / "journal.db") != 1)
-    ::sched_yield();
+  ASSERT_TRUE(eventually(
+      [&] { return std::filesystem::exists(mark) && finishedRows(directory / "journal.db") == 1; }));
   child.kill();
 
   auto service = makeHTTPTransferService(optionsFor(directory.path()));
@@ -319,80 +267,6 @@ TEST_F(StoreTest, AFinishedBodyIsToldAgainWhenTheProcessDiedInTheTelling) {
   session.reset();
   service->shutdown();
   EXPECT_TRUE(std::filesystem::is_empty(directory / "finished"));
-}
-
-/// What a disk that takes no more looks like to the child, and how it is relieved.
-struct FullDisk {
-  const char* name;
-  int code;
-  std::function<bool(const std::string&directory)> prepare, fill, relieve;
-};
-
-bool limitFileSize(rlim_t limit) {
-  rlimit now{};
-  ::getrlimit(RLIMIT_FSIZE, &now);
-  now.rlim_cur = std::min(limit, now.rlim_max);
-  return ::setrlimit(RLIMIT_FSIZE, &now) == 0;
-}
-
-/// A small file system of the child's own over the service's directory.
-bool mountSmall(const std::string& directory) {
-  if (::unshare(CLONE_NEWNS) != 0 && ::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-    return false;
-  return ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         ::mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=1m") == 0;
-}
-
-TEST_F(StoreTest, AFailedWriteIsOneClearErrorAndKeepsTheRest) {
-  const auto nothing = [](const std::string&) { return true; };
-  const FullDisk disks[] = {
-      // The limit holds for the whole process, so a child meets it. SIGXFSZ must not end it.
-      {"file size", EFBIG, [](auto&) { return ::signal(SIGXFSZ, SIG_IGN) != SIG_ERR; },
-       [](auto&) { return limitFileSize(300'000); }, [](auto&) { return limitFileSize(RLIM_INFINITY); }},
-      {"space", ENOSPC, mountSmall, nothing,
-       [](const std::string& path) {
-         return ::mount("tmpfs", path.c_str(), "tmpfs", MS_REMOUNT, "size=16m") == 0;
-       }},
-  };
-  const std::string content(3'000'000, 'x');
-  enum Ending { Passed = 0, NotPermitted = 77 };
-  for (const FullDisk& disk : disks) {
-    ChildProcess child([&](const URLRequest& request) {
-      if (!disk.prepare(directory.path()))
-        ::_exit(NotPermitted);
-      auto configuration = URLSessionConfiguration::defaultSessionConfiguration();
-      configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
-      auto delegate = std::make_shared<RecordingSessionDelegate>();
-      auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr);
-      auto task = session->downloadTaskWithRequest(request);
-      disk.fill(directory.path());
-      task->resume();
-      if (!delegate->waitForCompletions(1))
-        ::_exit(10);
-      disk.relieve(directory.path());
-      auto failure = delegate->tasks().begin()->second.completions.at(0);
-      if (!failure || failure->code() != NSURLErrorCannotWriteToFile || !failure->underlyingError() ||
-          failure->underlyingError()->code() != disk.code)
-        ::_exit(11);
-      auto data = failure->value<DataRef>(NSURLSessionDownloadTaskResumeData);
-      if (!data || !*data)
-        ::_exit(12);
-      task = session->downloadTaskWithResumeData(**data);
-      task->resume();
-      if (!delegate->waitForCompletions(2) || delegate->task(task->taskIdentifier()).content != content ||
-          delegate->task(task->taskIdentifier()).resumedAt.size() != 1)
-        ::_exit(13);
-      ::_exit(Passed);
-    });
-    FaultServer server;
-    server.serve("/a", {content, "\"1\"", OldDate});
-    child.start(server.url("/a"));
-    auto status = child.wait();
-    EXPECT_TRUE(WIFEXITED(status)) << disk.name;
-    if (WEXITSTATUS(status) == NotPermitted)
-      GTEST_SKIP() << "mounting a small file system needs root or user namespaces";
-    EXPECT_EQ(WEXITSTATUS(status), Passed) << disk.name;
-  }
 }
 
 } // namespace

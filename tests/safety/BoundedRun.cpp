@@ -1,6 +1,5 @@
 #include "tests/safety/BoundedRun.h"
 
-#include "apps/tolvane/Process.h"
 #include "tests/safety/FaultLayer.h"
 
 #include <algorithm>
@@ -10,7 +9,6 @@ namespace safety {
 
 support::ProgramResult runBounded(const std::vector<std::string>& arguments,
                                   const std::optional<FileLayer>& layer) {
-  const support::TemporaryDirectory scratch;
   std::vector<std::string> command{"timeout", "-s", "KILL", "90", "env"};
   if (layer) {
     command.push_back(std::string("LD_PRELOAD=") + FAULT_LAYER_LIBRARY);
@@ -24,12 +22,7 @@ support::ProgramResult runBounded(const std::vector<std::string>& arguments,
   }
   command.push_back(support::programPath());
   command.insert(command.end(), arguments.begin(), arguments.end());
-  tolvane::Process process(command, scratch / "out", scratch / "err");
-  support::ProgramResult result;
-  result.status = process.wait();
-  result.out = support::readFile(scratch / "out");
-  result.err = support::readFile(scratch / "err");
-  return result;
+  return support::runToEnd(command);
 }
 
 std::string endFault(const support::ProgramResult& result) {

@@ -3,6 +3,7 @@
 #include "apps/tolvane/Process.h"
 #include "tests/safety/BoundedRun.h"
 #include "tests/safety/Presentation.h"
+#include "tests/support/Expectation.h"
 
 #include <atomic>
 #include <chrono>
@@ -66,9 +67,7 @@ public:
     // Some bodies stop half-way when they are asked for the first time, so that there are parts to adopt.
     for (const auto& [name, content] : _presentation.files())
       if (_random() % 5 == 0) {
-        Fault stall;
-        stall.stallAfter = content.size() / 2;
-        stall.gate = _gate;
+        Fault stall = stallingAfter(content.size() / 2, _gate);
         _server.once("/" + name, counted(FaultServer::entity({content, "\"" + name + "\"", ""}, stall)));
       }
   }
@@ -156,9 +155,7 @@ private:
   /// Compares what the last run asked for with what was there before it, and looks at what it left.
   void checkRound() {
     // The server must have seen everything that the dead program had sent.
-    const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (_server.openConnections() > 0 && std::chrono::steady_clock::now() < bound)
-      std::this_thread::sleep_for(microseconds(200));
+    EXPECT_TRUE(eventually([this] { return _server.openConnections() == 0; }));
     const auto requests = _server.requests();
     std::set<std::string> asked;
     for (; _seen < requests.size(); ++_seen) {

@@ -70,9 +70,7 @@ protected:
     _origin = std::make_unique<Origin>();
     Origin& origin = *_origin;
     origin.presentation.serve(origin.server);
-    Fault stall;
-    stall.stallAfter = 2'000;
-    stall.gate = makeGate();
+    Fault stall = stallingAfter(2'000, makeGate());
     for (const char* name : {"/low-2.m4s", "/high-1.m4s"})
       origin.server.once(name, stall);
     const std::string library = origin.directory / "library";
@@ -198,6 +196,12 @@ TEST_F(DamagedLibrary, AJournalIsBegunAnewUnlessItIsNewer) {
     renew();
     harm(journal, damage);
     expectWholeAfter(resume());
+    std::size_t aside = 0;
+    for (const auto& entry : fs::directory_iterator(library() + "/transfers"))
+      aside += entry.path().string().find(".damaged-") != std::string::npos;
+    if (damage == Damage::Garbled) {
+      EXPECT_EQ(aside, 1u) << "it may be of use to its owner";
+    }
   }
   renew();
   query(journal, "PRAGMA user_version=99");

@@ -1,4 +1,4 @@
-#include "tests/support/EntityResponse.h"
+#include "tests/support/FaultServer.h"
 
 #include <algorithm>
 #include <charconv>
@@ -50,34 +50,19 @@ bool sendBody(ServerConnection& connection, std::string_view body, const Fault& 
   std::size_t limit = body.size();
   if (fault.cutAfter)
     limit = std::min(limit, *fault.cutAfter);
-  const auto sendPart = [&](std::string_view part) {
-    return part.empty() || (fault.chunked ? connection.sendChunk(part) : connection.send(part));
-  };
   std::size_t sent = 0;
   if (fault.stallAfter) {
     sent = std::min(limit, *fault.stallAfter);
-    if (!sendPart(body.substr(0, sent)) || !connection.wait(*fault.gate))
+    if (!connection.send(body.substr(0, sent)) || !connection.wait(*fault.gate))
       return false;
   }
-  while (sent < limit) {
-    const std::size_t step = fault.dripBytes != 0 ? std::min(fault.dripBytes, limit - sent) : limit - sent;
-    if (fault.dripBytes != 0 && !connection.wait(*fault.gate))
-      return false;
-    if (!sendPart(body.substr(sent, step)))
-      return false;
-    sent += step;
-  }
-  if (fault.cutAfter)
-    return false;
-  if (fault.extraBytes != 0 && !sendPart(std::string(fault.extraBytes, 'X')))
-    return false;
-  return !fault.chunked || connection.sendChunk({});
+  return connection.send(body.substr(sent, limit - sent)) && !fault.cutAfter;
 }
 
 } // namespace
 
-void serveEntity(const Entity& entity, const Fault& fault, const ServerRequest& request,
-                 ServerConnection& connection) {
+void FaultServer::serveEntity(const Entity& entity, const Fault& fault, const ServerRequest& request,
+                              ServerConnection& connection) {
   HTTPHeaders headers{{"Content-Type", entity.contentType}, {"Accept-Ranges", "bytes"}};
   if (!entity.etag.empty())
     headers["ETag"] = entity.etag;
@@ -99,10 +84,7 @@ void serveEntity(const Entity& entity, const Fault& fault, const ServerRequest& 
   }
   if (fault.contentRange)
     headers["Content-Range"] = *fault.contentRange;
-  if (fault.chunked)
-    headers["Transfer-Encoding"] = "chunked";
-  else
-    headers["Content-Length"] = std::to_string(range.length);
+  headers["Content-Length"] = std::to_string(range.length);
   for (const auto& [name, value] : fault.headers)
     headers[name] = value;
 
@@ -110,7 +92,7 @@ void serveEntity(const Entity& entity, const Fault& fault, const ServerRequest& 
     return;
   const bool whole =
       sendBody(connection, std::string_view(entity.content).substr(range.first, range.length), fault);
-  if (whole && !fault.closeAfter && fault.extraBytes == 0)
+  if (whole && !fault.closeAfter)
     return;
   if (fault.cutAfter && fault.cut == Fault::Cut::Reset)
     connection.reset();

@@ -1,6 +1,5 @@
 #include "tests/support/FaultServer.h"
 
-#include "tests/support/EntityResponse.h"
 #include "tests/support/Expectation.h"
 
 #include <algorithm>
@@ -26,32 +25,12 @@ namespace support {
 using platform::HTTPHeaders;
 using Lock = std::lock_guard<std::mutex>;
 
-namespace {
-
-std::string base64(std::string_view text) {
-  static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string result;
-  for (std::size_t i = 0; i < text.size(); i += 3) {
-    std::uint32_t group = 0;
-    for (std::size_t j = 0; j < 3; ++j)
-      group = group << 8 | (i + j < text.size() ? static_cast<unsigned char>(text[i + j]) : 0U);
-    for (std::size_t j = 0; j < 4; ++j)
-      result += i + j <= text.size() ? alphabet[group >> (18 - 6 * j) & 63] : '=';
-  }
-  return result;
-}
-
-} // namespace
-
-// The server
-
 struct FaultServer::State {
   struct Path {
     std::shared_ptr<const Entity> entity;
     ServerHandler handler;
     std::deque<ServerHandler> once;
     std::string authorization; // the expected header; empty: open to all
-    std::string realm;
   };
 
   int listener = -1;
@@ -67,12 +46,11 @@ struct FaultServer::State {
   std::list<std::thread> threads;
   std::size_t accepted = 0;
   std::size_t open = 0;
-  std::size_t peakOpen = 0;
   std::size_t answering = 0;
   std::size_t peakAnswering = 0;
 
   void accept();
-  void converse(int socket, std::size_t number);
+  void converse(int socket);
   bool readRequest(int socket, std::string& buffer, ServerRequest& request) const;
   ServerHandler handlerFor(const ServerRequest& request);
 };
@@ -114,9 +92,9 @@ void FaultServer::State::accept() {
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     Lock lock(mutex);
     ++accepted;
-    peakOpen = std::max(peakOpen, ++open);
-    threads.emplace_back([this, socket, number = accepted] {
-      converse(socket, number);
+    ++open;
+    threads.emplace_back([this, socket] {
+      converse(socket);
       ::close(socket);
       Lock again(mutex);
       --open;
@@ -177,7 +155,7 @@ ServerHandler FaultServer::State::handlerFor(const ServerRequest& request) {
     return reply(404, {}, "not found");
   Path& path = it->second;
   if (!path.authorization.empty() && request.header("Authorization") != path.authorization)
-    return reply(401, {{"WWW-Authenticate", "Basic realm=\"" + path.realm + "\""}}, "who are you?");
+    return reply(401, {{"WWW-Authenticate", "Basic realm=\"test\""}}, "who are you?");
   if (!path.once.empty()) {
     ServerHandler handler = std::move(path.once.front());
     path.once.pop_front();
@@ -186,14 +164,13 @@ ServerHandler FaultServer::State::handlerFor(const ServerRequest& request) {
   return path.handler ? path.handler : reply(404, {}, "not found");
 }
 
-void FaultServer::State::converse(int socket, std::size_t number) {
+void FaultServer::State::converse(int socket) {
   ServerConnection connection(socket, stop);
   std::string buffer;
   while (connection.isOpen()) {
     ServerRequest request;
     if (!readRequest(socket, buffer, request))
       return;
-    request.connection = number;
     ServerHandler handler;
     {
       Lock lock(mutex);
@@ -211,10 +188,6 @@ void FaultServer::State::converse(int socket, std::size_t number) {
     if (request.header("Connection") == "close")
       return;
   }
-}
-
-std::uint16_t FaultServer::port() const {
-  return _state->port;
 }
 
 std::string FaultServer::url(std::string_view path, std::string_view host) const {
@@ -259,12 +232,9 @@ void FaultServer::once(const std::string& path, Fault fault) {
   });
 }
 
-void FaultServer::protect(const std::string& path, const std::string& user, const std::string& password,
-                          const std::string& realm) {
+void FaultServer::protect(const std::string& path, const std::string& authorization) {
   Lock lock(_state->mutex);
-  auto& place = _state->paths[path];
-  place.authorization = "Basic " + base64(user + ":" + password);
-  place.realm = realm;
+  _state->paths[path].authorization = authorization;
 }
 
 ServerHandler FaultServer::reply(int status, HTTPHeaders headers, std::string body) {
@@ -281,17 +251,8 @@ ServerHandler FaultServer::redirect(std::string location, int status) {
   return reply(status, {{"Location", std::move(location)}}, "moved");
 }
 
-ServerHandler FaultServer::rangeNotSatisfiable(std::int64_t total) {
-  return reply(416, {{"Content-Range", "bytes */" + std::to_string(total)}});
-}
-
-ServerHandler FaultServer::dropConnection(bool reset) {
-  return [reset](const ServerRequest&, ServerConnection& connection) {
-    if (reset)
-      connection.reset();
-    else
-      connection.close();
-  };
+ServerHandler FaultServer::dropConnection() {
+  return [](const ServerRequest&, ServerConnection& connection) { connection.close(); };
 }
 
 ServerHandler FaultServer::entity(Entity entity, Fault fault) {
@@ -315,11 +276,6 @@ std::vector<ServerRequest> FaultServer::requests(const std::string& path) const 
   return found;
 }
 
-bool FaultServer::waitForRequests(std::size_t count) const {
-  std::unique_lock lock(_state->mutex);
-  return _state->changed.wait_for(lock, WaitBound, [&] { return _state->requests.size() >= count; });
-}
-
 bool FaultServer::waitForRequests(const std::string& path, std::size_t count) const {
   std::unique_lock lock(_state->mutex);
   return _state->changed.wait_for(lock, WaitBound, [&] { return _state->requestsOfPath[path] >= count; });
@@ -333,11 +289,6 @@ std::size_t FaultServer::connections() const {
 std::size_t FaultServer::openConnections() const {
   Lock lock(_state->mutex);
   return _state->open;
-}
-
-std::size_t FaultServer::peakConnections() const {
-  Lock lock(_state->mutex);
-  return _state->peakOpen;
 }
 
 std::size_t FaultServer::peakRequests() const {

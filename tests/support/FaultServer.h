@@ -48,7 +48,6 @@ struct ServerRequest {
   std::string target; ///< path and query as written
   std::string path;   ///< without the query
   platform::HTTPHeaders headers;
-  std::size_t connection = 0; ///< number of the connection, from 1 in order of acceptance
 
   /// The header's value, empty when it is missing.
   std::string header(const std::string& name) const;
@@ -62,9 +61,6 @@ public:
 
   /// Status line, headers and the empty line. Nothing is added: a body needs Content-Length or chunks.
   bool sendHead(int status, const platform::HTTPHeaders& headers);
-
-  /// One chunk of a chunked body; an empty one ends it.
-  bool sendChunk(std::string_view bytes);
 
   bool wait(Gate& gate);
   void close(); ///< orderly, after what was sent
@@ -96,11 +92,8 @@ struct Fault {
   std::optional<std::size_t> cutAfter; ///< end the connection after so many bytes
   Cut cut = Cut::Close;
   std::optional<std::size_t> stallAfter; ///< send so many bytes, then wait at `gate`
-  std::size_t dripBytes = 0; ///< after that (or from the start) wait at `gate` before every so many
   GateRef gate;
-  std::size_t extraBytes = 0;              ///< sent beyond the announced length
   bool ignoreRange = false;                ///< 200 with everything
-  bool chunked = false;                    ///< no Content-Length
   bool closeAfter = false;                 ///< close the connection behind a whole response, unannounced
   std::optional<std::string> contentRange; ///< instead of the right one
   std::optional<int> status;               ///< instead of the right one
@@ -113,6 +106,22 @@ inline Fault stallingAfter(std::size_t bytes, GateRef gate) {
   fault.stallAfter = bytes;
   fault.gate = std::move(gate);
   return fault;
+}
+
+/// Ends the connection after so many bytes.
+inline Fault cuttingAfter(std::size_t bytes, Fault::Cut cut = Fault::Cut::Close) {
+  Fault fault;
+  fault.cutAfter = bytes;
+  fault.cut = cut;
+  return fault;
+}
+
+/// A body that repeats nothing.
+inline std::string randomBytes(std::size_t count, unsigned seed = 1) {
+  std::string text(count, '\0');
+  for (auto& c : text)
+    c = static_cast<char>((seed = seed * 1664525u + 1013904223u) >> 24);
+  return text;
 }
 
 /// A scripted HTTP/1.1 server on 127.0.0.1 for what a well-behaved server never does.
@@ -128,7 +137,6 @@ public:
   FaultServer(const FaultServer&) = delete;
   FaultServer& operator=(const FaultServer&) = delete;
 
-  std::uint16_t port() const;
   /// "http://<host>:<port><path>"; "localhost" is another host to a client, and the same server.
   std::string url(std::string_view path, std::string_view host = "127.0.0.1") const;
 
@@ -143,30 +151,28 @@ public:
   /// Serves the path's entity (the one that is there when the request comes) once with a fault.
   void once(const std::string& path, Fault fault);
 
-  /// From now on the path's requests without these Basic credentials get 401.
-  void protect(const std::string& path, const std::string& user, const std::string& password,
-               const std::string& realm = "test");
+  /// From now on the path's requests without this Authorization, of Basic credentials, get 401.
+  void protect(const std::string& path, const std::string& authorization);
 
   // Handlers for `handle` and `once`.
   static ServerHandler reply(int status, platform::HTTPHeaders headers = {}, std::string body = {});
   static ServerHandler redirect(std::string location, int status = 302);
-  static ServerHandler rangeNotSatisfiable(std::int64_t total); ///< 416 with the total
-  static ServerHandler dropConnection(bool reset = false);      ///< without a single byte
+  static ServerHandler dropConnection(); ///< without a single byte
   static ServerHandler entity(Entity entity, Fault fault = {});
 
   std::vector<ServerRequest> requests() const;
   std::vector<ServerRequest> requests(const std::string& path) const;
-  /// Waits until so many requests came in all (or for the path); false when the bound passed first.
-  [[nodiscard]] bool waitForRequests(std::size_t count) const;
+  /// Waits until so many requests for the path came in; false when the bound passed first.
   [[nodiscard]] bool waitForRequests(const std::string& path, std::size_t count) const;
 
   std::size_t connections() const;     ///< accepted so far
   std::size_t openConnections() const; ///< now, as far as the server has noticed
-  std::size_t peakConnections() const; ///< most at once
   std::size_t peakRequests() const;    ///< most requests at once that were being answered
 
 private:
   struct State;
+  static void serveEntity(const Entity& entity, const Fault& fault, const ServerRequest& request,
+                          ServerConnection& connection);
   const std::unique_ptr<State> _state;
 };
 

@@ -19,28 +19,16 @@ void write(const fs::path& file, std::string_view content) {
   std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
 }
 
-Arguments sources() {
-  return {"ffmpeg",
-          "-nostdin",
-          "-loglevel",
-          "error",
-          "-y",
-          "-f",
-          "lavfi",
-          "-i",
-          "testsrc2=size=320x180:rate=25:duration=4",
-          "-f",
-          "lavfi",
-          "-i",
-          "sine=frequency=440:duration=4",
-          "-f",
-          "lavfi",
-          "-i",
-          "sine=frequency=880:duration=4"};
-}
-
 void add(Arguments& to, std::initializer_list<std::string> more) {
   to.insert(to.end(), more.begin(), more.end());
+}
+
+Arguments sources() {
+  Arguments command{"ffmpeg", "-nostdin", "-loglevel", "error", "-y"};
+  for (const char* source : {"testsrc2=size=320x180:rate=25:duration=4", "sine=frequency=440:duration=4",
+                             "sine=frequency=880:duration=4"})
+    add(command, {"-f", "lavfi", "-i", source});
+  return command;
 }
 
 void addCodecs(Arguments& to, int height) {
@@ -142,7 +130,6 @@ HLSMedia makeHLSMedia(HLSForm form) {
       makeTransportStreams(form, directory);
     return directory;
   });
-  media.mediaPlaylists = {"90/media.m3u8", "180/media.m3u8"};
   return media;
 }
 

@@ -36,9 +36,6 @@ std::vector<std::string> addressingArguments(Addressing addressing) {
 std::string nameOf(const MediaOptions& options) {
   static constexpr const char* names[] = {"number", "time", "list", "single", "smooth"};
   std::string name = names[static_cast<int>(options.addressing)];
-  name += "-" + std::to_string(options.seconds) + "s-" + std::to_string(options.segmentSeconds) + "s";
-  for (int height : options.heights)
-    name += "-" + std::to_string(height);
   for (const auto& language : options.languages)
     name += "-" + language;
   return name;
@@ -46,15 +43,12 @@ std::string nameOf(const MediaOptions& options) {
 
 /// The manifest that ffmpeg writes leaves out the sizes of the video stream, and the start of a stream whose
 /// first fragment, going by its file's name, does not start at 0.
-void completeSmoothManifest(const fs::path& directory, const MediaOptions& options) {
+void completeSmoothManifest(const fs::path& directory) {
   const fs::path path = directory / "Manifest";
   std::string text = readFile(path);
-  const int height = *std::max_element(options.heights.begin(), options.heights.end());
-  const std::string sizes = "Width=\"" + std::to_string(height * 16 / 9 / 2 * 2) + "\" MaxHeight=\"" +
-                            std::to_string(height) + "\" ";
   const std::string video = "<StreamIndex Type=\"video\" ";
   text.insert(text.find(video) + video.size(),
-              "Max" + sizes + "Display" + std::string(sizes).replace(sizes.find("Max"), 3, "Display"));
+              "MaxWidth=\"320\" MaxHeight=\"180\" DisplayWidth=\"320\" DisplayHeight=\"180\" ");
   for (const std::string kind : {"video", "audio"}) {
     const std::string prefix = "Fragments(" + kind + "=";
     long long start = std::numeric_limits<long long>::max();
@@ -69,46 +63,31 @@ void completeSmoothManifest(const fs::path& directory, const MediaOptions& optio
 }
 
 std::vector<std::string> encodeCommand(const MediaOptions& options) {
-  const std::string seconds = std::to_string(options.seconds);
-  const std::string segment = std::to_string(options.segmentSeconds);
-  const std::string keyFrames = std::to_string(25 * options.segmentSeconds);
   std::vector<std::string> command{"ffmpeg", "-nostdin", "-loglevel", "error", "-y"};
   const auto add = [&](std::initializer_list<std::string> more) {
     command.insert(command.end(), more.begin(), more.end());
   };
-  add({"-f", "lavfi", "-i", "testsrc2=size=320x180:rate=25:duration=" + seconds});
+  add({"-f", "lavfi", "-i", "testsrc2=size=320x180:rate=25:duration=4"});
   for (std::size_t i = 0; i < options.languages.size(); ++i)
-    add({"-f", "lavfi", "-i", "sine=frequency=" + std::to_string(440 + 220 * i) + ":duration=" + seconds});
-  std::string sets;
-  std::size_t stream = 0;
-  for (std::size_t i = 0; i < options.heights.size(); ++i, ++stream) {
-    const int height = options.heights[i];
-    const std::string number = std::to_string(i);
-    add({"-map", "0:v", "-s:v:" + number,
-         std::to_string(height * 16 / 9 / 2 * 2) + "x" + std::to_string(height), "-b:v:" + number,
-         std::to_string(height) + "k"});
-  }
-  if (!options.heights.empty()) {
-    sets = "id=0,streams=v";
-    add({"-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-g", keyFrames, "-keyint_min",
-         keyFrames, "-sc_threshold", "0"});
-  }
-  for (std::size_t i = 0; i < options.languages.size(); ++i, ++stream) {
+    add({"-f", "lavfi", "-i", "sine=frequency=" + std::to_string(440 + 220 * i) + ":duration=4"});
+  add({"-map",     "0:v",     "-s:v:0", "160x90", "-b:v:0",      "90k",     "-map",          "0:v",
+       "-s:v:1",   "320x180", "-b:v:1", "180k",   "-c:v",        "libx264", "-preset",       "ultrafast",
+       "-pix_fmt", "yuv420p", "-g",     "25",     "-keyint_min", "25",      "-sc_threshold", "0"});
+  std::string sets = "id=0,streams=v";
+  for (std::size_t i = 0; i < options.languages.size(); ++i) {
     add({"-map", std::to_string(i + 1) + ":a", "-metadata:s:a:" + std::to_string(i),
          "language=" + options.languages[i]});
-    sets += (sets.empty() ? "id=" : " id=") + std::to_string(i + (options.heights.empty() ? 0 : 1)) +
-            ",streams=" + std::to_string(stream);
+    sets += " id=" + std::to_string(i + 1) + ",streams=" + std::to_string(i + 2);
   }
   // The encoder starts before zero, which names the first file differently from what the manifest says.
-  if (!options.languages.empty())
-    add({"-c:a", "aac", "-b:a", "32k", "-bsf:a", "setts=pts=PTS+1024:dts=DTS+1024"});
+  add({"-c:a", "aac", "-b:a", "32k", "-bsf:a", "setts=pts=PTS+1024:dts=DTS+1024"});
   if (options.addressing == Addressing::Smooth) {
     add({"-fflags", "+bitexact", "-flags", "+bitexact", "-f", "smoothstreaming", "-min_frag_duration",
-         segment + "000000", "movie"});
+         "1000000", "movie"});
     return command;
   }
-  add({"-fflags", "+bitexact", "-flags", "+bitexact", "-f", "dash", "-seg_duration", segment,
-       "-adaptation_sets", sets});
+  add({"-fflags", "+bitexact", "-flags", "+bitexact", "-f", "dash", "-seg_duration", "1", "-adaptation_sets",
+       sets});
   for (const auto& argument : addressingArguments(options.addressing))
     command.push_back(argument);
   command.push_back("manifest.mpd");
@@ -128,7 +107,7 @@ Media makeMedia(const MediaOptions& options) {
     runCommand(encodeCommand(options), directory.string());
     if (!smooth)
       return directory;
-    completeSmoothManifest(directory / "movie", options);
+    completeSmoothManifest(directory / "movie");
     return directory / "movie";
   });
   if (smooth)

@@ -16,9 +16,6 @@ enum class Addressing {
 
 struct MediaOptions {
   Addressing addressing = Addressing::NumberTemplate;
-  int seconds = 4;
-  int segmentSeconds = 1;
-  std::vector<int> heights{90, 180};                ///< one video representation each, 16:9
   std::vector<std::string> languages{"eng", "deu"}; ///< one audio adaptation set each
 };
 
@@ -27,7 +24,8 @@ struct Media {
   std::string manifest = "manifest.mpd"; ///< name in the directory
 };
 
-/// A DASH or Smooth Streaming presentation of a test pattern and sine tones, made by ffmpeg.
+/// A DASH or Smooth Streaming presentation of a test pattern in two heights (90 and 180) and sine tones, made
+/// by ffmpeg: four seconds in segments of one.
 ///
 /// The files are kept and shared; see MediaCache.h. Raises std::runtime_error when ffmpeg is missing or
 /// fails.

@@ -125,8 +125,6 @@ std::string NginxServer::configuration(const std::string& documentRoot, const Ng
     text << "    ssl_certificate " << certificateFile() << ";\n    ssl_certificate_key "
          << _directory / "key.pem"
          << ";\n";
-  if (!options.rateLimit.empty())
-    text << "    limit_rate " << options.rateLimit << ";\n";
   text << options.directives << "\n  }\n  server {\n    listen 127.0.0.1:" << _controlPort
        << ";\n    access_log off;\n    return 204;\n  }\n}\n";
   return text.str();

@@ -25,7 +25,6 @@ struct AccessLogEntry {
 struct NginxOptions {
   bool tls = false;             ///< https with HTTP/2 and a certificate for 127.0.0.1 and localhost
   int keepaliveRequests = 1000; ///< requests on one connection before it is closed
-  std::string rateLimit;        ///< bytes per second for each response ("200k"); empty: none
   std::string directives;       ///< added to the server block
 };
 
@@ -43,7 +42,6 @@ public:
 
   static bool isInstalled();
 
-  std::uint16_t port() const { return _port; }
   std::string url(std::string_view path) const;
 
   /// PEM file to trust for https.

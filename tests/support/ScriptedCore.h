@@ -18,7 +18,6 @@ namespace support::scripted {
 struct Record {
   std::uint64_t identifier = 0;
   Survivor survivor;
-  std::optional<std::string> finishedFile;
   platform::ErrorRef failure;
 };
 

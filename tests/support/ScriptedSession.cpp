@@ -44,10 +44,10 @@ void ScriptedSession::journalLocked(const ScriptedTask& task) {
   survivor.state = task._state;
   survivor.bytesReceived = task._received;
   survivor.bytesExpected = task._expected;
-  if (task._finished && !task._file)
+  if (task._finished)
     survivor.finishedContent = task._content;
   _core->journals[_configuration.identifier].records.push_back(
-      {task._identifier, std::move(survivor), task._file, task._outcome});
+      {task._identifier, std::move(survivor), task._outcome});
 }
 
 ScriptedTaskRef ScriptedSession::makeTaskLocked(std::uint64_t identifier, const URLRequest& request) {
@@ -157,12 +157,6 @@ void ScriptedSession::invalidate(bool cancelTasks) {
     _state->keptUntilInvalid = std::move(self);
     _core->removedFromSessionLocked(*_state);
   }
-}
-
-ScriptedTaskRef ScriptedSession::task(std::uint64_t taskIdentifier) const {
-  Lock lock(_core->mutex);
-  auto it = _state->live.find(taskIdentifier);
-  return it == _state->live.end() ? nullptr : it->second;
 }
 
 std::vector<ScriptedTaskRef> ScriptedSession::liveTasks() const {

@@ -48,7 +48,6 @@ template <class Interface> std::optional<std::string> ScriptedTaskOf<Interface>:
 template <class Interface>
 void ScriptedTaskOf<Interface>::setTaskDescription(std::optional<std::string> text) {
   Lock lock(_core->mutex);
-  _calls.descriptions.push_back(text);
   _description = std::move(text);
 }
 
@@ -64,7 +63,6 @@ template <class Interface> std::int64_t ScriptedTaskOf<Interface>::countOfBytesE
 
 template <class Interface> void ScriptedTaskOf<Interface>::resume() {
   Lock lock(_core->mutex);
-  ++_calls.resumed;
   if (_state != State::Suspended || _ended)
     return;
   _state = State::Running;
@@ -76,23 +74,16 @@ template <class Interface> void ScriptedTaskOf<Interface>::resume() {
 
 template <class Interface> void ScriptedTaskOf<Interface>::suspend() {
   Lock lock(_core->mutex);
-  ++_calls.suspended;
   if (_state == State::Running && !_ended)
     _state = State::Suspended;
 }
 
 template <class Interface> void ScriptedTaskOf<Interface>::cancel() {
   Lock lock(_core->mutex);
-  ++_calls.cancelled;
   if (_ended)
     return;
   _state = State::Canceling;
   endLocked(cancelledError(_request));
-}
-
-template <class Interface> TaskCalls ScriptedTaskOf<Interface>::calls() const {
-  Lock lock(_core->mutex);
-  return _calls;
 }
 
 template <class Interface> bool ScriptedTaskOf<Interface>::fail(const ErrorRef& error) {
@@ -103,22 +94,6 @@ template <class Interface> bool ScriptedTaskOf<Interface>::fail(const ErrorRef& 
 template <class Interface> bool ScriptedTaskOf<Interface>::fail(URLErrorCode code) {
   UserInfo info{{NSURLErrorFailingURLStringErrorKey, _request.url().absoluteString()}};
   return fail(makeError(NSURLErrorDomain, code, std::move(info)));
-}
-
-template <class Interface>
-bool ScriptedTaskOf<Interface>::challenge(const AuthenticationChallenge& challenge,
-                                          ChallengeCompletion answered) {
-  Lock lock(_core->mutex);
-  if (_ended)
-    return false;
-  _core->tellLocked(*_session, [task = self(), challenge, answered = std::move(answered)](
-                                   ScriptedSession& session, URLSessionDelegate* delegate) {
-    if (delegate)
-      delegate->URLSessionTaskDidReceiveChallenge(session, task, challenge, answered);
-    else
-      answered(AuthChallengeDisposition::PerformDefaultHandling, std::nullopt);
-  });
-  return true;
 }
 
 template <class Interface> bool ScriptedTaskOf<Interface>::isRunning() const {
@@ -151,10 +126,9 @@ template class ScriptedTaskOf<URLSessionDataTask>;
 
 void ScriptedTask::cancelByProducingResumeData(std::function<void(DataRef)> completion) {
   Lock lock(_core->mutex);
-  ++_calls.cancelled;
   DataRef data;
   if (!_ended)
-    data = _scriptedResumeData ? *_scriptedResumeData : makeResumeDataLocked();
+    data = makeResumeDataLocked();
   _core->callLocked(*_session, [completion = std::move(completion), data] { completion(data); });
   if (_ended)
     return;
@@ -209,35 +183,7 @@ bool ScriptedTask::finish(std::string content) {
   Lock lock(_core->mutex);
   if (!isRunning())
     return false;
-  _content = std::move(content);
-  return finishLocked(static_cast<std::int64_t>(_content.size()));
-}
-
-bool ScriptedTask::finishWithFile(const std::string& path) {
-  if (!response())
-    write(0);
-  const auto size = static_cast<std::int64_t>(std::filesystem::file_size(path));
-  Lock lock(_core->mutex);
-  if (!isRunning())
-    return false;
-  _file = path;
-  return finishLocked(size);
-}
-
-bool ScriptedTask::resumeAt(std::int64_t offset, std::int64_t expectedTotal) {
-  {
-    Lock lock(_core->mutex);
-    if (!isRunning())
-      return false;
-    _resumeOffset = offset;
-    _expected = expectedTotal;
-  }
-  return respond(206);
-}
-
-void ScriptedTask::setResumeData(DataRef data) {
-  Lock lock(_core->mutex);
-  _scriptedResumeData = std::move(data);
+  return finishLocked(std::move(content));
 }
 
 void ScriptedTask::startLocked() {
@@ -281,7 +227,9 @@ void ScriptedTask::progressLocked() {
   });
 }
 
-bool ScriptedTask::finishLocked(std::int64_t size) {
+bool ScriptedTask::finishLocked(std::string content) {
+  _content = std::move(content);
+  const auto size = static_cast<std::int64_t>(_content.size());
   if (_received != size || (_firstOfResponse && !_progressWaiting)) {
     _received = size;
     _expected = size;
@@ -291,14 +239,12 @@ bool ScriptedTask::finishLocked(std::int64_t size) {
   _finished = true;
   auto task = std::static_pointer_cast<ScriptedTask>(self());
   _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate* delegate) {
-    std::string content;
-    std::optional<std::string> file;
+    std::string body;
     {
       Lock lock(task->_core->mutex);
-      content.swap(task->_content);
-      file.swap(task->_file);
+      body.swap(task->_content);
     }
-    const std::string location = file ? *file : scripted::writeTemporaryFile(*task->_core, content);
+    const std::string location = scripted::writeTemporaryFile(*task->_core, body);
     if (delegate)
       delegate->URLSessionDownloadTaskDidFinishDownloadingToURL(session, task, location);
     std::error_code ignored;

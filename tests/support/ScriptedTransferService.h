@@ -21,14 +21,6 @@ struct SessionState;
 class ScriptedSession;
 class ScriptedTransferService;
 
-/// What the code under test did to a task.
-struct TaskCalls {
-  int resumed = 0;
-  int suspended = 0;
-  int cancelled = 0; ///< by either kind of cancel
-  std::vector<std::optional<std::string>> descriptions;
-};
-
 /// What is common to the tasks of a scripted session. Thread-safe.
 template <class Interface>
 class ScriptedTaskOf : public Interface, public std::enable_shared_from_this<ScriptedTaskOf<Interface>> {
@@ -46,16 +38,12 @@ public:
   void suspend() override;
   void cancel() override;
 
-  TaskCalls calls() const;
   const platform::URLRequest& request() const { return _request; }
 
   /// Ends the task with `error`. Like every scripted step it answers false, and does nothing, when the task
   /// has already ended or was cancelled.
   bool fail(const platform::ErrorRef& error);
   bool fail(platform::URLErrorCode code);
-
-  /// Asks the delegate for credentials; `answered` gets what it decides.
-  bool challenge(const platform::AuthenticationChallenge& challenge, platform::ChallengeCompletion answered);
 
 protected:
   friend struct scripted::Core;
@@ -86,14 +74,13 @@ protected:
   std::optional<std::string> _description;
   std::int64_t _received = 0;
   std::int64_t _expected = platform::NSURLSessionTransferSizeUnknown;
-  TaskCalls _calls;
 };
 
 /// A download task that does what the test says.
 ///
-/// The steps `respond`, `write`, `finish`, `fail`, `resumeAt` play the part of the network: they change the
+/// The steps `respond`, `write`, `finish`, `fail` play the part of the network: they change the
 /// task at once and queue the events, which `ScriptedTransferService::run` delivers. Steps need a running
-/// task; on any other they answer false and do nothing (`fail` and `challenge` also work on a suspended one).
+/// task; on any other they answer false and do nothing (`fail` also works on a suspended one).
 class ScriptedTask final : public ScriptedTaskOf<platform::URLSessionDownloadTask> {
 public:
   void cancelByProducingResumeData(std::function<void(platform::DataRef)> completion) override;
@@ -109,15 +96,6 @@ public:
   /// The whole body is `content`: missing progress, the finished event with a temporary file, the completion.
   bool finish(std::string content);
 
-  /// The same with a file that is there already; it counts as the temporary file and is removed like one.
-  bool finishWithFile(const std::string& path);
-
-  /// The transfer goes on at `offset`, as after an adopted part of an earlier process.
-  bool resumeAt(std::int64_t offset, std::int64_t expectedTotal);
-
-  /// What `cancelByProducingResumeData` hands out instead of data made from the task (null: nothing).
-  void setResumeData(platform::DataRef data);
-
   /// The resume data that the task was created with.
   const std::optional<platform::Data>& resumeData() const { return _resumeData; }
 
@@ -129,7 +107,7 @@ private:
   void startLocked() override;
   void completeLocked() override;
   void progressLocked();
-  bool finishLocked(std::int64_t size);
+  bool finishLocked(std::string content);
   platform::DataRef makeResumeDataLocked() const;
 
   std::optional<platform::Data> _resumeData;
@@ -138,9 +116,7 @@ private:
   bool _progressWaiting = false;
   std::int64_t _reported = 0;
   std::string _content;
-  std::optional<std::string> _file;
   bool _finished = false;
-  std::optional<platform::DataRef> _scriptedResumeData;
 };
 
 /// A data task that the test answers.
@@ -179,9 +155,6 @@ public:
   void invalidateAndCancel() override;
   void finishTasksAndInvalidate() override;
 
-  /// The download task of that identifier that has not ended, or null.
-  ScriptedTaskRef task(std::uint64_t taskIdentifier) const;
-
   /// Download tasks that have not ended, in order of their identifiers.
   std::vector<ScriptedTaskRef> liveTasks() const;
 
@@ -218,7 +191,7 @@ struct Survivor {
 
 /// A transfer service without a network: the test plays every response, byte, failure and relaunch.
 ///
-/// It keeps the contracts of URLSession.h. Events wait until the test delivers them with `deliver` or `run`
+/// It keeps the contracts of URLSession.h. Events wait until the test delivers them with `run`
 /// on its own thread (`Delivery::Pumped`), which makes a test deterministic, or go to the sessions' queues at
 /// once (`Delivery::OnQueue`). Thread-safe; no callback runs under a lock. Every step takes constant or
 /// logarithmic time, so it carries benchmarks with very many tasks.
@@ -236,9 +209,6 @@ public:
                                                     platform::ErrorRef* error) override;
   std::shared_ptr<platform::URLSession> sharedSession() override;
   void shutdown() override;
-
-  /// Delivers the oldest waiting event; false when none waits (or when called from within an event).
-  bool deliver();
 
   /// Delivers events, those that they cause included, until none waits; answers how many. With
   /// `Delivery::OnQueue` it waits until the queues have delivered theirs

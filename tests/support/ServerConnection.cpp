@@ -3,7 +3,6 @@
 #include "tests/support/Expectation.h"
 
 #include <cerrno>
-#include <charconv>
 #include <condition_variable>
 #include <mutex>
 #include <poll.h>
@@ -93,14 +92,6 @@ bool ServerConnection::sendHead(int status, const HTTPHeaders& headers) {
   for (const auto& [name, value] : headers)
     head += name + ": " + value + "\r\n";
   return send(head + "\r\n");
-}
-
-bool ServerConnection::sendChunk(std::string_view bytes) {
-  char size[17];
-  const auto end = std::to_chars(size, size + sizeof size, bytes.size(), 16).ptr;
-  std::string chunk(size, end);
-  chunk.append("\r\n").append(bytes).append("\r\n");
-  return send(chunk);
 }
 
 bool ServerConnection::wait(Gate& gate) {
