@@ -7,7 +7,6 @@
 #include "platform/foundation/StringHash.h"
 #include "platform/foundation/StringTable.h"
 #include "platform/foundation/URL.h"
-#include "platform/transfer/URLRequest.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
@@ -150,14 +149,6 @@ TEST(URLTest, TellsItsComponents) {
   EXPECT_TRUE(file.isFileURL());
   EXPECT_EQ(file.path(), path);
   EXPECT_EQ(urlText(file.absoluteString()), file.absoluteString());
-}
-
-TEST(URLRequestTest, HeadersIgnoreCase) {
-  URLRequest request(*URL::URLWithString("http://h/"));
-  request.setValueForHTTPHeaderField("bytes=0-1", "Range");
-  request.setValueForHTTPHeaderField("bytes=2-3", "range");
-  EXPECT_EQ(request.valueForHTTPHeaderField("RANGE"), "bytes=2-3");
-  EXPECT_EQ(request.allHTTPHeaderFields().size(), 1u);
 }
 
 TEST(FileManagerTest, WritesMovesListsAndRemoves) {

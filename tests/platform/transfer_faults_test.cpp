@@ -147,28 +147,6 @@ TEST_F(TransferServiceTest, AcceptsNoShortAndNoLongBody) {
   expectWhole(finish(start("/a")), randomBytes(100'000));
 }
 
-TEST_F(TransferServiceTest, ReportsStatusesWithTheirBodies) {
-  server.handle("/404", FaultServer::reply(404, {{"Content-Length", "9"}}, "not there"));
-  server.handle("/500", FaultServer::reply(500, {{"Content-Length", "0"}}));
-  server.handle("/304", FaultServer::reply(304, {{"ETag", "\"1\""}}));
-  server.handle("/503", FaultServer::reply(503, {{"Content-Length", "4"}, {"Retry-After", "3600"}}, "busy"));
-  server.handle("/429", FaultServer::reply(429, {{"Content-Length", "0"}}));
-  open();
-  struct Case {
-    int status;
-    const char* body;
-  };
-  for (auto& c : {Case{404, "not there"}, Case{500, ""}, Case{304, ""}, Case{503, "busy"}, Case{429, ""}}) {
-    auto task = start("/" + std::to_string(c.status));
-    auto record = finish(task);
-    expectWhole(record, c.body);
-    EXPECT_EQ(record.progress.front().status, c.status);
-    EXPECT_EQ(record.progress.front().total, static_cast<std::int64_t>(std::string(c.body).size()));
-    EXPECT_EQ(task->response()->statusCode(), c.status);
-  }
-  EXPECT_THAT(server.requests(), SizeIs(5));
-}
-
 TEST_F(TransferServiceTest, ErrorPagesLeaveWhatIsHeldAlone) {
   auto content = randomBytes(300'000);
   server.serve("/a", {content, "\"1\"", OldDate});

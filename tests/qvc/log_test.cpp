@@ -58,18 +58,6 @@ struct LogTest : testing::Test {
   std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
 };
 
-TEST_F(LogTest, formatsEntries) {
-  LogEntry entry{0x162e, MessageSeverity::ERROR, "/a/b\\qvcXml", "parse",
-                 737,    qvc_InvalidFormat,      1234,           "Cannot parse empty input"};
-  EXPECT_EQ(recorder->formatString(entry),
-            "[0001.234] <0x0000162e> ERROR  : [qvcXml:737] Cannot parse empty input (code 5)");
-  entry.severity = MessageSeverity::INFO;
-  EXPECT_EQ(recorder->formatString(entry),
-            "[0001.234] <0x0000162e> INFO   : [qvcXml:737] Cannot parse empty input");
-  entry.severity = static_cast<MessageSeverity>(6);
-  EXPECT_EQ(recorder->formatString(entry), "");
-}
-
 TEST_F(LogTest, returnsTheCodeWhetherOrNotItWrites) {
   log.addOutputAdapter(recorder);
   EXPECT_EQ(write("written"), 5u);

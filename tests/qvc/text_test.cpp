@@ -3,7 +3,6 @@
 #include "qvc/FastString.h"
 #include "qvc/ParserHelpers.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -11,9 +10,6 @@
 
 namespace qvc {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 TEST(FastString, compareCountsACommonPartOfExactlyMaxLenAsEqual) {
   EXPECT_EQ(FastString("abc").compare("abcd", true, 3), 0);
@@ -116,14 +112,6 @@ TEST(FastString, trimsAndRemovesByteOrderMarksInTheirOrder) {
   std::string plain = " a b ";
   EXPECT_EQ(ltrim(plain), "a b ");
   EXPECT_EQ(rtrim(plain), "a b");
-}
-
-TEST(FastString, explodes) {
-  EXPECT_THAT(FastString("a,b").explode(','), ElementsAre("a", "b"));
-  EXPECT_THAT(FastString(",a,b,").explode(','), ElementsAre("a", "b"));
-  EXPECT_THAT(FastString("a,,b").explode(','), ElementsAre("a", "", "b"));
-  EXPECT_THAT(FastString("ab").explode(','), ElementsAre("ab"));
-  EXPECT_THAT(FastString("a").explode(','), IsEmpty());
 }
 
 TEST(FastString, convertsHexadecimal) {
