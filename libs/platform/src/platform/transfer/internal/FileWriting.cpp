@@ -10,6 +10,11 @@
 
 namespace platform::transfer {
 
+namespace {
+// For less the page cache is no detour.
+constexpr std::int64_t LeastDirect = 64LL << 10;
+} // namespace
+
 int writeAll(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset) {
   while (count > 0) {
     auto written = ::pwrite(descriptor, bytes, count, offset);

@@ -9,9 +9,6 @@ namespace platform::transfer {
 /// Writes all of `count` bytes at `offset`, which moves to the end of what was written. Answers 0 or errno.
 int writeAll(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset);
 
-/// For less the page cache is no detour.
-constexpr std::int64_t LeastDirect = 64LL << 10;
-
 /// The same for a part of a body: past the page cache where the file system lets it. A body is synced as soon
 /// as it is whole and read much later if at all, so a copy of it in memory costs time and drives out what
 /// others use. `bytes` must lie in memory as `offset` does in the file, as far as `WriteBuffers::Alignment`

@@ -395,23 +395,12 @@ int PartialFile::writeWhole(const std::string& path) {
   return 0;
 }
 
-void PartialFile::start(const std::string& path) {
-  if (!isInMemory())
-    handOver();
-  std::lock_guard io(_io);
-  _startFailure = isInMemory() ? writeWhole(path) : writeWaiting();
-  if (!isInMemory() || _held.total() < LeastDirect) // else nearly all of it is on the disk by now
-    ::sync_file_range(_descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
-}
-
 int PartialFile::finish(const std::string& path) {
   if (!isInMemory())
     handOver();
   std::lock_guard io(_io);
-  int failure = _startFailure;
   if (isInMemory()) {
-    if (failure == 0 && _descriptor < 0)
-      failure = writeWhole(path);
+    int failure = writeWhole(path);
     if (failure == 0 && ::fdatasync(_descriptor) != 0)
       failure = errno;
     if (failure != 0)
@@ -419,8 +408,7 @@ int PartialFile::finish(const std::string& path) {
     closeAll();
     return failure;
   }
-  if (failure == 0)
-    failure = writeWaiting();
+  int failure = writeWaiting();
   if (failure == 0)
     failure = cutOff();
   if (failure != 0)

@@ -29,8 +29,8 @@ class PartialStore;
 /// so many bytes. Nothing is synced for it; like the length, it is trusted only within one run of the system.
 ///
 /// `write`, `handOver`, `setHeld`, `clear` and `held` are for the network thread; `syncAndDescribe` and
-/// `startMap` for the disk threads meanwhile, and so are `start`, `finish` and `settle` once nothing is
-/// written any more.
+/// `startMap` for the disk threads meanwhile, and so are `finish` and `settle` once nothing is written any
+/// more.
 class PartialFile : public std::enable_shared_from_this<PartialFile> {
 public:
   /// A body of the request `key`, of which nothing is held.
@@ -85,8 +85,6 @@ public:
   /// makes room for the description without which the rest would be worthless.
   int settle(PartialDescription description);
 
-  /// Has the system begin with what `finish` waits for.
-  void start(const std::string& path);
   /// Writes and syncs what is held, and has it at `path`, without description and map. Closed afterwards.
   /// Answers 0 or errno, then nothing is at `path`.
   int finish(const std::string& path);
@@ -148,7 +146,6 @@ private:
   std::size_t _mapLength = 0;   ///< of its line, which never gets shorter
   bool _cut;                    ///< the file may be longer than what was written
   bool _described;              ///< a description or a map may stand on disk
-  int _startFailure = 0;
 
   /// Never held while anything waits for the disk.
   mutable std::mutex _mutex;

@@ -26,7 +26,7 @@ struct ServiceParts {
   ServiceParts(HTTPTransferServiceOptions serviceOptions, std::unique_ptr<OwnerLocks::Lock> process,
                std::unique_ptr<Journal> openJournal)
       : options(std::move(serviceOptions)), locks(options.directory + "/locks"),
-        processLock(std::move(process)), journal(std::move(openJournal)), disk(3),
+        processLock(std::move(process)), journal(std::move(openJournal)), disk(4),
         store(options.directory, processLock->owner(), locks, disk), network(options, store, disk) {}
 };
 

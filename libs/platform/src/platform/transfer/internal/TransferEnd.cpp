@@ -47,18 +47,17 @@ void Transfer::storeFile() {
   const auto length = held();
   // A success ends the task right here: the way over the network thread would only delay what follows it.
   // Whether it was cancelled meanwhile is looked at when it is delivered.
-  _network.disk().add([file = _file, path] { file->start(path); },
-                      [&network = _network, task = _task.shared_from_this(), file = _file, path, length] {
-                        const int failure = file->finish(path);
-                        if (failure == 0) {
-                          task->setComplete(length, path);
-                          task->session()->end(task, {nullptr, path, nullptr, nullptr});
-                        }
-                        network.postSoon([task, failure, length] {
-                          if (task->transfer)
-                            task->transfer->stored(failure, length);
-                        });
-                      });
+  _network.disk().add([&network = _network, task = _task.shared_from_this(), file = _file, path, length] {
+    const int failure = file->finish(path);
+    if (failure == 0) {
+      task->setComplete(length, path);
+      task->session()->end(task, {nullptr, path, nullptr, nullptr});
+    }
+    network.postSoon([task, failure, length] {
+      if (task->transfer)
+        task->transfer->stored(failure, length);
+    });
+  });
 }
 
 void Transfer::stored(int failure, std::int64_t length) {
