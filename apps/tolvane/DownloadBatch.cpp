@@ -166,8 +166,10 @@ public:
       ++_running;
       if (errors[i])
         fail(due[i], errors[i]);
-      else if (downloads[i]->state() == DownloadState::idle && !isPlainFile(*downloads[i]))
-        // Started, and yet nothing runs: there will be no event to wait for.
+      else if (downloads[i]->state() == DownloadState::idle && downloads[i]->isStarted() &&
+               !isPlainFile(*downloads[i]))
+        // Started, and yet nothing runs: there will be no event to wait for. One that has run already is idle
+        // for a moment as well, but no longer started.
         settle(due[i], "nothing of what is chosen is offered any more");
     }
   }

@@ -1,7 +1,6 @@
 // The adapter of plain files over scripted transfers: states, records and events.
 
 #include "TolvaneDownloader/FileDownloader/FileDownloader.h"
-#include "TolvaneDownloader/FileDownloader/FileDownloaderFactory.h"
 #include "tests/adapters/AdapterFixture.h"
 
 #include "halvix/Download.h"
@@ -173,20 +172,6 @@ TEST_F(FileAdapter, AFailureTellsTheReasonAndKeepsItsResumeData) {
   EXPECT_EQ(download->resumeData(), data);
   ASSERT_TRUE(dispatcher->failed.wait());
   EXPECT_TRUE(dispatcher->events().back().starts_with("error the download failed: connection lost"));
-
-  auto missing = started("http://host/missing.mp4");
-  live()[0]->respond(404);
-  live()[0]->finish("nothing here");
-  settle();
-  EXPECT_NE(dispatcher->events().back().find("HTTP status 404"), std::string::npos)
-      << dispatcher->events().back();
-  EXPECT_FALSE(std::filesystem::exists(files->downloadPath() + "/" + missing->uuid()));
-  auto empty = started("http://host/empty.mp4");
-  live()[0]->respond(200);
-  live()[0]->finish("");
-  settle();
-  EXPECT_NE(dispatcher->events().back().find("Zero file size"), std::string::npos)
-      << dispatcher->events().back();
 }
 
 TEST_F(FileAdapter, WhatAnEndedProcessLeftRunningIsReportedOnceAndGoesOn) {
@@ -295,15 +280,4 @@ TEST_F(FileAdapter, WhatIsRemovedWhileItComesIntoItsPlaceLeavesNothing) {
   settle();
   EXPECT_FALSE(std::filesystem::exists(folderOf(*found)));
   EXPECT_NE(found->state(), DownloadState::success);
-}
-
-TEST_F(FileAdapter, TheSessionAndTheFactoryAreAsTheHostWantsThem) {
-  platform::URLSessionConfiguration configuration;
-  configuration.HTTPAdditionalHeaders = {{"x-all", "old"}, {"X-Kept", "3"}};
-  files->customizeBackgroundSessionConfiguration(configuration);
-  EXPECT_EQ(configuration.HTTPAdditionalHeaders, (platform::HTTPHeaders{{"x-all", "1"}, {"X-Kept", "3"}}));
-  EXPECT_FALSE(configuration.allowsCellularAccess);
-  FileDownloaderFactory factory(nullptr);
-  for (ContentType type : halvix::allContentTypes)
-    EXPECT_EQ(factory.canDownload(type), type == ContentType::mp4 || type == ContentType::mp3);
 }

@@ -1,7 +1,5 @@
 #include "tests/app/Program.h"
 
-#include "apps/tolvane/Process.h"
-
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -27,10 +25,13 @@ std::set<std::string> filesBelow(const std::string& directory) {
   return names;
 }
 
-ProgramResult runProgram(const std::vector<std::string>& arguments) {
+ProgramResult runProgram(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), programPath());
+  return runToEnd(arguments);
+}
+
+ProgramResult runToEnd(const std::vector<std::string>& command) {
   TemporaryDirectory scratch;
-  std::vector<std::string> command{programPath()};
-  command.insert(command.end(), arguments.begin(), arguments.end());
   tolvane::Process process(command, scratch.path() + "/out", scratch.path() + "/err");
   ProgramResult result;
   result.status = process.wait();
@@ -42,6 +43,12 @@ ProgramResult runProgram(const std::vector<std::string>& arguments) {
 ProgramResult ProgramFixture::run(std::vector<std::string> arguments) const {
   arguments.insert(arguments.end(), {"--library", library()});
   return runProgram(arguments);
+}
+
+std::unique_ptr<tolvane::Process> ProgramFixture::start(std::vector<std::string> arguments) const {
+  arguments.insert(arguments.begin(), programPath());
+  arguments.insert(arguments.end(), {"--progress", "none", "--library", library()});
+  return std::make_unique<tolvane::Process>(arguments, directory / "out", directory / "err");
 }
 
 nlohmann::json ProgramFixture::list() const {

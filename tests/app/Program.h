@@ -1,9 +1,11 @@
 #pragma once
 
+#include "apps/tolvane/Process.h"
 #include "tests/support/FaultServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
@@ -18,7 +20,10 @@ struct ProgramResult {
 };
 
 /// Runs the program to its end.
-ProgramResult runProgram(const std::vector<std::string>& arguments);
+ProgramResult runProgram(std::vector<std::string> arguments);
+
+/// Runs any command to its end.
+ProgramResult runToEnd(const std::vector<std::string>& command);
 
 /// Path of the program, for tests that must not wait for its end.
 std::string programPath();
@@ -34,6 +39,8 @@ public:
   std::string library() const { return directory.path() + "/library"; }
   /// Runs with "--library" at the end.
   ProgramResult run(std::vector<std::string> arguments) const;
+  /// Starts with "--progress none" and "--library" at the end; what it writes goes to "out" and "err".
+  std::unique_ptr<tolvane::Process> start(std::vector<std::string> arguments) const;
   nlohmann::json list() const;
   /// Directory of the only download.
   std::string downloadDirectory() const;

@@ -84,17 +84,6 @@ protected:
 
 } // namespace
 
-TEST_F(Addressing, NumberTemplateWithoutTimeline) {
-  serveManifest(manifest(
-      "<Period>" +
-      video("<SegmentTemplate timescale=\"1\" duration=\"2\" initialization=\"$RepresentationID$/i.mp4\" "
-            "media=\"$RepresentationID$/$Number%03d$.m4s\"/>") +
-      "</Period>"));
-  for (const char* path : {"/dir/v/i.mp4", "/dir/v/001.m4s", "/dir/v/002.m4s", "/dir/v/003.m4s"})
-    serve(path);
-  downloadAndCompare(4);
-}
-
 TEST_F(Addressing, TimeTemplateWithTimelineQueryAndTwoRepresentations) {
   std::string inner =
       "<SegmentTemplate timescale=\"10\" initialization=\"$RepresentationID$.mp4?k=1\" "
@@ -141,16 +130,6 @@ TEST_F(Addressing, SingleSegmentBaseIsFetchedWhole) {
   serve("/dir/movie.mp4");
   downloadAndCompare(1);
   EXPECT_EQ(server.requests("/dir/movie.mp4")[0].header("Range"), "");
-}
-
-TEST_F(Addressing, BaseURLsChainAndTheFirstOfEachLevelCounts) {
-  serveManifest(
-      manifest("<BaseURL>a/</BaseURL><BaseURL>x/</BaseURL><Period><BaseURL>b/</BaseURL>"
-               "<AdaptationSet mimeType=\"video/mp4\"><BaseURL>c/</BaseURL><Representation id=\"v\" "
-               "bandwidth=\"1\"><BaseURL>d/</BaseURL><SegmentList><SegmentURL media=\"1.m4s\"/></SegmentList>"
-               "</Representation></AdaptationSet></Period>"));
-  serve("/dir/a/b/c/d/1.m4s");
-  downloadAndCompare(1);
 }
 
 TEST_F(Addressing, OfSeveralPeriodsTheFirstIsDownloadedAndTheUserIsTold) {

@@ -71,15 +71,6 @@ TEST_F(BadInput, ManifestsThatAreNone) {
   refuseManifest("", {"Failed to parse XML"});
   refuseManifest("<!DOCTYPE html><html><body>hello</body></html>", {"Not a valid MPD"});
   refuseManifest("<MPD><Period>", {"Failed to parse XML"});
-  std::string bomb = "<!DOCTYPE m [<!ENTITY a \"aaaaaaaaaa\">";
-  for (char c = 'b'; c <= 'k'; ++c) {
-    std::string name(1, c), before(1, static_cast<char>(c - 1));
-    bomb += "<!ENTITY " + name + " \"";
-    for (int i = 0; i < 10; ++i)
-      bomb += "&" + before + ";";
-    bomb += "\">";
-  }
-  refuseManifest(bomb + "]><MPD>&k;</MPD>", {});
   refuseManifest("<MPD mediaPresentationDuration=\"PT4S\"></MPD>", {"No Period found"});
   refuseManifest("<MPD mediaPresentationDuration=\"PT4S\"><Period><AdaptationSet "
                  "mimeType=\"image/jpeg\"><Representation/>"

@@ -1,14 +1,13 @@
 // Plain files as a user meets them: one and many, interrupted, killed, changed at the server, refused.
 
-#include "apps/tolvane/Process.h"
 #include "tests/app/Program.h"
+#include "tests/support/Expectation.h"
 #include "tests/support/NginxServer.h"
 
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <thread>
 
 using namespace support;
 using nlohmann::json;
@@ -16,16 +15,6 @@ using tolvane::Process;
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string content(std::size_t size, unsigned seed = 1) {
-  std::string bytes(size, '\0');
-  std::uint32_t state = seed;
-  for (char& byte : bytes) {
-    state = state * 1664525 + 1013904223;
-    byte = static_cast<char>(state >> 24);
-  }
-  return bytes;
-}
 
 class Files : public testing::Test, public ProgramFixture {
 protected:
@@ -40,18 +29,9 @@ protected:
     return fs::exists(root) ? filesBelow(root).size() : 0;
   }
 
-  std::unique_ptr<Process> start(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), programPath());
-    arguments.insert(arguments.end(), {"--progress", "none", "--library", library()});
-    return std::make_unique<Process>(arguments, directory / "out", directory / "err");
-  }
-
   /// Starts a download of "/movie.mp4" that stands still after so many bytes, and waits until it does.
   std::unique_ptr<Process> startAndHold(const GateRef& gate, std::size_t after, bool described = true) {
-    Fault stall;
-    stall.stallAfter = after;
-    stall.gate = gate;
-    server.once("/movie.mp4", stall);
+    server.once("/movie.mp4", stallingAfter(after, gate));
     auto process = start({"download", server.url("/movie.mp4")});
     EXPECT_TRUE(gate->waitUntilReached());
     waitForPartial(after, described);
@@ -61,22 +41,22 @@ protected:
   /// What was sent is on disk when a partial file has it.
   void waitForPartial(std::size_t bytes, bool described = true) const {
     const fs::path partials = library() + "/transfers/partials";
-    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-         std::chrono::steady_clock::now() < end; std::this_thread::yield()) {
+    EXPECT_TRUE(eventually([&] {
       std::error_code ignored;
       for (const auto& entry : fs::directory_iterator(partials, ignored))
         if (entry.path().extension() == ".part" && entry.file_size(ignored) >= bytes &&
             (!described || fs::exists(fs::path(entry.path()).replace_extension(".json"))))
-          return;
-    }
-    FAIL() << "the partial file never had " << bytes << " bytes";
+          return true;
+      return false;
+    })) << "the partial file never had "
+        << bytes << " bytes";
   }
 };
 
 } // namespace
 
 TEST_F(Files, OneFileHasANameAndAPlaceAndCanBeVerifiedAndRemoved) {
-  const std::string body = content(300'000);
+  const std::string body = randomBytes(300'000);
   server.serve("/dir/My%20Film.mp4", {body, "\"v1\"", ""});
   const std::string url = server.url("/dir/My%20Film.mp4");
   ProgramResult result = run({"download", url, "--progress", "plain"});
@@ -94,7 +74,7 @@ TEST_F(Files, OneFileHasANameAndAPlaceAndCanBeVerifiedAndRemoved) {
   EXPECT_NE(run({"download", url}).out.find("already complete"), std::string::npos);
   EXPECT_EQ(server.requests().size(), 1u);
   EXPECT_EQ(run({"verify", identifier(), "--origin"}).status, 0);
-  server.serve("/dir/My%20Film.mp4", {content(5), "\"v2\"", ""});
+  server.serve("/dir/My%20Film.mp4", {randomBytes(5), "\"v2\"", ""});
   EXPECT_NE(run({"verify", identifier(), "--origin"}).out.find("another version"), std::string::npos);
   fs::resize_file(localPath(), 299'999);
   ProgramResult verified = run({"verify", identifier()});
@@ -112,7 +92,7 @@ TEST_F(Files, TheServerTellsWhatTheURLDoesNot) {
     Fault extra;
     if (!disposition.empty())
       extra.headers["Content-Disposition"] = disposition;
-    server.serve(path, {content(1000), "\"e\"", "", type}, extra);
+    server.serve(path, {randomBytes(1000), "\"e\"", "", type}, extra);
   };
   serve("/get", "video/mp4", "attachment; filename=\"../../../a \x1b film.mp4\"");
   serve("/song", "audio/mpeg", "");
@@ -141,7 +121,7 @@ TEST_F(Files, TheServerTellsWhatTheURLDoesNot) {
 }
 
 TEST_F(Files, AServerThatKnowsOnlyGETIsAskedForAByteAndNotForTheFile) {
-  const std::string body = content(50'000);
+  const std::string body = randomBytes(50'000);
   const platform::HTTPHeaders told{{"Content-Type", "video/mp4"},
                                    {"Content-Disposition", "attachment; filename=\"Film.mp4\""}};
   Fault named;
@@ -181,7 +161,7 @@ TEST_F(Files, SeveralGoUnderTheLimitAndOneThatFailsDoesNotKeepTheOthers) {
   std::vector<std::string> arguments{"download"};
   for (int i = 0; i < 12; ++i) {
     const std::string path = "/" + std::to_string(i) + ".mp3";
-    server.serve(path, {content(20'000, static_cast<unsigned>(i)), "\"e\"", ""});
+    server.serve(path, {randomBytes(20'000, static_cast<unsigned>(i)), "\"e\"", ""});
     arguments.push_back(server.url(path));
   }
   server.serve("/movie.mpd", {"<MPD mediaPresentationDuration=\"PT4S\"><Period><AdaptationSet "
@@ -206,7 +186,7 @@ TEST_F(Files, SeveralGoUnderTheLimitAndOneThatFailsDoesNotKeepTheOthers) {
                server.url("/empty.mp4"),
                server.url("/13.mp4"),
                server.url("/13.mp4")};
-  server.serve("/13.mp4", {content(100), "", ""});
+  server.serve("/13.mp4", {randomBytes(100), "", ""});
   result = run(arguments);
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("404"), std::string::npos) << result.err;
@@ -220,14 +200,11 @@ TEST_F(Files, SeveralGoUnderTheLimitAndOneThatFailsDoesNotKeepTheOthers) {
 }
 
 TEST_F(Files, AnInterruptKeepsTheBytesOfWhatRunsAndWhatWaits) {
-  const std::string body = content(400'000);
+  const std::string body = randomBytes(400'000);
   server.serve("/movie.mp4", {body, "\"v1\"", ""});
-  server.serve("/second.mp4", {content(10), "\"v1\"", ""});
+  server.serve("/second.mp4", {randomBytes(10), "\"v1\"", ""});
   auto gate = makeGate();
-  Fault stall;
-  stall.stallAfter = 150'000;
-  stall.gate = gate;
-  server.once("/movie.mp4", stall);
+  server.once("/movie.mp4", stallingAfter(150'000, gate));
   auto process = start({"download", server.url("/movie.mp4"), server.url("/second.mp4"), "--jobs", "1"});
   ASSERT_TRUE(gate->waitUntilReached());
   waitForPartial(100'000);
@@ -247,7 +224,7 @@ TEST_F(Files, AnInterruptKeepsTheBytesOfWhatRunsAndWhatWaits) {
 }
 
 TEST_F(Files, RemovingAnUnfinishedOneLeavesNoBytesBehind) {
-  server.serve("/movie.mp4", {content(400'000), "\"v1\"", ""});
+  server.serve("/movie.mp4", {randomBytes(400'000), "\"v1\"", ""});
   auto gate = makeGate();
   auto process = startAndHold(gate, 200'000);
   process->signal(SIGINT);
@@ -259,13 +236,10 @@ TEST_F(Files, RemovingAnUnfinishedOneLeavesNoBytesBehind) {
 }
 
 TEST_F(Files, NewHeadersGoWithTheBytesThatAreThere) {
-  const std::string body = content(400'000);
+  const std::string body = randomBytes(400'000);
   server.serve("/movie.mp4", {body, "\"v1\"", ""});
-  Fault stall;
   auto gate = makeGate();
-  stall.stallAfter = 200'000;
-  stall.gate = gate;
-  server.once("/movie.mp4", stall);
+  server.once("/movie.mp4", stallingAfter(200'000, gate));
   auto process = start({"download", server.url("/movie.mp4"), "--header", "X-Token: old"});
   ASSERT_TRUE(gate->waitUntilReached());
   waitForPartial(100'000);
@@ -286,7 +260,7 @@ TEST_F(Files, AKilledDownloadGoesOnFromTheBytesOnDisk) {
   if (!NginxServer::isInstalled())
     GTEST_SKIP() << "nginx is not installed";
   constexpr std::size_t size = 64u << 20;
-  const std::string body = content(size);
+  const std::string body = randomBytes(size);
   TemporaryDirectory root;
   root.write("big.mp4", body);
   NginxOptions options;
@@ -312,7 +286,7 @@ TEST_F(Files, AKilledDownloadGoesOnFromTheBytesOnDisk) {
 }
 
 TEST_F(Files, WhatCannotBeContinuedStartsAgainAndSaysWhy) {
-  const std::string old = content(600'000, 1), young = content(500'000, 2);
+  const std::string old = randomBytes(600'000, 1), young = randomBytes(500'000, 2);
   struct Case {
     Entity before, after;
     Fault fault;
@@ -342,10 +316,8 @@ TEST_F(Files, WhatCannotBeContinuedStartsAgainAndSaysWhy) {
     server.serve("/movie.mp4", one.after, fault);
     process = start({"resume", "--all"});
     EXPECT_TRUE(second->waitUntilReached());
-    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-         readFile(directory / "err").find("started from the beginning") == std::string::npos &&
-         std::chrono::steady_clock::now() < end;)
-      std::this_thread::yield();
+    EXPECT_TRUE(eventually(
+        [&] { return readFile(directory / "err").find("started from the beginning") != std::string::npos; }));
     second->open();
     EXPECT_EQ(process->wait(), 0) << readFile(directory / "err");
     EXPECT_NE(readFile(directory / "err").find(one.reason), std::string::npos) << readFile(directory / "err");

@@ -1,6 +1,5 @@
 // HLS as ffmpeg packs it, downloaded, killed, resumed, and played without the server.
 
-#include "apps/tolvane/Process.h"
 #include "tests/app/Program.h"
 #include "tests/support/Command.h"
 #include "tests/support/HLSMedia.h"
@@ -61,8 +60,13 @@ protected:
     if (hasGroups())
       for (const char* name : {"en", "de", "text-en", "text-de"})
         origin.merge(mediaBelow(media.directory + "/" + name));
-    if (GetParam() == HLSForm::Encrypted)
+    if (GetParam() == HLSForm::Encrypted) {
       origin.insert(readFile(media.directory + "/media.key"));
+      for (const std::string& name : filesBelow(package))
+        if (name.ends_with(".key.ts")) {
+          EXPECT_EQ(fs::status(package + "/" + name).permissions(), fs::perms(0600)) << "its owner's alone";
+        }
+    }
     EXPECT_TRUE(mediaBelow(package) == origin) << testing::PrintToString(filesBelow(package));
     for (const std::string& name : filesBelow(package))
       if (name.starts_with("text-") && name.ends_with(".m3u8")) {
@@ -135,21 +139,13 @@ TEST_P(HLSForms, AKilledDownloadGoesOnInAnotherProcess) {
       stalled = "/" + name;
   }
   ASSERT_FALSE(stalled.empty());
-  Fault stall;
-  stall.stallAfter = 500;
-  stall.gate = makeGate();
+  Fault stall = stallingAfter(500, makeGate());
   server.once(stalled, stall);
-  const auto command =
-      std::vector<std::string>{"download", server.url("/" + media.master), "--progress", "none"} +
-      (hasGroups() ? everything : std::vector<std::string>{});
-  {
-    tolvane::Process first(std::vector<std::string>{programPath()} + command +
-                               std::vector<std::string>{"--library", library()},
-                           directory / "out");
-    ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "out");
-    first.signal(SIGKILL);
-    first.wait();
-  }
+  const auto first = start(std::vector<std::string>{"download", server.url("/" + media.master)} +
+                           (hasGroups() ? everything : std::vector<std::string>{}));
+  ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "err");
+  first->signal(SIGKILL);
+  first->wait();
   stall.gate->open();
   EXPECT_EQ(run({"verify", idOf()[0]}).status, 1) << "it claims nothing that it does not hold";
   const ProgramResult result = run({"resume", "--all", "--progress", "none"});
@@ -186,7 +182,7 @@ TEST_F(HLS, SelectorsChooseTheVariantAndTheRenditions) {
 TEST_F(HLS, AMediaPlaylistGivenDirectly) {
   const HLSMedia media = makeHLSMedia(HLSForm::TransportStream);
   NginxServer nginx(media.directory);
-  const std::string url = nginx.url("/" + media.mediaPlaylists[0]);
+  const std::string url = nginx.url("/90/media.m3u8");
   EXPECT_EQ(runProgram({"inspect", url}).status, 0);
   const ProgramResult result = run({"download", url, "--progress", "none"});
   ASSERT_EQ(result.status, 0) << result.err;
@@ -225,16 +221,12 @@ TEST_F(HLS, AProtectedOriginSeesTheHeadersOnEveryRequest) {
 
 TEST_F(HLS, AnInterruptedDownloadIsPaused) {
   server.serve("/m.m3u8", {"#EXTM3U\n#EXT-X-TARGETDURATION:4\n#EXTINF:4,\n/a.ts\n#EXT-X-ENDLIST\n", "", ""});
-  Fault stall;
-  stall.stallAfter = 100;
-  stall.gate = makeGate();
+  Fault stall = stallingAfter(100, makeGate());
   server.serve("/a.ts", {std::string(100'000, 'a'), "\"a\"", ""}, stall);
-  tolvane::Process program(
-      {programPath(), "download", server.url("/m.m3u8"), "--progress", "none", "--library", library()},
-      directory / "out");
-  ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "out");
-  program.signal(SIGINT);
-  EXPECT_EQ(program.wait(), 130);
+  const auto program = start({"download", server.url("/m.m3u8")});
+  ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "err");
+  program->signal(SIGINT);
+  EXPECT_EQ(program->wait(), 130);
   EXPECT_EQ(list()[0]["state"], "paused");
   EXPECT_EQ(list()[0]["error"], json());
 }
@@ -255,6 +247,8 @@ TEST_F(HLS, BadInputGetsOneClearErrorAndLeavesNothing) {
       {"/live.m3u8", head + segment, "live", false},
       {"/empty.m3u8", head + end, "empty.m3u8", false},
       {"/variant.m3u8", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nmissing.m3u8\n", "missing.m3u8", false},
+      {"/nested.m3u8", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nvariant.m3u8\n",
+       "master playlist where a media playlist", false},
       {"/key.m3u8", head + key + segment + end, "none.key", true},
       {"/segment.m3u8", head + segment + "#EXTINF:4,\n/none.ts\n" + end, "none.ts", true},
   };

@@ -4,10 +4,8 @@
 #include "tests/support/Expectation.h"
 
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <functional>
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/wait.h>
@@ -77,23 +75,11 @@ private:
   std::thread _reader;
 };
 
-bool eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + WaitBound;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end)
-      return false;
-    std::this_thread::yield();
-  }
-  return true;
-}
-
 class Keys : public testing::Test, public ProgramFixture {
 protected:
   void SetUp() override {
     server.serve("/movie.mp4", {std::string(400'000, 'm'), "\"v1\"", ""});
-    Fault stall;
-    stall.stallAfter = 200'000;
-    stall.gate = gate;
+    Fault stall = stallingAfter(200'000, gate);
     server.once("/movie.mp4", stall);
     stall.stallAfter = 50'000; // of the rest
     server.once("/movie.mp4", stall);

@@ -1,7 +1,6 @@
 // A library over several processes: interrupted, killed, resumed, cancelled, removed, held by another
 // process.
 
-#include "apps/tolvane/Process.h"
 #include "tests/app/Program.h"
 
 #include <csignal>
@@ -35,14 +34,8 @@ protected:
 
   /// Starts a download that stands still half-way through segment 20, and waits until it does.
   std::unique_ptr<Process> startAndHold(GateRef gate) {
-    Fault stall;
-    stall.stallAfter = 10'000;
-    stall.gate = gate;
-    server.once(path(20), stall);
-    auto process = std::make_unique<Process>(
-        std::vector<std::string>{programPath(), "download", server.url("/movie.mpd"), "--title", "A movie",
-                                 "--progress", "none", "--library", library()},
-        directory / "out", directory / "err");
+    server.once(path(20), stallingAfter(10'000, gate));
+    auto process = start({"download", server.url("/movie.mpd"), "--title", "A movie"});
     EXPECT_TRUE(gate->waitUntilReached());
     // The other three lanes run on to the end; then only the held segment is missing.
     for (int i = 0; i < segments; ++i)
@@ -155,16 +148,11 @@ TEST_F(Library, MachineReadableOutputHasTheStatedShape) {
 
 TEST_F(Library, HeadersReachEveryRequestAndAreKeptForResume) {
   auto gate = makeGate();
-  Fault stall;
-  stall.stallAfter = 10;
-  stall.gate = gate;
-  server.once(path(20), stall);
-  Process process({programPath(), "download", server.url("/movie.mpd"), "--header", "X-Token: secret: 1",
-                   "--library", library(), "--progress", "none"},
-                  directory / "out");
+  server.once(path(20), stallingAfter(10, gate));
+  auto process = start({"download", server.url("/movie.mpd"), "--header", "X-Token: secret: 1"});
   ASSERT_TRUE(gate->waitUntilReached());
-  process.signal(SIGKILL);
-  process.wait();
+  process->signal(SIGKILL);
+  process->wait();
   ASSERT_EQ(run({"resume", "--all", "--progress", "none"}).status, 0);
   for (const ServerRequest& request : server.requests())
     EXPECT_EQ(request.header("X-Token"), "secret: 1") << request.method << " " << request.target;

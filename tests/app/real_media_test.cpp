@@ -1,6 +1,5 @@
 // Presentations as ffmpeg packs them, downloaded, killed, resumed, and played without the server.
 
-#include "apps/tolvane/Process.h"
 #include "tests/app/Program.h"
 #include "tests/support/Command.h"
 #include "tests/support/MediaFactory.h"
@@ -10,7 +9,6 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 
-namespace fs = std::filesystem;
 using namespace support;
 using nlohmann::json;
 
@@ -22,7 +20,7 @@ std::string nameOf(const testing::TestParamInfo<Addressing>& info) {
   return names[static_cast<int>(info.param)];
 }
 
-class RealMedia : public testing::TestWithParam<Addressing> {
+class RealMedia : public testing::TestWithParam<Addressing>, public ProgramFixture {
 protected:
   void SetUp() override {
     ASSERT_TRUE(canMakeMedia() && NginxServer::isInstalled()) << "install ffmpeg and nginx";
@@ -33,32 +31,20 @@ protected:
     media = makeMedia(options);
   }
 
-  ProgramResult run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.end(), {"--library", directory / "library"});
-    return runProgram(arguments);
-  }
-
-  std::string copyDirectory() {
-    for (const auto& entry : fs::recursive_directory_iterator(directory / "library"))
-      if (entry.path().filename() == "manifest.mpd")
-        return entry.path().parent_path().string();
-    return {};
-  }
-
   /// What is stored is what the origin has. The packager may have written segments beyond what it lists.
   void expectIdenticalCopy() {
-    for (const std::string& name : filesBelow(copyDirectory())) {
+    for (const std::string& name : filesBelow(downloadDirectory())) {
       if (name == "QVMovieDownloadSetProperties.json")
         continue;
       const std::string origin = media.directory + "/" + (name == "manifest.mpd" ? media.manifest : name);
-      EXPECT_TRUE(readFile(copyDirectory() + "/" + name) == readFile(origin)) << name;
+      EXPECT_TRUE(readFile(downloadDirectory() + "/" + name) == readFile(origin)) << name;
     }
   }
 
   /// What was asked for is all there, and plays where files alone can: a Smooth Streaming player makes the
   /// header of a stream from the manifest.
   void expectWhole() {
-    const std::string id = json::parse(run({"list", "--json"}).out)[0]["id"];
+    const std::string id = list()[0]["id"];
     const ProgramResult verified = run({"verify", id});
     EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
     if (GetParam() != Addressing::Smooth)
@@ -67,14 +53,14 @@ protected:
 
   /// Each quality's files, one behind the other, are a stream that decodes to its whole length.
   void expectPlays() {
-    const json presentation = json::parse(runProgram({"resources", copyDirectory() + "/manifest.mpd",
+    const json presentation = json::parse(runProgram({"resources", downloadDirectory() + "/manifest.mpd",
                                                       "--base", "http://host/manifest.mpd", "--json"})
                                               .out);
     for (const json& track : presentation["movies"][0]["tracks"])
       for (const json& quality : track["qualities"]) {
         std::string stream;
         for (const json& resource : quality["resources"])
-          stream += readFile(copyDirectory() + "/" + resource["path"].get<std::string>());
+          stream += readFile(downloadDirectory() + "/" + resource["path"].get<std::string>());
         const std::string file = directory.write("stream.mp4", stream), log = directory / "decoded";
         EXPECT_NO_THROW(runCommand(
             {"ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", file, "-progress", log, "-f", "null", "-"},
@@ -102,19 +88,18 @@ protected:
   }
 
   Media media;
-  TemporaryDirectory directory;
 };
 
 } // namespace
 
 TEST_P(RealMedia, TheServerIsAskedForTheListedResourcesAndTheCopyPlaysWithoutIt) {
   {
-    NginxServer server(media.directory);
-    const std::string url = server.url("/" + media.manifest);
+    NginxServer nginx(media.directory);
+    const std::string url = nginx.url("/" + media.manifest);
     ProgramResult result = run({"download", url, "--video", "all", "--audio", "all", "--progress", "none"});
     ASSERT_EQ(result.status, 0) << result.err;
     std::multiset<std::string> asked;
-    for (const AccessLogEntry& entry : server.accessLog())
+    for (const AccessLogEntry& entry : nginx.accessLog())
       if (entry.method == "GET" && entry.uri != "/" + media.manifest)
         asked.insert(entry.uri);
     EXPECT_EQ(asked, listed(url));
@@ -124,34 +109,25 @@ TEST_P(RealMedia, TheServerIsAskedForTheListedResourcesAndTheCopyPlaysWithoutIt)
 }
 
 TEST_P(RealMedia, AKilledDownloadGoesOnInAnotherProcess) {
-  FaultServer server;
   for (const std::string& name : filesBelow(media.directory))
     server.serve("/" + name, {readFile(media.directory + "/" + name), "\"" + name + "\"", ""});
   const std::string url = server.url("/" + media.manifest);
   const auto uris = listed(url);
   ASSERT_FALSE(uris.empty());
-  Fault stall;
-  stall.stallAfter = 500;
-  stall.gate = makeGate();
+  Fault stall = stallingAfter(500, makeGate());
   server.once(*std::next(uris.begin(), static_cast<std::ptrdiff_t>(uris.size() / 2)), stall);
 
-  const std::vector<std::string> download{"download", url,   "--video",    "all",
-                                          "--audio",  "all", "--progress", "none"};
-  {
-    std::vector<std::string> command{programPath()};
-    command.insert(command.end(), download.begin(), download.end());
-    command.insert(command.end(), {"--library", directory / "library"});
-    tolvane::Process first(command, directory / "out");
-    ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "out");
-    ASSERT_TRUE(first.running());
-    first.signal(SIGKILL);
-    first.wait();
-  }
+  const std::vector<std::string> download{"download", url, "--video", "all", "--audio", "all"};
+  const auto first = start(download);
+  ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "err");
+  ASSERT_TRUE(first->running());
+  first->signal(SIGKILL);
+  first->wait();
   ProgramResult result = run(download);
   ASSERT_EQ(result.status, 0) << result.err;
   expectIdenticalCopy();
   expectWhole();
-  EXPECT_EQ(json::parse(run({"list", "--json"}).out)[0]["state"], "success");
+  EXPECT_EQ(list()[0]["state"], "success");
 }
 
 INSTANTIATE_TEST_SUITE_P(, RealMedia,

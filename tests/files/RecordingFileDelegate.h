@@ -31,7 +31,6 @@ public:
   struct Records {
     std::vector<End> ends;
     std::vector<std::string> events; ///< "+" and "-" (activity), "paused a", "ended a"
-    std::vector<std::string> resumed;
     std::vector<std::pair<std::string, platform::DataRef>> paused;
     std::vector<platform::AuthenticationChallenge> challenges;
     int activity = 0;
@@ -78,7 +77,6 @@ public:
         [&](Records& r) { r.paused.emplace_back(token, resumeData), r.events.push_back("paused " + token); });
   }
   bool resumeDownloadWithIdentifier(const std::string& token) override {
-    records.change([&](Records& r) { r.resumed.push_back(token); });
     if (resume)
       resume(token);
     return resume != nullptr;

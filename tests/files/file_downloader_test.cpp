@@ -36,13 +36,6 @@ namespace {
 
 enum class Transport { Session, Connection };
 
-std::string bytes(std::size_t count, unsigned seed = 1) {
-  std::string text(count, '\0');
-  for (auto& c : text)
-    c = static_cast<char>((seed = seed * 1664525u + 1013904223u) >> 24);
-  return text;
-}
-
 /// Serves `content` to whoever proves by a digest (RFC 7616, MD5, qop=auth) to know the password.
 ServerHandler digestProtected(const std::string& directory, const std::string& userAndRealm,
                               std::string password, std::string content) {
@@ -134,7 +127,7 @@ protected:
 };
 
 TEST_P(FileDownloaderTest, PutsAFileIntoItsPlace) {
-  const auto content = bytes(3 << 20);
+  const auto content = randomBytes(3 << 20);
   server.serve("/movie.mp4", {content, "\"1\"", ""});
   delegate->headers["X-Key"] = "secret";
   delegate->root = Progress::progressWithTotalUnitCount(0);
@@ -160,10 +153,7 @@ TEST_P(FileDownloaderTest, KeepsToItsLimitInTheOrderOfArrival) {
   auto gate = makeGate();
   for (auto name : {"a", "b", "c", "d", "e"}) {
     server.serve(std::string("/") + name, {name, "", ""});
-    Fault held;
-    held.stallAfter = 0;
-    held.gate = gate;
-    server.once(std::string("/") + name, held);
+    server.once(std::string("/") + name, stallingAfter(0, gate));
     start(name, std::string("/") + name);
   }
   EXPECT_EQ(downloader->waitingDownloadsCount(), 3u);
@@ -263,9 +253,8 @@ TEST_P(FileDownloaderTest, TellsWhatWasWrongWithAFile) {
 }
 
 TEST_P(FileDownloaderTest, ReportsLostConnectionsAndBadStarts) {
-  server.serve("/cut", {bytes(100'000), "\"1\"", ""});
-  Fault cut;
-  cut.cutAfter = 50'000;
+  server.serve("/cut", {randomBytes(100'000), "\"1\"", ""});
+  Fault cut = cuttingAfter(50'000);
   server.once("/cut", cut);
   auto lost = download("/cut");
   expectError(lost, NSURLErrorNetworkConnectionLost);
@@ -308,12 +297,10 @@ TEST_P(FileDownloaderTest, ReportsLostConnectionsAndBadStarts) {
 }
 
 TEST_P(FileDownloaderTest, StopsAndResumesThroughItsProgress) {
-  const auto content = bytes(1 << 20);
+  const auto content = randomBytes(1 << 20);
   server.serve("/movie.mp4", {content, "\"1\"", ""});
   auto gate = makeGate();
-  Fault held;
-  held.stallAfter = 600'000;
-  held.gate = gate;
+  Fault held = stallingAfter(600'000, gate);
   server.once("/movie.mp4", held);
   open();
   std::optional<DataRef> resumeData;
@@ -404,10 +391,7 @@ TEST_P(FileDownloaderTest, AnswersChallenges) {
 TEST_P(FileDownloaderTest, BadStartsInTheListDoNotStandOnOneStack) {
   open(1);
   auto gate = makeGate();
-  Fault held;
-  held.stallAfter = 0;
-  held.gate = gate;
-  server.serve("/first", {"x", "", ""}, held);
+  server.serve("/first", {"x", "", ""}, stallingAfter(0, gate));
   start("first", "/first");
   ASSERT_TRUE(server.waitForRequests("/first", 1));
   delegate->request = [](const URL&) { return std::nullopt; };

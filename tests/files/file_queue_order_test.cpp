@@ -7,7 +7,6 @@
 #include "tests/support/ScriptedTransferService.h"
 #include "tests/support/TemporaryDirectory.h"
 
-#include <chrono>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -130,13 +129,12 @@ TEST_F(FileQueueOrderTest, AFileThatIsTakenAwayAtOnceHasNoSize) {
     return !ends.empty() && !ends.back().messages.empty() &&
            ends.back().messages[0].starts_with("ERR: Error on getting file size for item at ");
   };
-  for (const auto bound = std::chrono::steady_clock::now() + WaitBound;
-       !isTold() && std::chrono::steady_clock::now() < bound;) {
+  EXPECT_TRUE(eventually([&] {
     start("film");
-    ASSERT_TRUE(service->runningTask("http://host/film")->finish("x"));
+    service->runningTask("http://host/film")->finish("x");
     settle();
-  }
-  EXPECT_TRUE(isTold());
+    return isTold();
+  }));
   EXPECT_EQ(delegate->records.copy().ends.back().error->code(), NSURLErrorResourceUnavailable);
 }
 

@@ -4,7 +4,6 @@
 #include "halvix/ContentType.h"
 #include "halvix/DownloadProgress.h"
 #include "halvix/ErrorDescription.h"
-#include "halvix/Log.h"
 #include "halvix/Tracks.h"
 #include "halvix/Utils.h"
 
@@ -157,21 +156,6 @@ TEST(HostUtils, RemoveOnlyWhatTheyAreFor) {
     EXPECT_TRUE(Utils::staysBelow(inside)) << inside;
   for (const char* outside : {"", "/a", "..", "../a", "a/..", "a/../b"})
     EXPECT_FALSE(Utils::staysBelow(outside)) << outside;
-}
-
-TEST(HostLog, ReachesOnlyTheHandlerThatWantsTheLevel) {
-  std::vector<std::string> lines;
-  setLogHandler(
-      [&](LogLevel, std::string_view tag, std::string_view message) {
-        lines.push_back(std::string(tag) + " " + std::string(message));
-      },
-      LogLevel::error);
-  EXPECT_FALSE(logEnabled(LogLevel::debug));
-  log_d("[T]", "quiet");
-  log_e("[T]", "loud");
-  setLogHandler(nullptr);
-  log_e("[T]", "nobody");
-  EXPECT_EQ(lines, std::vector<std::string>{"[T] loud"});
 }
 
 } // namespace

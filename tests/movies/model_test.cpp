@@ -1,11 +1,7 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVAudioQuality.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVMovie.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVPlayerUtils.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylist.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVTextQuality.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVTrack.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVVideoQuality.h"
-#include "platform/foundation/Exception.h"
 #include "platform/foundation/Locale.h"
 
 #include <gmock/gmock.h>
@@ -20,11 +16,6 @@ std::shared_ptr<QVTrack> trackNamed(const std::string& name, std::optional<std::
   return QVTrack::trackWithType(QVMediaTypeText, 1, name, std::move(language), 1, {});
 }
 
-std::string fourCCOf(std::optional<std::string> fourCC, QVMediaType type) {
-  return QVQuality::qualityWithResourceListBuilder(nullptr, "", std::move(fourCC), "id", type, 0, {})
-      ->fourCC();
-}
-
 std::string audioText(const std::shared_ptr<QVTrack>& parent) {
   return QVAudioQuality::qualityWithResourceListBuilder(nullptr, "mp4a", "1", 128'000, {}, 2, 48'000, 0,
                                                         parent)
@@ -37,28 +28,6 @@ std::string textText(const std::shared_ptr<QVTrack>& parent) {
 }
 
 } // namespace
-
-TEST(Quality, FourCC) {
-  EXPECT_EQ(fourCCOf("avc1", QVMediaTypeVideo), "avc1");
-  EXPECT_EQ(fourCCOf("äöüß", 9), "äöüß") << "four characters, eight bytes; a given one needs no known type";
-  EXPECT_EQ(fourCCOf(std::nullopt, QVMediaTypeVideo), "vide");
-  EXPECT_EQ(fourCCOf(std::nullopt, QVMediaTypeAudio), "audi");
-  EXPECT_EQ(fourCCOf(std::nullopt, QVMediaTypeText), "text");
-
-  const auto reasonOf = [](std::optional<std::string> fourCC, QVMediaType type) {
-    try {
-      fourCCOf(std::move(fourCC), type);
-    } catch (const platform::Exception& exception) {
-      EXPECT_EQ(exception.name(), "InvalidArgumentException");
-      return exception.reason();
-    }
-    return std::string();
-  };
-  EXPECT_EQ(reasonOf("avc", QVMediaTypeVideo), "FourCC string not four characters long");
-  EXPECT_EQ(reasonOf("", QVMediaTypeVideo), "FourCC string not four characters long");
-  EXPECT_EQ(reasonOf(std::nullopt, 0), "Invalid media type");
-  EXPECT_EQ(reasonOf(std::nullopt, 4), "Invalid media type");
-}
 
 TEST(Quality, Descriptions) {
   const std::string before = std::setlocale(LC_NUMERIC, nullptr);
@@ -87,21 +56,4 @@ TEST(Quality, Descriptions) {
   platform::Locale::setCurrent(platform::Locale("de"));
   EXPECT_EQ(audioText(trackNamed("", "ger")), "Deutsch 48.0 kHZ, 2 ch @ 128.0 kbps\t");
   platform::Locale::setCurrent(locale);
-}
-
-TEST(PlayerUtils, LanguageCodes) {
-  for (const char* code : {"GER", "de", "deu", "", "ge", "germ"})
-    EXPECT_EQ(QVPlayerUtils::mapISO6932BtoISO6932T(code), code);
-  EXPECT_EQ(QVPlayerUtils::mapISO6932BtoISO6932T("mao"), "mri");
-  EXPECT_EQ(QVPlayerUtils::localizedLanguage(std::nullopt), std::nullopt);
-  EXPECT_EQ(QVPlayerUtils::localizedLanguage("qqq-what is this"), "qqq-what is this");
-}
-
-TEST(Playlist, ChildrenDoNotKeepTheirParents) {
-  auto playlist = QVPlaylist::playlistWithMovieCapacity(1);
-  const auto movie = QVMovie::movieWithTrackCapacity(0, -1, playlist);
-  playlist->addMovie(movie);
-  EXPECT_EQ(movie->parent(), playlist);
-  playlist.reset();
-  EXPECT_EQ(movie->parent(), nullptr);
 }

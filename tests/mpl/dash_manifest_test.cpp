@@ -59,15 +59,6 @@ TEST(Values, Ranges) {
   }
 }
 
-TEST(Values, FrameRatesNeedASlash) {
-  const FrameRate fallback{50, 2};
-  const auto rate = [&](const char* text) { return FrameRate::parse(text, nullptr, fallback); };
-  EXPECT_EQ(rate("30000/1001"), (FrameRate{30000, 1001}));
-  EXPECT_EQ(rate("25"), fallback);
-  EXPECT_EQ(rate("/3"), (FrameRate{50, 3}));
-  EXPECT_EQ(rate("25/"), (FrameRate{25, 2}));
-}
-
 TEST(Manifest, PresentationValues) {
   const auto mpd =
       parse("<MPD type='dynamic' availabilityStartTime='2014-10-01T12:00:00.5Z' minBufferTime='PT1.5S' "

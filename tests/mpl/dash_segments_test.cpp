@@ -187,21 +187,6 @@ TEST(SegmentAddressing, ManyReferencesResolveAsEachOne) {
     }
 }
 
-TEST(SegmentAddressing, InheritedListsAreSharedNotCopied) {
-  const auto mpd = MediaPresentationDescription::parse(
-      "<MPD><Period duration='PT1S'><AdaptationSet>"
-      "<SegmentTemplate><SegmentTimeline><S d='1' r='9'/></SegmentTimeline></SegmentTemplate>"
-      "<Representation/><Representation><SegmentTemplate media='m'><SegmentTimeline/></SegmentTemplate>"
-      "</Representation></AdaptationSet></Period></MPD>",
-      "");
-  const auto& representations = mpd->periods()[0]->adaptationSets()[0]->representations();
-  const auto& plain = dynamic_cast<const SegmentTemplate&>(representations[0]->segmentBase());
-  const auto& refined = dynamic_cast<const SegmentTemplate&>(representations[1]->segmentBase());
-  EXPECT_NE(&plain, &refined);
-  EXPECT_EQ(plain.timeline(), refined.timeline());
-  EXPECT_EQ(refined.timeline()->size(), 10u);
-}
-
 TEST(SegmentBase, SingleSegments) {
   const auto plain = representation("<BaseURL>v.mp4</BaseURL>");
   EXPECT_EQ(plain->type(), SegmentBase::Single);

@@ -26,13 +26,6 @@ using testing::StartsWith;
 
 inline constexpr const char* OldDate = "Mon, 05 Jan 2015 10:00:00 GMT";
 
-inline std::string bytes(std::size_t count, unsigned seed = 1) {
-  std::string text(count, '\0');
-  for (auto& c : text)
-    c = static_cast<char>((seed = seed * 1664525u + 1013904223u) >> 24);
-  return text;
-}
-
 inline HTTPTransferServiceOptions optionsFor(const std::string& directory) {
   HTTPTransferServiceOptions options;
   options.directory = directory;

@@ -114,6 +114,7 @@ TEST_F(AssetFaultTest, AMissingSegmentIsNamedTheRestIsKeptAndTheNextDownloadFetc
     kept += entry.path().extension() == ".ts";
   const auto before = server.requests().size();
   relaunch();
+  EXPECT_THAT(tasks(), SizeIs(0)) << "one that has failed is listed again";
   const auto second = start(asset(server.url("/v/list")));
   finish(second);
   EXPECT_EQ(second->location(), first->location());
@@ -197,6 +198,7 @@ TEST_F(AssetFaultTest, WhatIsLeftOfACancelledTaskEndsWithIt) {
   while (server.openConnections() > 0)
     std::this_thread::yield();
   relaunch();
+  EXPECT_THAT(tasks(), SizeIs(0));
   gate->open();
   finish(start(asset(server.url("/v/list")))); // another one goes on from what there is
   EXPECT_EQ(requestsFor("/v/s0.ts") + requestsFor("/v/s2.ts"), 2u);

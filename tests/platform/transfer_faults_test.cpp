@@ -7,7 +7,7 @@ using namespace transfer_tests;
 namespace {
 
 TEST_F(TransferServiceTest, GoesOnByRangeAfterALostConnection) {
-  auto content = bytes(500'000);
+  auto content = randomBytes(500'000);
   server.serve("/a", {content, "\"1\"", OldDate});
   Fault cut;
   cut.cutAfter = 200'000;
@@ -24,7 +24,7 @@ TEST_F(TransferServiceTest, GoesOnByRangeAfterALostConnection) {
 }
 
 TEST_F(TransferServiceTest, StartsAgainWithoutAValidator) {
-  auto content = bytes(200'000);
+  auto content = randomBytes(200'000);
   server.serve("/a", {content, "W/\"1\"", ""});
   Fault cut;
   cut.cutAfter = 100'000;
@@ -35,7 +35,7 @@ TEST_F(TransferServiceTest, StartsAgainWithoutAValidator) {
 }
 
 TEST_F(TransferServiceTest, NeverMixesTwoVersions) {
-  auto before = bytes(300'000, 1), after = bytes(280'000, 2);
+  auto before = randomBytes(300'000, 1), after = randomBytes(280'000, 2);
   server.serve("/a", {before, "\"1\"", OldDate});
   auto data = breakAt("/a", 150'000);
   ASSERT_TRUE(data);
@@ -50,7 +50,7 @@ TEST_F(TransferServiceTest, NeverMixesTwoVersions) {
 }
 
 TEST_F(TransferServiceTest, ResumesFromData) {
-  auto content = bytes(300'000);
+  auto content = randomBytes(300'000);
   server.serve("/a", {content, "\"1\"", OldDate});
   auto data = breakAt("/a", 150'000);
   ASSERT_TRUE(data);
@@ -75,7 +75,7 @@ TEST_F(TransferServiceTest, ResumesFromData) {
 }
 
 TEST_F(TransferServiceTest, KeepsTheCallersRangeRight) {
-  auto content = bytes(300'000);
+  auto content = randomBytes(300'000);
   server.serve("/a", {content, "\"1\"", OldDate});
   struct Case {
     const char *range, *resumed;
@@ -102,7 +102,7 @@ TEST_F(TransferServiceTest, KeepsTheCallersRangeRight) {
 }
 
 TEST_F(TransferServiceTest, SeesThroughWrongParts) {
-  auto content = bytes(300'000);
+  auto content = randomBytes(300'000);
   server.serve("/a", {content, "\"1\"", OldDate});
   auto wrong = [](auto change) {
     Fault fault;
@@ -134,7 +134,7 @@ TEST_F(TransferServiceTest, SeesThroughWrongParts) {
 }
 
 TEST_F(TransferServiceTest, AsksByDateWhenTheTagIsNotHonoured) {
-  auto content = bytes(300'000);
+  auto content = randomBytes(300'000);
   server.serve("/a", {content, "\"1\"", OldDate});
   auto data = breakAt("/a", 100'000);
   ASSERT_TRUE(data);
@@ -150,7 +150,7 @@ TEST_F(TransferServiceTest, AsksByDateWhenTheTagIsNotHonoured) {
 }
 
 TEST_F(TransferServiceTest, AcceptsNoShortAndNoLongBody) {
-  server.serve("/a", {bytes(100'000), "", ""});
+  server.serve("/a", {randomBytes(100'000), "", ""});
   configuration.retryLimit = 0;
   open();
   Fault fault;
@@ -166,11 +166,11 @@ TEST_F(TransferServiceTest, AcceptsNoShortAndNoLongBody) {
   for (std::size_t announced : {4, 30'000}) {
     server.once("/a", [announced](const ServerRequest&, ServerConnection& connection) {
       connection.send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(announced) + "\r\n\r\n" +
-                      bytes(announced + 10));
+                      randomBytes(announced + 10));
     });
     expectError(finish(start("/a")), NSURLErrorBadServerResponse);
   }
-  expectWhole(finish(start("/a")), bytes(100'000));
+  expectWhole(finish(start("/a")), randomBytes(100'000));
 }
 
 TEST_F(TransferServiceTest, ReportsStatusesWithTheirBodies) {
@@ -196,7 +196,7 @@ TEST_F(TransferServiceTest, ReportsStatusesWithTheirBodies) {
 }
 
 TEST_F(TransferServiceTest, ErrorPagesLeaveWhatIsHeldAlone) {
-  auto content = bytes(300'000);
+  auto content = randomBytes(300'000);
   server.serve("/a", {content, "\"1\"", OldDate});
   auto data = breakAt("/a", 100'000);
   server.once("/a", FaultServer::reply(500, {{"Content-Length", "5"}, {"ETag", "\"1\""}}, "sorry"));
@@ -211,7 +211,7 @@ TEST_F(TransferServiceTest, ErrorPagesLeaveWhatIsHeldAlone) {
 }
 
 TEST_F(TransferServiceTest, WaitsAndTriesAgainWhenToldWhen) {
-  auto content = bytes(1000);
+  auto content = randomBytes(1000);
   server.serve("/a", {content, "\"1\"", OldDate});
   for (int status : {503, 429})
     server.once("/a", FaultServer::reply(status, {{"Content-Length", "4"}, {"Retry-After", "0"}}, "busy"));
@@ -223,7 +223,7 @@ TEST_F(TransferServiceTest, WaitsAndTriesAgainWhenToldWhen) {
 }
 
 TEST_F(TransferServiceTest, TriesAtOnceWhenAnIdleConnectionWasClosed) {
-  auto content = bytes(1000);
+  auto content = randomBytes(1000);
   Fault close;
   close.closeAfter = true;
   server.serve("/a", {content, "\"1\"", OldDate}, close);
@@ -235,7 +235,7 @@ TEST_F(TransferServiceTest, TriesAtOnceWhenAnIdleConnectionWasClosed) {
 
 TEST_F(TransferServiceTest, StallsEndWithResumeData) {
   auto gate = makeGate();
-  auto content = bytes(200'000);
+  auto content = randomBytes(200'000);
   server.serve("/a", {content, "\"1\"", OldDate});
   server.once("/a", stallingAfter(70'000, gate));
   configuration.timeoutIntervalForRequest = std::chrono::milliseconds(300);
@@ -254,7 +254,7 @@ TEST_F(TransferServiceTest, StallsEndWithResumeData) {
 TEST_F(TransferServiceTest, AServersRequestLimitIsNoFailure) {
   if (!NginxServer::isInstalled())
     GTEST_SKIP();
-  const auto content = bytes(50'000);
+  const auto content = randomBytes(50'000);
   directory.write("www/a", content);
   NginxOptions options;
   options.tls = true;

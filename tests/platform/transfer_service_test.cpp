@@ -7,7 +7,7 @@ using namespace transfer_tests;
 namespace {
 
 TEST_F(TransferServiceTest, DownloadsAndCleansUp) {
-  auto content = bytes(300'000);
+  auto content = randomBytes(300'000);
   server.serve("/a", {content, "\"1\"", OldDate});
   open();
   auto record = finish(start("/a"));
@@ -22,7 +22,7 @@ TEST_F(TransferServiceTest, DownloadsAndCleansUp) {
 // ---- Redirects and credentials
 
 TEST_F(TransferServiceTest, FollowsRedirectsWithoutLeakingCredentials) {
-  auto content = bytes(1000);
+  auto content = randomBytes(1000);
   server.serve("/end", {content, "\"1\"", OldDate});
   server.handle("/near", FaultServer::redirect("/end"));
   server.handle("/far", FaultServer::redirect(server.url("/end", "localhost"), 307));
@@ -52,7 +52,7 @@ TEST_F(TransferServiceTest, FollowsRedirectsWithoutLeakingCredentials) {
 }
 
 TEST_F(TransferServiceTest, AnswersChallenges) {
-  auto content = bytes(1000);
+  auto content = randomBytes(1000);
   server.serve("/a", {content, "\"1\"", OldDate});
   server.protect("/a", "me", "right");
   open();
@@ -82,7 +82,7 @@ TEST_F(TransferServiceTest, AnswersChallenges) {
 TEST_F(TransferServiceTest, SpeaksHTTP2OverOneTrustedConnection) {
   if (!NginxServer::isInstalled())
     GTEST_SKIP();
-  auto content = bytes(100'000);
+  auto content = randomBytes(100'000);
   directory.write("www/a", content);
   NginxOptions options;
   options.tls = true;
@@ -118,7 +118,7 @@ TEST_F(TransferServiceTest, SpeaksHTTP2OverOneTrustedConnection) {
 
 TEST_F(TransferServiceTest, SuspendKeepsTheBytesAndFreesTheConnection) {
   auto gate = makeGate();
-  auto content = bytes(200'000);
+  auto content = randomBytes(200'000);
   server.serve("/a", {content, "\"1\"", OldDate});
   server.once("/a", stallingAfter(120'000, gate));
   open();
@@ -138,7 +138,7 @@ TEST_F(TransferServiceTest, SuspendKeepsTheBytesAndFreesTheConnection) {
 
 TEST_F(TransferServiceTest, CancellingCompletesOnceInEveryState) {
   auto gate = makeGate();
-  server.serve("/a", {bytes(200'000), "\"1\"", OldDate});
+  server.serve("/a", {randomBytes(200'000), "\"1\"", OldDate});
   const Fault stall = stallingAfter(120'000, gate);
   open();
   auto created = session->downloadTaskWithRequest(request("/a"));
@@ -165,7 +165,7 @@ TEST_F(TransferServiceTest, CancellingCompletesOnceInEveryState) {
   EXPECT_EQ(data.wait().value(), resumeDataOf(record));
   auto resumed = session->downloadTaskWithResumeData(*data.wait().value());
   resumed->resume();
-  expectWhole(finish(resumed), bytes(200'000));
+  expectWhole(finish(resumed), randomBytes(200'000));
 
   Arrival<DataRef> late;
   resumed->cancelByProducingResumeData([&](DataRef made) { late.arrive(std::move(made)); });
@@ -207,8 +207,8 @@ TEST_F(TransferServiceTest, DataTasks) {
 
 TEST_F(TransferServiceTest, KeepsToTheCapAndReusesConnections) {
   auto gate = makeGate();
-  server.serve("/held", {bytes(1000), "\"1\"", OldDate}, stallingAfter(10, gate));
-  server.serve("/a", {bytes(1000), "\"1\"", OldDate});
+  server.serve("/held", {randomBytes(1000), "\"1\"", OldDate}, stallingAfter(10, gate));
+  server.serve("/a", {randomBytes(1000), "\"1\"", OldDate});
   configuration.HTTPMaximumConnectionsPerHost = 3;
   configuration.timeoutIntervalForRequest = std::chrono::seconds(30);
   open();
@@ -221,7 +221,7 @@ TEST_F(TransferServiceTest, KeepsToTheCapAndReusesConnections) {
   gate->open();
   ASSERT_TRUE(delegate->waitForCompletions(tasks.size()));
   for (const auto& [identifier, record] : delegate->tasks())
-    expectWhole(record, bytes(1000));
+    expectWhole(record, randomBytes(1000));
   EXPECT_EQ(server.peakRequests(), 3u);
   EXPECT_LE(server.connections(), 3u);
 }
@@ -240,7 +240,7 @@ TEST_F(TransferServiceTest, TasksThatWaitCostLittle) {
   tasks.clear();
 
   auto gate = makeGate();
-  server.serve("/held", {bytes(20'000), "\"1\"", OldDate}, stallingAfter(10'000, gate));
+  server.serve("/held", {randomBytes(20'000), "\"1\"", OldDate}, stallingAfter(10'000, gate));
   configuration.HTTPMaximumConnectionsPerHost = 100;
   open();
   for (int i = 0; i < 100; ++i)
@@ -261,7 +261,7 @@ TEST_F(TransferServiceTest, TasksThatWaitCostLittle) {
 
 TEST_F(TransferServiceTest, InvalidationEndsEverythingOnce) {
   auto gate = makeGate();
-  server.serve("/held", {bytes(1000), "\"1\"", OldDate}, stallingAfter(10, gate));
+  server.serve("/held", {randomBytes(1000), "\"1\"", OldDate}, stallingAfter(10, gate));
   open("name");
   auto running = start("/held");
   auto waiting = session->downloadTaskWithRequest(request("/held"));
@@ -287,7 +287,7 @@ TEST_F(TransferServiceTest, InvalidationEndsEverythingOnce) {
 
 TEST_F(TransferServiceTest, ABackgroundSessionSurvives) {
   auto gate = makeGate();
-  auto content = bytes(200'000);
+  auto content = randomBytes(200'000);
   server.serve("/a", {content, "\"1\"", OldDate});
   server.once("/a", stallingAfter(120'000, gate));
   open("name");
@@ -317,7 +317,7 @@ TEST_F(TransferServiceTest, ABackgroundSessionSurvives) {
 }
 
 TEST_F(TransferServiceTest, ANewRequestAdoptsAnOrphan) {
-  auto content = bytes(200'000);
+  auto content = randomBytes(200'000);
   auto gate = makeGate();
   server.serve("/a", {content, "\"1\"", OldDate});
   server.once("/a", stallingAfter(120'000, gate));
@@ -343,7 +343,7 @@ TEST_F(TransferServiceTest, NewTasksAfterShutdownCompleteAtOnce) {
 }
 
 TEST_F(TransferServiceTest, SessionsComeAndGoWhileEventsFly) {
-  server.serve("/a", {bytes(20'000), "\"1\"", OldDate});
+  server.serve("/a", {randomBytes(20'000), "\"1\"", OldDate});
   open();
   for (int i = 0; i < 300; ++i) {
     auto brief = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, nullptr);

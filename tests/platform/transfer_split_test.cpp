@@ -113,7 +113,7 @@ protected:
     }
   }
 
-  const std::string content = bytes(Large);
+  const std::string content = randomBytes(Large);
   const Entity entity{content, "\"1\"", OldDate};
   GateRef gate = makeGate();
 };
@@ -250,7 +250,7 @@ TEST_F(SplitTransferTest, KeepsItsHolesOverPausesAndNeverMixes) {
   task->cancelByProducingResumeData([&](DataRef made) { data.arrive(std::move(made)); });
   expectError(finish(task), NSURLErrorCancelled);
   ASSERT_TRUE(data.wait().value_or(nullptr));
-  const auto other = bytes(Large, 2);
+  const auto other = randomBytes(Large, 2);
   server.serve("/a", {other, "\"2\"", OldDate});
   auto resumed = session->downloadTaskWithResumeData(*data.wait().value());
   EXPECT_GE(resumed->countOfBytesReceived(), held + Mega);
@@ -263,12 +263,12 @@ TEST_F(SplitTransferTest, KeepsItsHolesOverPausesAndNeverMixes) {
 TEST_F(SplitTransferTest, MakesRoomForOthersAndCancelsCleanly) {
   const Fault stall = stallingAfter(100'000, gate);
   serveLarge(FaultServer::entity(entity, stall));
-  server.serve("/small", {bytes(1000), "\"1\"", OldDate});
+  server.serve("/small", {randomBytes(1000), "\"1\"", OldDate});
   configuration.HTTPMaximumConnectionsPerHost = 3;
   open();
   auto task = start("/a");
   ASSERT_TRUE(gate->waitUntilReached(3));
-  expectWhole(finish(start("/small")), bytes(1000));
+  expectWhole(finish(start("/small")), randomBytes(1000));
   task->cancel();
   expectError(finish(task), NSURLErrorCancelled);
   while (server.openConnections() > 1) // that of the small file is idle
@@ -326,7 +326,7 @@ TEST(SplitCrash, AKilledProcessLeavesAMapOfWhatItHeld) {
     session->downloadTaskWithRequest(request)->resume();
     ::pause();
   });
-  const auto content = bytes(Large);
+  const auto content = randomBytes(Large);
   FaultServer server;
   Fault stall;
   stall.gate = makeGate();

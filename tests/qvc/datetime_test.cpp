@@ -1,4 +1,3 @@
-#include "qvc/Clock.h"
 #include "qvc/DateTime.h"
 #include "qvc/FastString.h"
 #include "qvc/Log.h"
@@ -11,15 +10,6 @@ namespace {
 
 FastString reformatted(const char* text) {
   return DateTime::fromXSD(text).toXSD(true);
-}
-
-TEST(DateTime, packsItsFields) {
-  const DateTime date(2014, 10, 1, 12, 0, 0, 45);
-  EXPECT_EQ(date.getRaw(),
-            uint64_t{2014} << 36 | uint64_t{10} << 32 | uint64_t{1} << 27 | uint64_t{12} << 22 | 45);
-  EXPECT_EQ(date.toXSD(true), "2014-10-01T12:00:00.045Z");
-  EXPECT_TRUE(date.isAfter(DateTime(2014, 9, 30, 23, 59, 59, 999)));
-  EXPECT_TRUE(DateTime().isNull());
 }
 
 TEST(DateTime, keepsFieldsInRange) {
@@ -47,10 +37,6 @@ TEST(DateTime, convertsToMillisecondsAndBack) {
   for (const DateTime date : {DateTime(1900, 2, 28, 1, 2, 3, 4), DateTime(2000, 2, 29, 23, 59, 59, 999),
                               DateTime(2100, 3, 1, 0, 0, 0, 0), DateTime(30827, 12, 31, 23, 59, 59, 999)})
     EXPECT_EQ(DateTime::fromMilliseconds(date.toMilliseconds()), date) << date.toXSD(true);
-  EXPECT_EQ(DateTime::getDeltaMs(DateTime(2021, 1, 1, 0, 0, 0, 0), DateTime(2020, 1, 1, 0, 0, 0, 0)),
-            static_cast<int64_t>(DateTime::getMsInYear(2020)));
-  EXPECT_TRUE(DateTime::isLeapYear(2000) && DateTime::isLeapYear(2024) && !DateTime::isLeapYear(2100));
-  EXPECT_EQ(DateTime::numLeapYearsBefore(2001) - DateTime::numLeapYearsBefore(2000), 1u);
 }
 
 TEST(DateTime, addingSecondsStopsAtTheEnds) {
@@ -85,16 +71,6 @@ TEST(DateTime, writesTheZone) {
   EXPECT_EQ(date.toXSD(false, &summer), "2014-07-01T12:00:00+02:00");
   const TimeZoneInfo west{-210, 60, false};
   EXPECT_EQ(date.toXSD(false, &west), "2014-07-01T12:00:00-03:30");
-}
-
-TEST(Clock, goesForwardInOneScale) {
-  const Clock clock;
-  const uint64_t tick = clock.getTickCount();
-  const uint64_t ns = clock.getTimeNS();
-  EXPECT_GE(clock.getTickCount(), tick);
-  EXPECT_GE(clock.getTimeNS(), ns);
-  EXPECT_LE(clock.getTimeNS(clock.getTickCount()), clock.getDeltaTimeNS());
-  EXPECT_NEAR(clock.getTime(), static_cast<double>(clock.getTimeNS()) / 1e9, 60.0);
 }
 
 } // namespace

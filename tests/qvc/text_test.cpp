@@ -3,18 +3,13 @@
 #include "qvc/FastString.h"
 #include "qvc/ParserHelpers.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
 #include <stdexcept>
-#include <unordered_set>
 
 namespace qvc {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 TEST(FastString, compareCountsACommonPartOfExactlyMaxLenAsEqual) {
   EXPECT_EQ(FastString("abc").compare("abcd", true, 3), 0);
@@ -48,13 +43,6 @@ TEST(FastString, aZeroByteEndsTheOtherOperandOfEqualityButNotOfOrder) {
   EXPECT_TRUE("a" == FastString("a") && FastString("a") != "b");
 }
 
-TEST(FastString, isAKey) {
-  std::map<FastString, int> ordered{{"b", 1}, {"a", 2}, {"B", 3}};
-  EXPECT_EQ(ordered.begin()->first, "B");
-  std::unordered_set<FastString> set{"x", "y"};
-  EXPECT_TRUE(set.contains("x") && !set.contains("X"));
-}
-
 TEST(FastString, readsLeadingIntegers) {
   size_t consumed = 99;
   EXPECT_EQ(FastString("-5").toUInt(10, &consumed), 0u);
@@ -70,8 +58,6 @@ TEST(FastString, readsLeadingIntegers) {
   EXPECT_EQ(FastString("18446744073709551615").toUInt(), UINT64_MAX);
   EXPECT_THROW(FastString("99999999999999999999").toInt(), std::out_of_range);
   EXPECT_THROW(FastString("99999999999999999999").toUInt(), std::out_of_range);
-  EXPECT_EQ(FastString::fromUInt(255, 16, true), "255");
-  EXPECT_EQ(FastString::fromInt(-7), "-7");
 }
 
 TEST(FastString, readsDoublesIndependentlyOfTheLocale) {
@@ -115,33 +101,6 @@ TEST(FastString, convertsFromOtherWidths) {
   EXPECT_EQ(FastString("a" + FastString("b") + U"\u00e9" + 'c').toStdWString(), L"ab\u00e9c");
 }
 
-TEST(FastString, slicesWithinItsBounds) {
-  const FastString text("abcdef");
-  EXPECT_EQ(text.subString(4, 10), "ef");
-  EXPECT_EQ(text.subString(7), "");
-  EXPECT_EQ(text.subStringRange(2, 4), "cd");
-  EXPECT_EQ(text.subStringRange(4, 2), "");
-  EXPECT_EQ(text.left(2) + text.right(2) + text.right(99), "abefabcdef");
-  const FastString wide("a\xC3\xA9\xE2\x82\xAC!");
-  EXPECT_EQ(wide.subStringU8(1, 2), "\xC3\xA9\xE2\x82\xAC");
-  EXPECT_EQ(wide.subStringRangeU8(3), "!");
-  EXPECT_EQ(text.indexOf("c", 3), FastString::npos);
-  EXPECT_TRUE(text.contains("cde"));
-  EXPECT_EQ(FastString("a/b/c").lastIndexOf('/'), 3u);
-  EXPECT_EQ(FastString().first(), '\0');
-}
-
-TEST(FastString, edits) {
-  EXPECT_EQ(FastString("aaa").replaceAllCopy("a", "aa"), "aaaaaa");
-  EXPECT_EQ(FastString("abab").replaceAllCopy("ab", ""), "");
-  EXPECT_EQ(FastString("abc").replaceAllCopy("", "x"), "abc");
-  FastString text("bc");
-  text.pushFront('a').pushBack('d', 2).insert(99, "e").erase(99).replace(1, 1, "BB");
-  EXPECT_EQ(text, "aBBcdde");
-  EXPECT_EQ(text.popBack(3).popFront(), "BBc");
-  EXPECT_EQ(text.popFront(99), "");
-}
-
 TEST(FastString, trimsAndRemovesByteOrderMarksInTheirOrder) {
   const FastString withMark("\xEF\xBB\xBF \t text\r\n");
   EXPECT_EQ(withMark.trim(), "text");
@@ -153,18 +112,6 @@ TEST(FastString, trimsAndRemovesByteOrderMarksInTheirOrder) {
   std::string plain = " a b ";
   EXPECT_EQ(ltrim(plain), "a b ");
   EXPECT_EQ(rtrim(plain), "a b");
-}
-
-TEST(FastString, explodesAndQuotes) {
-  EXPECT_THAT(FastString("a,b").explode(','), ElementsAre("a", "b"));
-  EXPECT_THAT(FastString(",a,b,").explode(','), ElementsAre("a", "b"));
-  EXPECT_THAT(FastString("a,,b").explode(','), ElementsAre("a", "", "b"));
-  EXPECT_THAT(FastString("ab").explode(','), ElementsAre("ab"));
-  EXPECT_THAT(FastString("a").explode(','), IsEmpty());
-  EXPECT_EQ(FastString("").quote('"'), "\"\"");
-  EXPECT_EQ(FastString("\"a").quote('"'), "\"a\"");
-  EXPECT_EQ(FastString("\"a\"").dequote('"'), "a");
-  EXPECT_EQ(FastString("\"").dequote('"'), "");
 }
 
 TEST(FastString, convertsHexadecimal) {
@@ -179,16 +126,6 @@ TEST(FastString, convertsHexadecimal) {
   } catch (const std::runtime_error& error) {
     EXPECT_STREQ(error.what(), "stream decode failure");
   }
-}
-
-TEST(FastString, tellsTextFromBinary) {
-  EXPECT_TRUE(FastString::isText("a\r\n\t\xC3", 5));
-  EXPECT_TRUE(FastString::isText("\x1B[a", 3)) << "escape is neutral";
-  EXPECT_FALSE(FastString::isText("\x07\x08", 2)) << "neutral alone is no text";
-  EXPECT_FALSE(FastString::isText("a\0b", 3));
-  EXPECT_FALSE(FastString::isText("", 0));
-  const ByteArray bytes = FastString(std::string("a\0b", 3)).toByteArray(false, true);
-  EXPECT_EQ(bytes.size(), 2u) << "up to the first zero byte, with the terminator";
 }
 
 TEST(ByteArray, editsWithinItsBounds) {

@@ -111,41 +111,6 @@ TEST(URI, normalizesAndCuts) {
   EXPECT_TRUE(URI().base().isEmpty() && URI().normalize().isEmpty());
 }
 
-TEST(URI, relativizeIsTheReverseOfResolve) {
-  for (const auto& [from, to, reference] :
-       std::initializer_list<std::tuple<const char*, const char*, const char*>>{
-           {"http://h/a/b", "http://h/a/c?q#f", "c?q#f"},
-           {"http://h/a/b/c", "http://h/x/y", "../../x/y"},
-           {"http://h/a/b", "http://h/a/", "./"},
-           {"http://h/a/b", "http://h/a/x:y", "./x:y"},
-           {"http://h/a", "http://o/a", "http://o/a"},
-           {"http://h/a", "https://h/a", "https://h/a"},
-           {"file:///a/b", "file:///a/c/d", "c/d"},
-           {"/a", "/b", "/b"}}) {
-    EXPECT_EQ(URI(from).relativize(to).toRawString(), reference) << from;
-    EXPECT_EQ(URI(from).resolve(URI(reference)).normalize(), URI(to).normalize()) << from;
-  }
-}
-
-TEST(URI, settersRebuildTheText) {
-  URI uri;
-  uri.setRawScheme("http");
-  uri.setRawHostName("h");
-  uri.setPort(81);
-  uri.setRawPath("p");
-  uri.setRawQuery("q");
-  uri.setRawFragment("f");
-  const URI copy = uri;
-  uri.setRawUserInfo("u");
-  EXPECT_EQ(uri.toRawString(), "http://u@h:81/p?q#f");
-  EXPECT_EQ(copy.toRawString(), "http://h:81/p?q#f") << "copies are independent";
-  uri.setRawSchemeSpecificPart("//o/x?y");
-  EXPECT_EQ(uri.toRawString(), "http://o/x?y#f");
-  URI moved = std::move(uri);
-  moved = URI();
-  EXPECT_TRUE(moved.isEmpty());
-}
-
 TEST(URIQuery, splitsPairs) {
   const URI::Query query("a=1&b=x=y&&a=2&c");
   EXPECT_THAT(query.keys(), testing::ElementsAre("a", "b", "c"));

@@ -203,38 +203,6 @@ TEST(XmlElement, NullIsSafe) {
   EXPECT_EQ(log.entries().back().message, "Empty element can not have attributes.");
 }
 
-TEST(XmlElement, EditingASharedTree) {
-  Element text("", Element::Type::Text);
-  EXPECT_EQ(text.appendChild("a"), qvc_Success);
-  EXPECT_EQ(text.appendChild("b"), qvc_Success);
-  EXPECT_EQ(text.getValue(), "ab");
-  EXPECT_EQ(text.getType(), Element::Type::Element) << "detached";
-
-  Element root("p:root", "urn:x");
-  const Element alias = root;
-  root.appendChild(text);
-  root.appendChild("c");
-  root.addAttribute(Attribute("id", "1"));
-  root.addAttribute(Attribute("id", "2"));
-  EXPECT_EQ(text.getType(), Element::Type::Text);
-  EXPECT_EQ(alias.getValue(), "abc");
-  EXPECT_EQ(alias.getAttributeValue("id", ""), "1");
-  EXPECT_EQ(alias.attributes().size(), 2u);
-
-  Element duplicate = root.copy();
-  EXPECT_EQ(duplicate.getValue(), "abc");
-  EXPECT_EQ(duplicate.getQualifiedName(), "p:root");
-  EXPECT_FALSE(duplicate.children()[0].isSameNode(text));
-  EXPECT_TRUE(duplicate.children()[0].getParent().isSameNode(duplicate));
-
-  root.removeChild(text.copy());
-  EXPECT_EQ(root.children().size(), 2u) << "identity, not equality";
-  root.children()[0].getParent().removeChild(7);
-  Element(root.children()[0]).detach();
-  EXPECT_TRUE(text.getParent().isNull());
-  EXPECT_EQ(root.getValue(), "c");
-}
-
 TEST(XmlElement, AChildDoesNotKeepItsParent) {
   std::optional<Document> document(parsed("<a>x<b i='1'><c>t</c></b></a>"));
   const Element inner = document->getRootElement().getFirstChildElement("b");

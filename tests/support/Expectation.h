@@ -5,12 +5,21 @@
 #include <cstddef>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 
 namespace support {
 
 /// How long a test waits for something that must come. Only a broken test or system reaches it.
 inline constexpr std::chrono::seconds WaitBound{60};
+
+/// Waits for what another process brings about and nothing tells of; false when the bound passed first.
+template <class Condition> [[nodiscard]] bool eventually(Condition&& condition) {
+  for (const auto end = std::chrono::steady_clock::now() + WaitBound; !condition(); std::this_thread::yield())
+    if (std::chrono::steady_clock::now() > end)
+      return false;
+  return true;
+}
 
 /// Something that happens on another thread a known number of times. Thread-safe.
 class Expectation {

@@ -115,6 +115,22 @@ inline Fault stallingAfter(std::size_t bytes, GateRef gate) {
   return fault;
 }
 
+/// Ends the connection after so many bytes.
+inline Fault cuttingAfter(std::size_t bytes, Fault::Cut cut = Fault::Cut::Close) {
+  Fault fault;
+  fault.cutAfter = bytes;
+  fault.cut = cut;
+  return fault;
+}
+
+/// A body that repeats nothing.
+inline std::string randomBytes(std::size_t count, unsigned seed = 1) {
+  std::string text(count, '\0');
+  for (auto& c : text)
+    c = static_cast<char>((seed = seed * 1664525u + 1013904223u) >> 24);
+  return text;
+}
+
 /// A scripted HTTP/1.1 server on 127.0.0.1 for what a well-behaved server never does.
 ///
 /// A path has a lasting handler (`serve`, `handle`) and a queue of handlers for one request each (`once`),

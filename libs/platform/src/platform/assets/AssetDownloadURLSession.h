@@ -45,7 +45,8 @@ struct AssetDownloadOptions {
   /// Holds the packages; made when missing. On the file system of the transfer service's directory, so that a
   /// finished file is renamed into place.
   std::string directory;
-  int maximumTransfersPerPackage = 8;
+  /// More than a host has connections: one whose body is being stored needs none.
+  int maximumTransfersPerPackage = 12;
 };
 
 /// The download of one asset into one package: its variant, and the renditions of one or more selections.

@@ -64,7 +64,8 @@ void AggregateTask::suspend() {
 void AggregateTask::cancel() {
   {
     const std::lock_guard lock(_writing);
-    _mayWrite = false;
+    if (std::exchange(_mayWrite, false))
+      leaveSession();
   }
   command(Wanted::Cancelled);
 }
@@ -401,6 +402,9 @@ void AggregateTask::end(const ErrorRef& error) {
     const std::lock_guard writing(_writing);
     if (_mayWrite)
       checkpoint(true); // the error that is reported is the one that led here
+    // One that is cancelled here ends with its session, and comes again with it.
+    if (_mayWrite && error->code() != NSURLErrorCancelled)
+      leaveSession();
   }
   _phase = Phase::Ended;
   const auto session = _weakSession.lock();

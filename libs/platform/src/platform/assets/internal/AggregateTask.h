@@ -113,6 +113,7 @@ private:
   void end(const ErrorRef& error);
   ErrorRef resourceError(const Flight& flight, const std::string& why, const std::string& advice) const;
   PackageState packageState(bool complete) const;
+  void leaveSession();
 
   void noteLoaded(const StreamPlan& plan, std::size_t resource);
   void reportLoaded();

@@ -121,6 +121,22 @@ PackageState AggregateTask::packageState(bool complete) const {
   return state;
 }
 
+/// With `_writing` held: a task that has ended is not listed again by a later process. When that cannot be
+/// written it is, which does no harm.
+void AggregateTask::leaveSession() {
+  std::string path;
+  {
+    const std::lock_guard lock(_mutex);
+    path = _location.empty() ? _restoredPackage : _location;
+  }
+  const auto session = _weakSession.lock();
+  auto state = path.empty() || !session ? std::nullopt : readPackageState(path);
+  if (!state || state->session != session->identifier() || state->task != _identifier)
+    return;
+  state->session.clear();
+  writePackageState(path, *state);
+}
+
 void AggregateTask::complete() {
   ErrorRef error;
   {

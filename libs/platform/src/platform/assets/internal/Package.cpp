@@ -148,7 +148,7 @@ ErrorRef Package::write(const std::string& name, std::string_view content) {
   return FileManager::writeDataAtomically(content, pathOf(name));
 }
 
-ErrorRef Package::writeState(const PackageState& state) {
+ErrorRef writePackageState(const std::string& packagePath, const PackageState& state) {
   JSON json{{"version", PackageState::currentVersion},
             {"url", state.url},
             {"title", state.title},
@@ -178,7 +178,7 @@ ErrorRef Package::writeState(const PackageState& state) {
                                {"language", stream.language},
                                {"complete", stream.complete},
                                {"bytes", stream.bytes}});
-  return write(PackageState::fileName, serializeJSON(json));
+  return FileManager::writeDataAtomically(serializeJSON(json), packagePath + "/" + PackageState::fileName);
 }
 
 void Package::removeOthers(const std::vector<std::string>& keep) {

@@ -35,6 +35,9 @@ struct PackageState {
 /// Nothing with `error` set when there is no state, a garbled one or one of a newer version.
 std::optional<PackageState> readPackageState(const std::string& packagePath, ErrorRef* error = nullptr);
 
+/// Replaces the state of a package, which nobody else may be doing.
+ErrorRef writePackageState(const std::string& packagePath, const PackageState& state);
+
 /// A package that this process writes. While it lives no other one, here or in another process, opens the
 /// same. Paths are below the package. For one thread at a time.
 class Package {
@@ -53,7 +56,7 @@ public:
   ErrorRef moveIn(const std::string& location, const std::string& name, bool isSecret);
   ErrorRef sync(const std::string& directory);
   ErrorRef write(const std::string& name, std::string_view content);
-  ErrorRef writeState(const PackageState& state);
+  ErrorRef writeState(const PackageState& state) { return writePackageState(_path, state); }
   /// Removes what is in the package itself and in none of `keep`.
   void removeOthers(const std::vector<std::string>& keep);
 

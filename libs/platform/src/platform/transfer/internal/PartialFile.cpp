@@ -1,17 +1,13 @@
 #include "platform/transfer/internal/PartialFile.h"
 
-#include "platform/foundation/FileManager.h"
-#include "platform/foundation/JSON.h"
-#include "platform/transfer/internal/WriteBuffers.h"
-
-#include <nlohmann/json.hpp>
+#include "platform/transfer/internal/DiskPool.h"
+#include "platform/transfer/internal/FileWriting.h"
+#include "platform/transfer/internal/PartialStore.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -20,273 +16,282 @@ namespace platform::transfer {
 
 namespace {
 
-constexpr int DescriptionVersion = 1;
-/// Of a description beside which the file's length tells nothing.
-constexpr int MappedVersion = 2;
-constexpr int MapVersion = 1;
-/// What a kill costs at most, beside what is on its way.
+/// What a kill costs at most, beside what is in memory.
 constexpr std::int64_t RecordInterval = 512LL << 10;
-
-/// Answers 0 or errno; `offset` moves to the end of what was written.
-int writeAll(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset) {
-  while (count > 0) {
-    auto written = ::pwrite(descriptor, bytes, count, offset);
-    if (written < 0 && errno == EINTR)
-      continue;
-    if (written < 0)
-      return errno;
-    if (written == 0)
-      return ENOSPC;
-    bytes += written;
-    offset += written;
-    count -= static_cast<std::size_t>(written);
-  }
-  return 0;
-}
-
-int replaceFile(const std::string& path, const std::string& text) {
-  const auto temporary = path + ".new";
-  int descriptor = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (descriptor < 0)
-    return errno;
-  std::int64_t offset = 0;
-  int failure = writeAll(descriptor, text.data(), text.size(), offset);
-  if (failure == 0 && ::fdatasync(descriptor) != 0)
-    failure = errno;
-  ::close(descriptor);
-  if (failure == 0 && ::rename(temporary.c_str(), path.c_str()) != 0)
-    failure = errno;
-  if (failure != 0)
-    ::unlink(temporary.c_str());
-  return failure;
-}
-
-/// Intervals that are in order and belong together.
-HeldRanges rangesFrom(const JSON& json) {
-  HeldRanges held;
-  for (const auto& span : json) {
-    Span read{span.at(0).get<std::int64_t>(), span.at(1).get<std::int64_t>()};
-    if (read.first < 0 || read.end < read.first)
-      return {};
-    held.add(read);
-  }
-  return held;
-}
-
-/// Nothing when the map is of another run of the system, or when it cannot be understood.
-HeldRanges readMap(const std::string& path) {
-  auto bytes = FileManager::contentsAtPath(path);
-  if (!bytes)
-    return {};
-  auto json = parseJSON({reinterpret_cast<const char*>(bytes->data()), bytes->size()});
-  try {
-    if (json && json->at("version") == MapVersion && json->at("boot") == bootIdentifier())
-      return rangesFrom(json->at("held"));
-  } catch (const JSON::exception&) {
-    // Torn; the description still tells what is on stable storage.
-  }
-  return {};
-}
+/// Portions of one body that wait for the disk; more of them would only be memory.
+constexpr std::size_t MostHanded = 4;
+constexpr auto PortionSize = static_cast<std::int64_t>(WriteBuffers::Size);
+/// Where there are many at once: what is in memory is lost with the process, and fetched again.
+constexpr std::int64_t MappedPortionSize = PortionSize / 2;
 
 } // namespace
 
-HeldRanges trustedRanges(const PartialDescription& description, std::int64_t fileSize,
-                         const std::string& mapPath) {
-  auto held = description.synced;
-  // A file longer than what it is part of was written to by somebody else.
-  const bool plausible = description.total < 0 || fileSize <= description.total - description.base;
-  if (plausible && description.boot == bootIdentifier())
-    held.add(description.mapped ? readMap(mapPath) : HeldRanges::prefix(fileSize));
-  held.cut(fileSize);
-  return held;
-}
+PartialFile::PartialFile(const PartialStore& store, std::string key)
+    : _store(store), _key(std::move(key)), _onDisk(false), _cut(false), _described(false) {}
 
-const std::string& bootIdentifier() {
-  static const std::string identifier = [] {
-    std::ifstream file("/proc/sys/kernel/random/boot_id");
-    std::string text;
-    std::getline(file, text);
-    return text;
-  }();
-  return identifier;
-}
-
-int removeFile(const std::string& path) {
-  return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
-}
-
-std::string serializePartialDescription(const PartialDescription& d) {
-  JSON held = JSON::array();
-  for (const auto& span : d.synced.spans())
-    held.push_back({span.first, span.end});
-  JSON json{{"version", d.mapped ? MappedVersion : DescriptionVersion},
-            {"method", d.method},
-            {"url", d.url},
-            {"range", d.range},
-            {"etag", d.validators.etag},
-            {"lastModified", d.validators.lastModified},
-            {"lastModifiedStrong", d.validators.lastModifiedStrong},
-            {"base", d.base},
-            {"total", d.total},
-            {"synced", held},
-            {"boot", d.boot},
-            {"owner", d.owner},
-            {"task", d.taskIdentifier}};
-  return serializeJSON(json);
-}
-
-bool parsePartialDescription(std::string_view text, PartialDescription& d, bool& newer) {
-  newer = false;
-  auto json = parseJSON(text);
-  if (!json || !json->is_object())
-    return false;
-  try {
-    const auto version = json->at("version").get<int>();
-    d.mapped = version == MappedVersion;
-    if (version > MappedVersion) {
-      newer = true;
-      return false;
-    }
-    d.method = json->at("method").get<std::string>();
-    d.url = json->at("url").get<std::string>();
-    d.range = json->at("range").get<std::string>();
-    d.validators.etag = json->at("etag").get<std::string>();
-    d.validators.lastModified = json->at("lastModified").get<std::string>();
-    d.validators.lastModifiedStrong = json->at("lastModifiedStrong").get<bool>();
-    d.base = json->at("base").get<std::int64_t>();
-    d.total = json->at("total").get<std::int64_t>();
-    d.synced = rangesFrom(json->at("synced"));
-    d.boot = json->at("boot").get<std::string>();
-    d.owner = json->at("owner").get<std::string>();
-    d.taskIdentifier = json->at("task").get<std::uint64_t>();
-  } catch (const JSON::exception&) {
-    return false;
-  }
-  return d.base >= 0;
-}
-
-PartialFile::PartialFile(std::string directory, std::string name, int descriptor, bool described,
-                         std::shared_ptr<WriteBuffers> buffers)
-    : _directory(std::move(directory)), _name(std::move(name)), _descriptor(descriptor),
-      _buffers(std::move(buffers)), _cut(described), _described(described) {}
+PartialFile::PartialFile(const PartialStore& store, std::string name, int descriptor)
+    : _store(store), _key(name.substr(0, name.rfind('-'))), _onDisk(true), _descriptor(descriptor),
+      _cut(true), _described(true), _name(std::move(name)) {}
 
 PartialFile::~PartialFile() {
-  close();
+  closeAll();
+}
+
+std::string PartialFile::name() const {
+  std::lock_guard guard(_mutex);
+  return _name;
+}
+
+std::string PartialFile::path() const {
+  const auto made = name();
+  return _store.partPath(made.empty() ? _key + "-0" : made);
 }
 
 HeldRanges PartialFile::written() const {
-  auto written = _held;
-  if (_waiting > 0)
-    written.cut(_bufferAt);
-  return written;
+  std::lock_guard guard(_mutex);
+  return _written;
 }
 
-void PartialFile::setHeld(HeldRanges held) {
-  if (!held.spans().empty() && writeWaiting() != 0)
-    held.cut(_bufferAt);
-  _waiting = 0;
-  _held = std::move(held);
-  _cut = true;
+// ---- The network thread
+
+PartialFile::Portion* PartialFile::portionFor(std::int64_t offset) {
+  auto found = std::find_if(_filling.begin(), _filling.end(),
+                            [offset](const Portion& portion) { return portion.end() == offset; });
+  if (found != _filling.end())
+    return &*found;
+  auto memory = takeBuffer();
+  if (!memory)
+    return nullptr;
+  // It ends where a multiple of the size is, which suits the disk.
+  const auto size = isMapped() ? MappedPortionSize : PortionSize;
+  return &_filling.emplace_back(Portion{std::move(memory), offset, (offset / size + 1) * size, 0});
 }
 
-int PartialFile::cutOff() {
-  if (_cut && ::ftruncate(_descriptor, _waiting > 0 ? _bufferAt : _held.end()) != 0)
-    return errno;
-  _cut = false;
+WriteBuffers::Buffer PartialFile::takeBuffer() {
+  std::unique_lock lock(_mutex);
+  for (;;) {
+    const auto handed = _handed;
+    if (handed < MostHanded) {
+      if (auto buffer = _store.buffers().take())
+        return buffer;
+      if (handed == 0)
+        return nullptr;
+    }
+    _drained.wait(lock, [this, handed] { return _handed < handed; });
+  }
+}
+
+int PartialFile::write(std::int64_t offset, const char* bytes, std::size_t count) {
+  while (count > 0) {
+    if (const int failure = _failure) {
+      dropUnwritten();
+      return failure;
+    }
+    auto* portion = portionFor(offset);
+    if (!portion)
+      return writeThrough(offset, bytes, count);
+    const auto some = std::min(static_cast<std::int64_t>(count), portion->limit - portion->end());
+    std::memcpy(portion->bytes() + portion->length, bytes, static_cast<std::size_t>(some));
+    portion->length += some;
+    _held.add({offset, offset + some});
+    offset += some;
+    bytes += some;
+    count -= static_cast<std::size_t>(some);
+    if (portion->end() == portion->limit) {
+      auto full = std::move(*portion);
+      _filling.erase(_filling.begin() + (portion - _filling.data()));
+      handOver(std::move(full));
+    }
+  }
   return 0;
 }
 
 int PartialFile::writeThrough(std::int64_t offset, const char* bytes, std::size_t count) {
-  if (int failure = cutOff())
-    return failure;
-  std::int64_t end = offset;
-  const int failure = writeAll(_descriptor, bytes, count, end);
-  _cut = failure != 0;
+  handOver();
+  std::lock_guard io(_io);
+  int failure = writeWaiting();
+  if (failure == 0)
+    failure = make();
+  if (failure == 0)
+    failure = cutOff();
+  auto end = offset;
+  if (failure == 0)
+    failure = wrote(offset, end, writeAll(_descriptor, bytes, count, end));
   if (end > offset) // before a disk is full, some of it fits
     _held.add({offset, end});
   return failure;
 }
 
-int PartialFile::write(std::int64_t offset, const char* bytes, std::size_t count) {
-  if (!isMapped() && !_buffer && _buffers)
-    _buffer = _buffers->take();
-  if (isMapped() || !_buffer) {
-    int failure = flush();
-    if (failure == 0)
-      failure = writeThrough(offset, bytes, count);
-    if (failure != 0)
-      return failure;
-    _unrecorded += static_cast<std::int64_t>(count);
-    if (isMapped() && _unrecorded >= RecordInterval)
-      recordMap();
-    return 0;
+void PartialFile::handOver(Portion portion) {
+  _onDisk = true;
+  {
+    std::lock_guard guard(_mutex);
+    _full.push_back(std::move(portion));
+    ++_handed;
+    if (std::exchange(_draining, true))
+      return;
   }
-  if (_waiting > 0 && offset != _bufferAt + _waiting)
-    if (int failure = flush())
-      return failure;
-  if (_waiting == 0)
-    _bufferAt = offset;
-  constexpr auto size = static_cast<std::int64_t>(WriteBuffers::Size);
-  while (count > 0) {
-    // Ends where a multiple of the size does, which suits page cache and disk.
-    const auto end = _bufferAt + _waiting;
-    const auto some = std::min(count, static_cast<std::size_t>(size - end % size));
-    std::memcpy(_buffer.get() + _waiting, bytes, some);
-    _waiting += static_cast<std::int64_t>(some);
-    _held.add({end, end + static_cast<std::int64_t>(some)});
-    bytes += some;
-    count -= some;
-    if ((_bufferAt + _waiting) % size == 0)
-      if (int failure = flush())
-        return failure;
-  }
-  return 0;
+  _store.disk().add([self = shared_from_this()] { self->drain(); });
 }
 
-int PartialFile::writeWaiting() {
-  if (_waiting == 0)
-    return 0;
-  if (int failure = cutOff())
-    return failure;
-  std::int64_t end = _bufferAt;
-  const int failure = writeAll(_descriptor, _buffer.get(), static_cast<std::size_t>(_waiting), end);
-  _cut = failure != 0;
-  _waiting -= end - _bufferAt;
-  _bufferAt = end;
-  return failure;
+void PartialFile::handOver() {
+  _onDisk = true;
+  std::lock_guard guard(_mutex);
+  for (auto& portion : std::exchange(_filling, {})) {
+    _full.push_back(std::move(portion));
+    ++_handed;
+  }
 }
 
-int PartialFile::flush() {
-  const int failure = writeWaiting();
-  if (failure != 0)
-    dropUnwritten();
-  return failure;
+void PartialFile::dropPortions() {
+  for (auto& portion : std::exchange(_filling, {}))
+    _store.buffers().giveBack(std::move(portion.memory));
+  std::lock_guard guard(_mutex);
+  _handed -= _full.size();
+  for (auto& portion : std::exchange(_full, {}))
+    _store.buffers().giveBack(std::move(portion.memory));
 }
 
 void PartialFile::dropUnwritten() {
-  if (_waiting == 0)
-    return;
-  _held.cut(_bufferAt);
-  _waiting = 0;
+  dropPortions();
+  _failure = 0;
+  _held = written();
 }
 
-void PartialFile::dropBuffer() {
-  if (_buffer)
-    _buffers->giveBack(std::move(_buffer));
+void PartialFile::setHeld(HeldRanges held) {
+  if (held.spans().empty())
+    dropPortions();
+  else
+    handOver();
+  std::lock_guard io(_io);
+  if (writeWaiting() != 0)
+    return; // the next writing tells
+  std::lock_guard guard(_mutex);
+  _held = _written = std::move(held);
+  _cut = true;
+}
+
+int PartialFile::clear() {
+  ++_generation;
+  dropPortions();
+  std::lock_guard io(_io);
+  if (int failure = forget())
+    return failure;
+  _failure = 0;
+  _held = {};
+  {
+    std::lock_guard guard(_mutex);
+    _written = {};
+  }
+  _cut = false;
+  return _descriptor < 0 || ::ftruncate(_descriptor, 0) == 0 ? 0 : errno;
+}
+
+// ---- Writing
+
+int PartialFile::make() {
+  if (_descriptor >= 0)
+    return 0;
+  std::string name;
+  int failure = 0;
+  _descriptor = _store.make(_key, name, &failure);
+  if (_descriptor < 0)
+    return failure;
+  std::lock_guard guard(_mutex);
+  _name = std::move(name);
+  return 0;
+}
+
+int PartialFile::cutOff() {
+  if (!_cut)
+    return 0;
+  if (::ftruncate(_descriptor, written().end()) != 0)
+    return errno;
+  _cut = false;
+  return 0;
+}
+
+void PartialFile::drain() {
+  std::lock_guard io(_io);
+  for (;;) {
+    writeWaiting();
+    std::lock_guard guard(_mutex);
+    if (_full.empty()) {
+      _draining = false;
+      return;
+    }
+  }
+}
+
+/// Writes the full portions in their order; after a failure they are dropped.
+int PartialFile::writeWaiting() {
+  for (;;) {
+    Portion portion;
+    bool useless = false;
+    {
+      std::lock_guard guard(_mutex);
+      if (_full.empty())
+        return _failure;
+      portion = std::move(_full.front());
+      _full.pop_front();
+      useless = _failure != 0; // asked here: once it is forgotten, nothing of that time is in line any more
+    }
+    if (!useless)
+      if (int failure = writeOut(portion))
+        _failure = failure;
+    _store.buffers().giveBack(std::move(portion.memory));
+    {
+      std::lock_guard guard(_mutex);
+      --_handed;
+    }
+    _drained.notify_all();
+  }
+}
+
+int PartialFile::writeOut(const Portion& portion) {
+  int failure = make();
+  if (failure == 0)
+    failure = cutOff();
+  if (failure != 0)
+    return failure;
+  auto end = portion.at;
+  failure = writeBody(_descriptor, portion.bytes(), static_cast<std::size_t>(portion.length), end);
+  return wrote(portion.at, end, failure);
+}
+
+int PartialFile::wrote(std::int64_t from, std::int64_t end, int failure) {
+  if (failure != 0)
+    _cut = true;
+  {
+    std::lock_guard guard(_mutex);
+    _written.add({from, end});
+  }
+  _unrecorded += end - from;
+  if (isMapped() && _unrecorded >= RecordInterval)
+    recordMap();
+  return failure;
 }
 
 void PartialFile::recordMap() {
-  auto line = "{\"version\":" + std::to_string(MapVersion) + ",\"boot\":\"" + bootIdentifier() +
-              "\",\"held\":" + _held.text() + "}";
+  auto line = partialMapText(written());
   line.resize(_mapLength = std::max(_mapLength, line.size()), ' ');
   std::int64_t offset = 0;
   if (writeAll(_map, line.data(), line.size(), offset) == 0)
     _unrecorded = 0;
 }
 
-int PartialFile::forgetLocked() {
-  if (const int map = _map.exchange(-1); map >= 0)
-    ::close(map);
+// ---- Describing
+
+std::string PartialFile::descriptionPath() const {
+  return _store.descriptionPath(name());
+}
+
+std::string PartialFile::mapPath() const {
+  return _store.mapPath(name());
+}
+
+int PartialFile::forget() {
+  closeMap();
   if (!_described)
     return 0;
   int failure = removeFile(descriptionPath());
@@ -296,21 +301,10 @@ int PartialFile::forgetLocked() {
   return failure;
 }
 
-int PartialFile::clear() {
-  std::lock_guard guard(_mutex);
-  ++_generation;
-  if (int failure = forgetLocked())
-    return failure;
-  dropBuffer();
-  _waiting = 0;
-  _held = {};
-  _cut = false;
-  return ::ftruncate(_descriptor, 0) == 0 ? 0 : errno;
-}
-
-int PartialFile::describeLocked(PartialDescription& description) {
-  description.mapped = _map >= 0;
+int PartialFile::describe(PartialDescription& description) {
+  description.mapped = isMapped();
   description.boot = bootIdentifier();
+  description.synced = written();
   if (::fdatasync(_descriptor) != 0)
     return errno;
   _described = true;
@@ -318,41 +312,34 @@ int PartialFile::describeLocked(PartialDescription& description) {
 }
 
 int PartialFile::syncAndDescribe(PartialDescription description, unsigned generation) {
-  std::lock_guard guard(_mutex);
-  if (_descriptor < 0 || generation != _generation)
-    return 0;
-  return describeLocked(description);
-}
-
-void PartialFile::startWriteback() {
-  std::lock_guard guard(_mutex);
-  if (_descriptor >= 0)
-    ::sync_file_range(_descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
-}
-
-void PartialFile::startSync() {
-  std::lock_guard guard(_mutex);
-  _startFailure = writeWaiting();
-  ::sync_file_range(_descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
+  std::lock_guard io(_io);
+  if (int failure = writeWaiting())
+    return failure;
+  return _descriptor < 0 || generation != _generation ? 0 : describe(description);
 }
 
 int PartialFile::startMap(const PartialDescription& description, unsigned generation) {
-  std::lock_guard guard(_mutex);
-  if (_descriptor < 0 || generation != _generation)
-    return ECANCELED;
-  const int map = ::open(mapPath().c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (map < 0)
-    return errno;
-  // The network thread writes it from now on, and nobody reads it before the description says that it counts.
+  std::lock_guard io(_io);
+  int failure = writeWaiting();
+  if (failure == 0)
+    failure = generation == _generation ? make() : ECANCELED;
+  if (failure != 0)
+    return failure;
+  // It is written from now on, and nobody reads it before the description says that it counts.
   _described = true;
-  _map = map;
+  if (int failed = openMap(O_TRUNC))
+    return failed;
   auto mapped = description;
-  return describeLocked(mapped);
+  return describe(mapped);
 }
 
 int PartialFile::reopenMap() {
-  std::lock_guard guard(_mutex);
-  const int map = ::open(mapPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  std::lock_guard io(_io);
+  return openMap(0);
+}
+
+int PartialFile::openMap(int flags) {
+  const int map = ::open(mapPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | flags, 0644);
   if (map < 0)
     return errno;
   struct stat attributes {};
@@ -362,61 +349,91 @@ int PartialFile::reopenMap() {
   return 0;
 }
 
+void PartialFile::closeMap() {
+  if (const int map = _map.exchange(-1); map >= 0)
+    ::close(map);
+}
+
+// ---- The end
+
 int PartialFile::settle(PartialDescription description) {
   constexpr std::int64_t Tail = 64 * 1024;
-  std::lock_guard guard(_mutex);
-  flush(); // what cannot be written is not held
+  handOver();
+  std::lock_guard io(_io);
+  writeWaiting(); // what cannot be written is not held
+  _held = written();
   const auto settleHeld = [&] {
-    description.synced = _held;
     int failure = cutOff();
-    return failure != 0 ? failure : describeLocked(description);
+    return failure != 0 ? failure : describe(description);
   };
-  int failure = settleHeld();
+  int failure = make();
+  if (failure == 0)
+    failure = settleHeld();
   if (failure == ENOSPC && _held.end() > 2 * Tail) {
     _held.cut(_held.end() - Tail);
+    {
+      std::lock_guard guard(_mutex);
+      _written = _held;
+    }
     _cut = true;
     failure = settleHeld();
   }
-  closeLocked();
+  closeAll();
   return failure;
 }
 
+/// What is in memory is the whole body.
+int PartialFile::writeWhole(const std::string& path) {
+  _descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (_descriptor < 0)
+    return errno;
+  for (const auto& portion : _filling) {
+    auto end = portion.at;
+    if (int failure = writeBody(_descriptor, portion.bytes(), static_cast<std::size_t>(portion.length), end))
+      return failure;
+  }
+  return 0;
+}
+
 int PartialFile::finish(const std::string& path) {
-  std::lock_guard guard(_mutex);
-  int failure = _startFailure != 0 ? std::exchange(_startFailure, 0) : writeWaiting();
-  dropBuffer();
+  if (!isInMemory())
+    handOver();
+  std::lock_guard io(_io);
+  if (isInMemory()) {
+    int failure = writeWhole(path);
+    if (failure == 0 && ::fdatasync(_descriptor) != 0)
+      failure = errno;
+    if (failure != 0)
+      removeFile(path);
+    closeAll();
+    return failure;
+  }
+  int failure = writeWaiting();
   if (failure == 0)
     failure = cutOff();
   if (failure != 0)
     return failure;
-  if (::fdatasync(_descriptor) != 0)
+  if (::fdatasync(_descriptor) != 0 || ::rename(this->path().c_str(), path.c_str()) != 0)
     return errno;
-  if (::rename(this->path().c_str(), path.c_str()) != 0)
-    return errno;
-  forgetLocked();
-  closeLocked();
+  forget();
+  closeAll();
   return 0;
 }
 
-void PartialFile::closeLocked() {
-  dropBuffer();
-  if (const int map = _map.exchange(-1); map >= 0)
-    ::close(map);
+void PartialFile::closeAll() {
+  dropPortions();
+  closeMap();
   if (_descriptor >= 0)
-    ::close(_descriptor);
-  _descriptor = -1;
-}
-
-void PartialFile::close() {
-  std::lock_guard guard(_mutex);
-  closeLocked();
+    ::close(std::exchange(_descriptor, -1));
 }
 
 void PartialFile::remove() {
-  std::lock_guard guard(_mutex);
-  forgetLocked();
-  removeFile(path());
-  closeLocked();
+  dropPortions();
+  std::lock_guard io(_io);
+  forget();
+  if (const auto made = name(); !made.empty())
+    removeFile(_store.partPath(made));
+  closeAll();
 }
 
 } // namespace platform::transfer

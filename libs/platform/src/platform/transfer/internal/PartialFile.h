@@ -1,76 +1,69 @@
 #pragma once
 
-#include "platform/transfer/internal/HTTPRules.h"
 #include "platform/transfer/internal/HeldRanges.h"
+#include "platform/transfer/internal/PartialDescription.h"
+#include "platform/transfer/internal/WriteBuffers.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
+#include <vector>
 
 namespace platform::transfer {
 
-class WriteBuffers;
+class PartialStore;
 
-/// What a partial file holds: enough to go on with it knowing nothing else. Kept beside it as
-/// `<name>.json`.
-struct PartialDescription {
-  std::string method = "GET";
-  std::string url;
-  std::string range; ///< the caller's own Range header, or empty
-  Validators validators;
-  std::int64_t base = 0;            ///< offset in the resource of the first byte
-  std::int64_t total = -1;          ///< length of the whole resource, -1 when unknown
-  HeldRanges synced;                ///< bytes of the file that were on stable storage
-  bool mapped = false;              ///< a map, not the file's length, tells what else is held
-  std::string boot;                 ///< the run of the system in which it was written
-  std::string owner;                ///< lock name of the session that goes on with it; empty: anybody may
-  std::uint64_t taskIdentifier = 0; ///< of that session
-};
-
-/// Text form; parsing answers false for garbled text and for a newer format, which `newer` tells apart.
-std::string serializePartialDescription(const PartialDescription& description);
-bool parsePartialDescription(std::string_view text, PartialDescription& description, bool& newer);
-
-/// The bytes that count of a file of `fileSize` bytes: what is on stable storage, and within one run of the
-/// system also what its process had written before it was killed.
-HeldRanges trustedRanges(const PartialDescription& description, std::int64_t fileSize,
-                         const std::string& mapPath);
-
-/// An open body file, locked against other processes and sessions. Writing is for one thread (the network
-/// thread); `syncAndDescribe`, `startWriteback` and the map's beginning are for the disk threads meanwhile,
-/// and so are `startSync`, `finish` and `settle` once nothing is written any more.
+/// A body file, locked against other processes and sessions once it is on disk.
 ///
-/// A body that comes over one connection grows at its end, and the file's length tells what is held. It may
-/// wait in memory, and gets to the disk by large writes: `held` counts it, `written` does not. Before
-/// anything is written beyond a hole the file gets a map, `<name>.map`: a line that is rewritten every so
-/// many bytes. Nothing is synced for it; like the length, it is trusted only within one run of the system.
-class PartialFile {
+/// The network thread gives the bytes. They are collected in large portions of memory, one for each place at
+/// which the body grows; the disk threads write the full ones, in the order in which they became full.
+/// `held` counts what was given, `written` what the file has of it. A body that ends before its first portion
+/// was handed over never becomes a partial file: `finish` writes it where it belongs.
+///
+/// The file of a body that comes over one connection grows at its end, and its length tells what is written.
+/// Before anything is written beyond a hole the file gets a map, `<name>.map`: a line that is rewritten every
+/// so many bytes. Nothing is synced for it; like the length, it is trusted only within one run of the system.
+///
+/// `write`, `handOver`, `setHeld`, `clear` and `held` are for the network thread; `syncAndDescribe` and
+/// `startMap` for the disk threads meanwhile, and so are `finish` and `settle` once nothing is written any
+/// more.
+class PartialFile : public std::enable_shared_from_this<PartialFile> {
 public:
-  /// `described`: it is an old one, which may have a description and any length; else it is new and empty.
-  PartialFile(std::string directory, std::string name, int descriptor, bool described,
-              std::shared_ptr<WriteBuffers> buffers = nullptr);
+  /// A body of the request `key`, of which nothing is held.
+  PartialFile(const PartialStore& store, std::string key);
+  /// An old file, which may have a description and any length.
+  PartialFile(const PartialStore& store, std::string name, int descriptor);
   ~PartialFile(); ///< closes; the files stay
   PartialFile(const PartialFile&) = delete;
   PartialFile& operator=(const PartialFile&) = delete;
 
-  const std::string& name() const { return _name; }
-  std::string path() const { return _directory + "/" + _name + ".part"; }
+  /// Empty as long as it is not on disk.
+  std::string name() const;
+  std::string path() const; ///< or where it would be
+  const std::string& key() const { return _key; }
   const HeldRanges& held() const { return _held; }
   HeldRanges written() const;
-  bool isOpen() const { return _descriptor >= 0; }
   bool isMapped() const { return _map >= 0; }
+  /// Whether all that is held is in memory, to be written by `finish`.
+  bool isInMemory() const { return !_onDisk; }
 
   /// Takes these bytes as held; what stands in the file behind them is cut off at the first write.
   void setHeld(HeldRanges held);
 
-  /// Writes at `offset`, where a file without a map ends. Answers 0 or errno; `held` then tells what of all
-  /// that was written still counts.
+  /// Takes bytes for `offset`, where a file without a map ends. Answers 0, or the errno of this or of an
+  /// earlier writing; `held` then tells what of all that was given still counts. Waits for the disk when it
+  /// is too far behind.
   int write(std::int64_t offset, const char* bytes, std::size_t count);
-  /// Writes what waits in memory; answers as `write` does.
-  int flush();
+  /// Leaves what is in memory to the next operation on a disk thread.
+  void handOver();
+  /// The errno of a writing that failed since, or 0.
+  int failure() const { return _failure; }
+  /// What could not be written is not held.
+  void dropUnwritten();
 
   /// Forgets content, description and map, so that no old description ever stands beside new bytes.
   int clear();
@@ -78,16 +71,10 @@ public:
   /// Counts the calls of `clear`.
   unsigned generation() const { return _generation; }
 
-  /// Syncs what has been written, then replaces the description, whose `synced` must have been written before
-  /// the call. Answers 0 or errno. Does nothing when `clear` was called since `generation` was read: the
-  /// description speaks of bytes that are gone.
+  /// Writes what was handed over and syncs it, then replaces the description. Answers 0 or errno. Does
+  /// nothing when `clear` was called since `generation` was read: the description speaks of bytes that are
+  /// gone.
   int syncAndDescribe(PartialDescription description, unsigned generation);
-
-  /// Has the system begin to write out what it still holds in memory, so that a later sync finds little to
-  /// do.
-  void startWriteback();
-  /// The same for a body that is complete, with what waits in memory here.
-  void startSync();
 
   /// Gives the file a map, with a description that says so.
   int startMap(const PartialDescription& description, unsigned generation);
@@ -98,50 +85,77 @@ public:
   /// makes room for the description without which the rest would be worthless.
   int settle(PartialDescription description);
 
-  /// Syncs and renames to `path`, dropping description and map. Closed afterwards. Answers 0 or errno, then
-  /// nothing was renamed.
+  /// Writes and syncs what is held, and has it at `path`, without description and map. Closed afterwards.
+  /// Answers 0 or errno, then nothing is at `path`.
   int finish(const std::string& path);
-  /// After a `finish` that failed: what could not be written is not held.
-  void dropUnwritten();
 
-  void close();
   /// Removes all its files.
   void remove();
 
 private:
-  std::string descriptionPath() const { return _directory + "/" + _name + ".json"; }
-  std::string mapPath() const { return _directory + "/" + _name + ".map"; }
-  int describeLocked(PartialDescription& description);
-  int forgetLocked();
-  void closeLocked();
-  int cutOff();
-  int writeThrough(std::int64_t offset, const char* bytes, std::size_t count);
-  int writeWaiting();
-  void dropBuffer();
-  void recordMap();
+  /// A stretch of the body in memory.
+  struct Portion {
+    WriteBuffers::Buffer memory;
+    std::int64_t at = 0;
+    std::int64_t limit = 0; ///< where it is full
+    std::int64_t length = 0;
+    std::int64_t end() const { return at + length; }
+    char* bytes() const { return memory.get() + at % static_cast<std::int64_t>(WriteBuffers::Alignment); }
+  };
 
-  const std::string _directory;
-  const std::string _name;
-  std::mutex _mutex; ///< between describing on a disk thread and clearing on the network thread
-  int _descriptor;
-  std::atomic<int> _map{-1};
-  const std::shared_ptr<WriteBuffers> _buffers;
-  std::unique_ptr<char[]> _buffer;
-  std::int64_t _bufferAt = 0; ///< where in the file what waits in memory belongs
-  std::int64_t _waiting = 0;  ///< bytes of it
-  int _startFailure = 0;
+  std::string descriptionPath() const;
+  std::string mapPath() const;
+
+  // For the network thread.
+  Portion* portionFor(std::int64_t offset);
+  WriteBuffers::Buffer takeBuffer();
+  void handOver(Portion portion);
+  void dropPortions();
+  void drain();
+  int writeThrough(std::int64_t offset, const char* bytes, std::size_t count);
+
+  // With `_io` held.
+  int make();
+  int cutOff();
+  int writeWaiting();
+  int writeOut(const Portion& portion);
+  int wrote(std::int64_t from, std::int64_t end, int failure);
+  int writeWhole(const std::string& path);
+  int describe(PartialDescription& description);
+  int forget();
+  void recordMap();
+  int openMap(int flags);
+  void closeMap();
+  void closeAll();
+
+  const PartialStore& _store;
+  const std::string _key;
+
+  // The network thread's.
   HeldRanges _held;
+  std::vector<Portion> _filling;
+  bool _onDisk; ///< something was handed over: the file is made, or will be
+
+  /// Held while the file is worked on, by one disk thread at a time. The network thread takes it for what is
+  /// rare: to clear, and to write through when there is no memory.
+  std::mutex _io;
+  int _descriptor = -1;
+  std::atomic<int> _map{-1};
   std::atomic<unsigned> _generation{0};
   std::int64_t _unrecorded = 0; ///< bytes written since the map was
   std::size_t _mapLength = 0;   ///< of its line, which never gets shorter
   bool _cut;                    ///< the file may be longer than what was written
   bool _described;              ///< a description or a map may stand on disk
+
+  /// Never held while anything waits for the disk.
+  mutable std::mutex _mutex;
+  std::condition_variable _drained;
+  std::string _name;
+  HeldRanges _written;
+  std::deque<Portion> _full;
+  std::size_t _handed = 0; ///< portions that are full or being written
+  bool _draining = false;
+  std::atomic<int> _failure{0};
 };
-
-/// The system's boot identifier: page-cache content of a killed process is trusted only within one boot.
-const std::string& bootIdentifier();
-
-/// Removes `path` and answers errno or 0; a file that is not there counts as removed.
-int removeFile(const std::string& path);
 
 } // namespace platform::transfer

@@ -3,7 +3,7 @@
 #include "platform/foundation/Base64.h"
 #include "platform/foundation/FileManager.h"
 #include "platform/foundation/StringHash.h"
-#include "platform/transfer/internal/WriteBuffers.h"
+#include "platform/transfer/internal/FileWriting.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -68,7 +68,8 @@ std::string textOfName(std::string encoded) {
   return bytes ? std::string(reinterpret_cast<const char*>(bytes->data()), bytes->size()) : std::string();
 }
 
-/// The marks of a finished body: owner and number, key, base, total, ETag, date and its strength.
+/// The marks of a finished body: owner and number, key, base, total, ETag, date and its strength, and the run
+/// of the system in which its length tells what of it has been written (empty: it is whole and synced).
 std::vector<std::string> marksOf(const std::string& name) {
   std::vector<std::string> marks;
   for (std::size_t from = 0, to = 0; to != std::string::npos; from = to + 1) {
@@ -77,7 +78,11 @@ std::vector<std::string> marksOf(const std::string& name) {
   }
   return marks;
 }
-constexpr std::size_t MarkCount = 7;
+constexpr std::size_t MarkCount = 8;
+
+std::string bootMark() {
+  return PartialStore::keyOf("", bootIdentifier(), "");
+}
 
 std::string ownerOfFinished(const std::string& name) {
   return name.substr(0, name.substr(0, name.find(MarkSeparator)).rfind('-'));
@@ -85,12 +90,15 @@ std::string ownerOfFinished(const std::string& name) {
 
 } // namespace
 
-PartialStore::PartialStore(std::string directory, std::string process, const OwnerLocks& locks)
+PartialStore::PartialStore(std::string directory, std::string process, const OwnerLocks& locks,
+                           DiskPool& disk)
     : _partials(directory + "/partials"), _finished(directory + "/finished"), _process(std::move(process)),
-      _locks(locks), _buffers(std::make_shared<WriteBuffers>()) {
+      _locks(locks), _disk(disk) {
   // Asked now and once: while the locks of the dead are swept away they look held for a moment.
   for (const auto& name : FileManager::contentsOfDirectoryAtPath(_finished))
-    if (auto marks = marksOf(name); marks.size() == MarkCount && !_locks.isHeld(ownerOfFinished(name)))
+    if (auto marks = marksOf(name); marks.size() == MarkCount &&
+                                    (marks[7].empty() || marks[7] == bootMark()) &&
+                                    !_locks.isHeld(ownerOfFinished(name)))
       _left.emplace(marks[1], name);
   const auto partials = FileManager::contentsOfDirectoryAtPath(_partials);
   _highSlots = std::any_of(partials.begin(), partials.end(),
@@ -114,37 +122,39 @@ bool PartialStore::mayHoldOrphan(const std::string& key) const {
   return _left.contains(key);
 }
 
-std::shared_ptr<PartialFile> PartialStore::create(const std::string& key, int* failure) const {
+std::shared_ptr<PartialFile> PartialStore::create(const std::string& key) const {
+  return std::make_shared<PartialFile>(*this, key);
+}
+
+int PartialStore::make(const std::string& key, std::string& name, int* failure) const {
   *failure = EEXIST;
   for (int slot = 0; slot < MostSlots; ++slot) {
-    auto name = slotName(key, slot);
+    name = slotName(key, slot);
     int descriptor = ::open(partPath(name).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (descriptor < 0 && errno == EEXIST)
       continue;
     if (descriptor < 0) {
       *failure = errno;
-      return nullptr;
+      return -1;
     }
     if (slot > 0)
       _highSlots = true;
     // A description or a map may have outlived its file.
     if (removeFile(descriptionPath(name)) == 0 && removeFile(mapPath(name)) == 0 &&
-        ::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
-      *failure = 0;
-      return std::make_shared<PartialFile>(_partials, name, descriptor, false, _buffers);
-    }
+        ::flock(descriptor, LOCK_EX | LOCK_NB) == 0)
+      return descriptor;
     ::close(descriptor);
   }
-  return nullptr;
+  return -1;
 }
 
-std::optional<Claim> PartialStore::claim(const std::string& name, const std::string* owner,
-                                         const std::string& method, const std::string& url,
-                                         const std::string& range) const {
+std::optional<Claim> PartialStore::claim(const std::string& name, const std::string& owner,
+                                         std::optional<std::uint64_t> task, const std::string& method,
+                                         const std::string& url, const std::string& range) const {
   int descriptor = openLocked(partPath(name));
   if (descriptor < 0)
     return std::nullopt;
-  auto file = std::make_shared<PartialFile>(_partials, name, descriptor, true, _buffers);
+  auto file = std::make_shared<PartialFile>(*this, name, descriptor);
   Claim claim;
   auto described = readDescription(descriptionPath(name), claim.description);
   if (described == Described::Newer)
@@ -159,7 +169,7 @@ std::optional<Claim> PartialStore::claim(const std::string& name, const std::str
   }
   if (description.method != method || description.url != url || description.range != range)
     return std::nullopt;
-  bool own = owner && description.owner == *owner;
+  const bool own = description.owner == owner && (!task || description.taskIdentifier == *task);
   if (!own && _locks.isHeld(description.owner))
     return std::nullopt;
   auto held = trustedRanges(description, attributes.st_size, mapPath(name));
@@ -175,10 +185,11 @@ std::optional<Claim> PartialStore::claim(const std::string& name, const std::str
 }
 
 std::optional<Claim> PartialStore::adopt(const std::string& method, const std::string& url,
-                                         const std::string& range) const {
+                                         const std::string& range, const std::string& owner,
+                                         std::uint64_t task) const {
   auto key = keyOf(method, url, range);
   for (int slot = 0; slot < SearchedSlots; ++slot)
-    if (auto found = claim(slotName(key, slot), nullptr, method, url, range))
+    if (auto found = claim(slotName(key, slot), owner, task, method, url, range))
       return found;
   return salvage(key, method, url, range);
 }
@@ -223,7 +234,7 @@ std::optional<Claim> PartialStore::salvage(const std::string& key, const std::st
     claim.description.validators.etag = textOfName(marks[4]);
     claim.description.validators.lastModified = textOfName(marks[5]);
     claim.description.validators.lastModifiedStrong = marks[6] == "s";
-    claim.file = std::make_shared<PartialFile>(_partials, name, descriptor, true, _buffers);
+    claim.file = std::make_shared<PartialFile>(*this, name, descriptor);
     struct stat attributes {};
     if (::fstat(descriptor, &attributes) != 0 || attributes.st_size <= 0 ||
         !claim.description.validators.ifRange()) {
@@ -240,7 +251,7 @@ std::optional<Claim> PartialStore::reclaim(const std::string& name, const std::s
                                            const std::string& range) const {
   if (name.find('/') != std::string::npos || !name.starts_with(keyOf(method, url, range)))
     return std::nullopt;
-  return claim(name, &owner, method, url, range);
+  return claim(name, owner, std::nullopt, method, url, range);
 }
 
 std::optional<PartialStore::Held> PartialStore::peek(const std::string& name) const {
@@ -256,7 +267,7 @@ void PartialStore::release(const std::string& name, const std::string& owner) co
   int descriptor = openLocked(partPath(name));
   if (descriptor < 0)
     return;
-  PartialFile file(_partials, name, descriptor, true);
+  PartialFile file(*this, name, descriptor);
   PartialDescription description;
   if (readDescription(descriptionPath(name), description) != Described::Yes || description.owner != owner)
     return;
@@ -273,7 +284,7 @@ void PartialStore::discard(const std::string& name, const std::string& owner) co
   int descriptor = name.find('/') == std::string::npos ? openLocked(partPath(name)) : -1;
   if (descriptor < 0)
     return;
-  PartialFile file(_partials, name, descriptor, true);
+  PartialFile file(*this, name, descriptor);
   PartialDescription description;
   auto described = readDescription(descriptionPath(name), description);
   if (described == Described::Newer ||
@@ -286,7 +297,7 @@ std::string PartialStore::newFinishedPath() const {
   return _finished + "/" + _process + "-" + std::to_string(_number++);
 }
 
-std::string PartialStore::newFinishedPath(const std::string& name,
+std::string PartialStore::newFinishedPath(const PartialFile& file,
                                           const PartialDescription& description) const {
   auto path = newFinishedPath();
   const auto& validators = description.validators;
@@ -294,9 +305,9 @@ std::string PartialStore::newFinishedPath(const std::string& name,
     return path;
   std::string marked = path;
   for (const auto& mark :
-       {name.substr(0, name.rfind('-')), std::to_string(description.base), std::to_string(description.total),
+       {file.key(), std::to_string(description.base), std::to_string(description.total),
         nameText(validators.etag), nameText(validators.lastModified),
-        std::string(validators.lastModifiedStrong ? "s" : "w")})
+        std::string(validators.lastModifiedStrong ? "s" : "w"), file.isInMemory() ? bootMark() : ""})
     marked += MarkSeparator + mark;
   return marked.size() - _finished.size() - 1 <= LongestName ? marked : path;
 }

@@ -14,6 +14,8 @@
 
 namespace platform::transfer {
 
+class DiskPool;
+
 /// A partial file taken over, with what its description tells and the bytes of it that can be trusted.
 struct Claim {
   std::shared_ptr<PartialFile> file;
@@ -27,8 +29,9 @@ struct Claim {
 ///     partials/<key>-<slot>.map    what is held of it when it has holes (PartialFile)
 ///     finished/<owner>-<number>    bodies that are never continued (error pages) until the delegate has seen
 ///                                  them
-///     finished/<owner>-<number>~<key>~<base>~<total>~<validators>
-///                                  whole bodies until the delegate has moved them away
+///     finished/<owner>-<number>~<key>~<base>~<total>~<validators>~<boot>
+///                                  whole bodies until the delegate has moved them away; with a `boot`, the
+///                                  run of the system in which they are written here, they may not be whole
 ///
 /// `key` is the hash of method, URL and Range header, so looking for an orphan of a request is opening a
 /// name, not reading a directory. A whole body whose process died before its delegate could move it is found
@@ -37,19 +40,20 @@ struct Claim {
 class PartialStore {
 public:
   /// `process` is the lock name of this process, for the names of finished files.
-  PartialStore(std::string directory, std::string process, const OwnerLocks& locks);
+  PartialStore(std::string directory, std::string process, const OwnerLocks& locks, DiskPool& disk);
 
   static std::string keyOf(const std::string& method, const std::string& url, const std::string& range);
 
   /// Cheap and without promise: whether looking for an orphan is worthwhile.
   bool mayHoldOrphan(const std::string& key) const;
 
-  /// A new empty file, or null with `failure` set to errno.
-  std::shared_ptr<PartialFile> create(const std::string& key, int* failure) const;
+  /// A body of which nothing is held; nothing is on disk before it asks for it.
+  std::shared_ptr<PartialFile> create(const std::string& key) const;
 
-  /// Takes over a file whose owner is gone and which describes the same request.
-  std::optional<Claim> adopt(const std::string& method, const std::string& url,
-                             const std::string& range) const;
+  /// Takes over a file which describes the same request and whose owner is gone, or which `task` of `owner`
+  /// itself left in an earlier process.
+  std::optional<Claim> adopt(const std::string& method, const std::string& url, const std::string& range,
+                             const std::string& owner = {}, std::uint64_t task = 0) const;
 
   /// Takes over the file `name` when it describes the same request and belongs to `owner` or to nobody.
   std::optional<Claim> reclaim(const std::string& name, const std::string& owner, const std::string& method,
@@ -68,28 +72,36 @@ public:
   void discard(const std::string& name, const std::string& owner) const;
 
   std::string newFinishedPath() const;
-  /// For the body of the partial file `name`; its name tells `description` as far as adoption needs it.
-  std::string newFinishedPath(const std::string& name, const PartialDescription& description) const;
+  /// For the body `file`; the name tells `description` as far as adoption needs it.
+  std::string newFinishedPath(const PartialFile& file, const PartialDescription& description) const;
   /// An ordinary new file for a body that is never continued.
   int createFinished(const std::string& path, int* failure) const;
 
   /// Removes what nobody owns and nobody touched for `lifetime`.
   void sweep(std::chrono::hours lifetime) const;
 
-private:
-  std::optional<Claim> claim(const std::string& name, const std::string* owner, const std::string& method,
-                             const std::string& url, const std::string& range) const;
-  std::optional<Claim> salvage(const std::string& key, const std::string& method, const std::string& url,
-                               const std::string& range) const;
+  // For the files themselves.
+  /// A new empty file, locked: its descriptor and `name`, or -1 with `failure` set to errno.
+  int make(const std::string& key, std::string& name, int* failure) const;
   std::string partPath(const std::string& name) const { return _partials + "/" + name + ".part"; }
   std::string descriptionPath(const std::string& name) const { return _partials + "/" + name + ".json"; }
   std::string mapPath(const std::string& name) const { return _partials + "/" + name + ".map"; }
+  WriteBuffers& buffers() const { return _buffers; }
+  DiskPool& disk() const { return _disk; }
+
+private:
+  std::optional<Claim> claim(const std::string& name, const std::string& owner,
+                             std::optional<std::uint64_t> task, const std::string& method,
+                             const std::string& url, const std::string& range) const;
+  std::optional<Claim> salvage(const std::string& key, const std::string& method, const std::string& url,
+                               const std::string& range) const;
 
   std::string _partials;
   std::string _finished;
   std::string _process;
   const OwnerLocks& _locks;
-  const std::shared_ptr<WriteBuffers> _buffers;
+  DiskPool& _disk;
+  mutable WriteBuffers _buffers;
   mutable std::atomic<bool> _highSlots{false}; ///< a name may stand that does not end in "-0"
   mutable std::atomic<std::uint64_t> _number{0};
   mutable std::mutex _leftMutex;

@@ -19,15 +19,15 @@ struct ServiceParts {
   OwnerLocks locks;
   std::unique_ptr<OwnerLocks::Lock> processLock;
   std::unique_ptr<Journal> journal;
-  PartialStore store;
   DiskPool disk;
+  PartialStore store;
   Network network;
 
   ServiceParts(HTTPTransferServiceOptions serviceOptions, std::unique_ptr<OwnerLocks::Lock> process,
                std::unique_ptr<Journal> openJournal)
       : options(std::move(serviceOptions)), locks(options.directory + "/locks"),
-        processLock(std::move(process)), journal(std::move(openJournal)),
-        store(options.directory, processLock->owner(), locks), disk(3), network(options, store, disk) {}
+        processLock(std::move(process)), journal(std::move(openJournal)), disk(4),
+        store(options.directory, processLock->owner(), locks, disk), network(options, store, disk) {}
 };
 
 } // namespace platform::transfer

@@ -1,8 +1,8 @@
 #include "platform/transfer/internal/Task.h"
 
 #include "platform/concurrency/Queue.h"
+#include "platform/transfer/internal/FileWriting.h"
 #include "platform/transfer/internal/Network.h"
-#include "platform/transfer/internal/PartialFile.h"
 #include "platform/transfer/internal/ResumeData.h"
 #include "platform/transfer/internal/Session.h"
 #include "platform/transfer/internal/Transfer.h"

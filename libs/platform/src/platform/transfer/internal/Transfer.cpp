@@ -124,12 +124,13 @@ void Transfer::prepare() {
   _phase = Phase::Preparing;
   auto found = std::make_shared<std::pair<std::optional<Claim>, bool>>();
   onDisk(
-      [&store, found, name, url, range, method = request.HTTPMethod(), owner = _task.session()->owner()] {
+      [&store, found, name, url, range, method = request.HTTPMethod(), owner = _task.session()->owner(),
+       task = _task.identifier()] {
         if (!name.empty())
           found->first = store.reclaim(name, owner, method, url, range);
         found->second = found->first.has_value();
         if (!found->first)
-          found->first = store.adopt(method, url, range);
+          found->first = store.adopt(method, url, range, owner, task);
       },
       [found](Transfer& self) { self.prepared(std::move(found->first), found->second); });
 }
@@ -386,19 +387,24 @@ void Transfer::tick(Clock::time_point now) {
   const bool toFile = (_phase == Phase::Active && _sink == Sink::Partial) || _pieces.isRunning();
   if (toFile || (_phase == Phase::Active && _sink == Sink::Page))
     reportProgress(now);
-  if (!toFile || !_file || !_resumable || _syncing || now < _nextSync || held() == _syncedLength)
-    return;
-  if (int failure = _file->flush()) {
+  if (toFile && _file && _file->failure() != 0) {
     stopExchange();
-    fail(writeError(failure, _file->path(), _decision.bodyLength >= 0 ? _decision.bodyLength - _got : -1));
+    const int failure = _file->failure();
+    _file->dropUnwritten();
+    fail(writeError(failure, _file->path(), _length >= 0 ? _length - held() : -1));
     return;
   }
+  if (!toFile || !_file || !_resumable || _syncing || now < _nextSync || held() == _syncedLength)
+    return;
+  _file->handOver();
   _syncing = true;
   const auto length = held();
   onDisk([file = _file, description = describe(false),
           generation = _file->generation()] { file->syncAndDescribe(description, generation); },
          [length](Transfer& self) {
            self._syncing = false;
+           if (self._file)
+             self._task.setPartial(self._file->name());
            self._syncedLength = length;
            self._nextSync = Clock::now() + SyncInterval;
          });

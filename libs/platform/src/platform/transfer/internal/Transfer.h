@@ -94,7 +94,7 @@ private:
   void wrote(std::int64_t count);
   bool storeOwn(const char* bytes, std::size_t count);
   bool follow(const ResponseHead& head);
-  bool openPartial();
+  void openPartial();
   bool openPage();
   int writePage(const char* bytes, std::size_t count);
   bool breakOff(ErrorRef error);
@@ -181,8 +181,6 @@ private:
   std::int64_t _syncedLength = 0;
   bool _syncing = false;
   std::int64_t _unreported = 0; ///< bytes since the clock was looked at
-  std::int64_t _dirty = 0;      ///< bytes since the system was asked to write out
-  bool _writingBack = false;
 };
 
 } // namespace platform::transfer

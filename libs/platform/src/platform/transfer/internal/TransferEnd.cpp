@@ -1,6 +1,7 @@
 // The part of Transfer that ends it: storing a whole body, and keeping or dropping what is held of another.
 
 #include "platform/transfer/internal/DiskPool.h"
+#include "platform/transfer/internal/FileWriting.h"
 #include "platform/transfer/internal/Network.h"
 #include "platform/transfer/internal/ResumeData.h"
 #include "platform/transfer/internal/Session.h"
@@ -25,10 +26,8 @@ void Transfer::finishBody() {
     storePage();
     return;
   }
-  if (!_file && !openPartial()) {
-    fail(std::exchange(_failure, nullptr));
-    return;
-  }
+  if (!_file)
+    openPartial();
   if (_decision.expectedTotal >= 0 && held() < _decision.expectedTotal && _file->isMapped()) {
     goOn();
     return;
@@ -44,23 +43,21 @@ void Transfer::storeFile() {
   _pieces.stop();
   _phase = Phase::Storing;
   _network.bodyWaits();
-  auto path =
-      _network.store().newFinishedPath(_file->name(), _resumable ? _description : PartialDescription());
+  auto path = _network.store().newFinishedPath(*_file, _resumable ? _description : PartialDescription());
   const auto length = held();
   // A success ends the task right here: the way over the network thread would only delay what follows it.
   // Whether it was cancelled meanwhile is looked at when it is delivered.
-  _network.disk().add([file = _file] { file->startSync(); },
-                      [&network = _network, task = _task.shared_from_this(), file = _file, path, length] {
-                        const int failure = file->finish(path);
-                        if (failure == 0) {
-                          task->setComplete(length, path);
-                          task->session()->end(task, {nullptr, path, nullptr, nullptr});
-                        }
-                        network.postSoon([task, failure, length] {
-                          if (task->transfer)
-                            task->transfer->stored(failure, length);
-                        });
-                      });
+  _network.disk().add([&network = _network, task = _task.shared_from_this(), file = _file, path, length] {
+    const int failure = file->finish(path);
+    if (failure == 0) {
+      task->setComplete(length, path);
+      task->session()->end(task, {nullptr, path, nullptr, nullptr});
+    }
+    network.postSoon([task, failure, length] {
+      if (task->transfer)
+        task->transfer->stored(failure, length);
+    });
+  });
 }
 
 void Transfer::stored(int failure, std::int64_t length) {
@@ -166,6 +163,7 @@ void Transfer::keepAndEnd(ErrorRef error, bool forAnybody) {
   onDisk([file = _file, description = describe(forAnybody), result] { *result = file->settle(description); },
          [error = std::move(error), forAnybody, result](Transfer& self) {
            DataRef data;
+           self._task.setPartial(self._file->name());
            if (forAnybody && *result == 0)
              data = self.resumeData(self._file->name(), self._file->held().total());
            self._file.reset();
@@ -184,6 +182,7 @@ void Transfer::suspendNow() {
   onDisk([file = _file, description = describe(false)] { file->settle(description); },
          [](Transfer& self) {
            self._parkedName = self._file->name();
+           self._task.setPartial(self._parkedName);
            self._file.reset();
            self._phase = Phase::Idle;
            self.reconcile();
@@ -205,8 +204,6 @@ DataRef Transfer::resumeData(const std::string& name, std::int64_t length) const
 
 PartialDescription Transfer::describe(bool forAnybody) const {
   auto description = _description;
-  if (_file)
-    description.synced = _file->written();
   description.owner = forAnybody ? std::string() : _task.session()->owner();
   description.taskIdentifier = _task.identifier();
   return description;

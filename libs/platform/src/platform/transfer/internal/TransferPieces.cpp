@@ -67,6 +67,7 @@ void Transfer::considerSplitting() {
   if (std::exchange(_mapping, true))
     return;
   // Nothing may be written behind a hole before the description tells of holes.
+  _file->handOver();
   auto failure = std::make_shared<int>(0);
   onDisk([failure, file = _file, description = describe(false),
           generation = _file->generation()] { *failure = file->startMap(description, generation); },

@@ -21,8 +21,6 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds ReportInterval{50};
 // After so many bytes the clock is looked at for that.
 constexpr std::int64_t ReportStep = 1LL << 20;
-// What the disk has to do is begun in portions of this size, not left to the end.
-constexpr std::int64_t WritebackStep = 8LL << 20;
 // What a short transfer holds is not worth a description; one that lives longer gets one.
 constexpr std::chrono::milliseconds FirstSync{250};
 
@@ -264,16 +262,11 @@ void Transfer::wrote(std::int64_t count) {
     _unreported = 0;
     reportProgress(Clock::now());
   }
-  if ((_dirty += count) < WritebackStep || _writingBack)
-    return;
-  _dirty = 0;
-  _writingBack = true;
-  onDisk([file = _file] { file->startWriteback(); }, [](Transfer& self) { self._writingBack = false; });
 }
 
 bool Transfer::storeOwn(const char* bytes, std::size_t count) {
-  if (!_file && !openPartial())
-    return false;
+  if (!_file)
+    openPartial();
   auto left = static_cast<std::int64_t>(count);
   for (std::int64_t taken = 0; left > 0; left -= taken, bytes += taken) {
     taken = std::min(left, _own.left());
@@ -306,14 +299,9 @@ bool Transfer::breakOff(ErrorRef error) {
   return false;
 }
 
-bool Transfer::openPartial() {
-  int failure = 0;
-  _file = _network.store().create(
-      PartialStore::keyOf(_description.method, _description.url, _description.range), &failure);
-  if (!_file)
-    return breakOff(writeError(failure, _network.options().directory, _decision.bodyLength));
-  _task.setPartial(_file->name());
-  return true;
+void Transfer::openPartial() {
+  _file =
+      _network.store().create(PartialStore::keyOf(_description.method, _description.url, _description.range));
 }
 
 bool Transfer::openPage() {

@@ -9,7 +9,7 @@ namespace {
 constexpr std::size_t MostBuffers = 16;
 } // namespace
 
-std::unique_ptr<char[]> WriteBuffers::take() {
+WriteBuffers::Buffer WriteBuffers::take() {
   {
     std::lock_guard guard(_mutex);
     if (!_free.empty()) {
@@ -22,10 +22,10 @@ std::unique_ptr<char[]> WriteBuffers::take() {
       return nullptr;
     ++_made;
   }
-  return std::make_unique_for_overwrite<char[]>(Size);
+  return Buffer(static_cast<char*>(std::aligned_alloc(Alignment, Size)));
 }
 
-void WriteBuffers::giveBack(std::unique_ptr<char[]> buffer) {
+void WriteBuffers::giveBack(Buffer buffer) {
   std::lock_guard guard(_mutex);
   _free.push_back(std::move(buffer));
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -12,15 +13,22 @@ namespace platform::transfer {
 class WriteBuffers {
 public:
   static constexpr std::size_t Size = 512 * 1024;
+  /// Of the memory; writing past the page cache asks for it.
+  static constexpr std::size_t Alignment = 4096;
+
+  struct Free {
+    void operator()(char* memory) const noexcept { std::free(memory); }
+  };
+  using Buffer = std::unique_ptr<char[], Free>;
 
   /// Null when as many as there may be are in use.
-  std::unique_ptr<char[]> take();
-  void giveBack(std::unique_ptr<char[]> buffer);
+  Buffer take();
+  void giveBack(Buffer buffer);
 
 private:
   std::mutex _mutex;
   std::size_t _made = 0;
-  std::vector<std::unique_ptr<char[]>> _free;
+  std::vector<Buffer> _free;
 };
 
 } // namespace platform::transfer

@@ -1,0 +1,80 @@
+#include "platform/transfer/internal/FileWriting.h"
+
+#include "platform/transfer/internal/WriteBuffers.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace platform::transfer {
+
+namespace {
+// For less the page cache is no detour.
+constexpr std::int64_t LeastDirect = 64LL << 10;
+} // namespace
+
+int writeAll(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset) {
+  while (count > 0) {
+    auto written = ::pwrite(descriptor, bytes, count, offset);
+    if (written < 0 && errno == EINTR)
+      continue;
+    if (written < 0)
+      return errno;
+    if (written == 0)
+      return ENOSPC;
+    bytes += written;
+    offset += written;
+    count -= static_cast<std::size_t>(written);
+  }
+  return 0;
+}
+
+int writeBody(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset) {
+  constexpr auto Block = static_cast<std::int64_t>(WriteBuffers::Alignment);
+  const auto start = offset, end = start + static_cast<std::int64_t>(count);
+  const auto first = (start + Block - 1) / Block * Block, last = end / Block * Block;
+  const auto writeTo = [&](std::int64_t to) {
+    return to <= offset ? 0
+                        : writeAll(descriptor, bytes + (offset - start),
+                                   static_cast<std::size_t>(to - offset), offset);
+  };
+  const auto misplaced =
+      (reinterpret_cast<std::uintptr_t>(bytes) - static_cast<std::uintptr_t>(start)) % Block;
+  if (misplaced == 0 && last - first >= LeastDirect) {
+    if (int failure = writeTo(first))
+      return failure;
+    // A file system that knows only the page cache says so, here or at the writing.
+    if (::fcntl(descriptor, F_SETFL, O_DIRECT) == 0) {
+      const int failure = writeTo(last);
+      ::fcntl(descriptor, F_SETFL, 0);
+      if (failure != 0 && failure != EINVAL)
+        return failure;
+    }
+  }
+  return writeTo(end);
+}
+
+int replaceFile(const std::string& path, const std::string& text) {
+  const auto temporary = path + ".new";
+  int descriptor = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (descriptor < 0)
+    return errno;
+  std::int64_t offset = 0;
+  int failure = writeAll(descriptor, text.data(), text.size(), offset);
+  if (failure == 0 && ::fdatasync(descriptor) != 0)
+    failure = errno;
+  ::close(descriptor);
+  if (failure == 0 && ::rename(temporary.c_str(), path.c_str()) != 0)
+    failure = errno;
+  if (failure != 0)
+    ::unlink(temporary.c_str());
+  return failure;
+}
+
+int removeFile(const std::string& path) {
+  return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
+}
+
+} // namespace platform::transfer
