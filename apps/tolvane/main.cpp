@@ -79,7 +79,7 @@ int run(int argc, char** argv) {
         ->add_option(
             "--jobs", arguments.jobs,
             "most transfers at once: of files and of each quality of a presentation (default 4), and of "
-            "an HLS package (default 8)")
+            "an HLS package (default 12)")
         ->check(CLI::Range(1, 64));
     command->add_option("--progress", arguments.progress, "auto, bar, plain, json or none");
   };

@@ -4,6 +4,7 @@
 
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/FileManager.h"
+#include "platform/foundation/UUID.h"
 #include "platform/transfer/TransferService.h"
 
 #include <cerrno>
@@ -60,7 +61,7 @@ ErrorRef ZRKConnectionDownload::_openFile() {
   _path = wanted;
   _descriptor = ::open(_path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0644);
   if (_descriptor < 0 && errno == EEXIST) {
-    _path = wanted + "-" + ZRKNewUUID();
+    _path = wanted + "-" + newUUIDString();
     _descriptor = ::open(_path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0644);
   }
   if (_descriptor >= 0)

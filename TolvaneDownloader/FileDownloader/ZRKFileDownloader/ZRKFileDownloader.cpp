@@ -12,6 +12,7 @@
 
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/Progress.h"
+#include "platform/foundation/UUID.h"
 #include "platform/transfer/TransferService.h"
 #include "platform/transfer/URLConnection.h"
 
@@ -52,7 +53,7 @@ std::shared_ptr<ZRKFileDownloader>
 ZRKFileDownloader::downloaderWithDelegate(std::weak_ptr<ZRKFileDownloadDelegate> delegate,
                                           std::int64_t maxConcurrentDownloads,
                                           ZRKFileDownloaderEnvironment environment) {
-  auto identifier = environment.bundleIdentifier + ".ZRKFileDownload." + ZRKNewUUID();
+  auto identifier = environment.bundleIdentifier + ".ZRKFileDownload." + newUUIDString();
   return downloaderWithDelegate(std::move(delegate), maxConcurrentDownloads, identifier,
                                 std::move(environment));
 }
@@ -107,7 +108,7 @@ void ZRKFileDownloader::invalidateSessionConfigurationAndCancelTasks(bool cancel
   if (!state.hasSessions)
     return;
   // The new one first, so that what starts meanwhile never meets a closed session.
-  auto identifier = state.environment.bundleIdentifier + "." + ZRKNewUUID();
+  auto identifier = state.environment.bundleIdentifier + "." + newUUIDString();
   ErrorRef error;
   auto fresh = _openSession(identifier, &error);
   std::shared_ptr<URLSession> old;

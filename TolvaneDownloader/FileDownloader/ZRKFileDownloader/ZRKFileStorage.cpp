@@ -5,11 +5,10 @@
 
 #include "platform/foundation/Error.h"
 #include "platform/foundation/FileManager.h"
+#include "platform/foundation/UUID.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <random>
 
 using platform::ErrorRef;
 using platform::FileManager;
@@ -32,17 +31,6 @@ ErrorRef excludeFromBackup(const std::string& directory) {
 }
 
 } // namespace
-
-std::string ZRKNewUUID() {
-  std::random_device random;
-  std::uint32_t parts[4] = {random(), random(), random(), random()};
-  parts[1] = (parts[1] & 0xffff0fffu) | 0x00004000u; // version 4: random
-  parts[2] = (parts[2] & 0x3fffffffu) | 0x80000000u;
-  char text[40];
-  std::snprintf(text, sizeof text, "%08X-%04X-%04X-%04X-%04X%08X", parts[0], parts[1] >> 16,
-                parts[1] & 0xffffu, parts[2] >> 16, parts[2] & 0xffffu, parts[3]);
-  return text;
-}
 
 std::optional<std::string> ZRKFileDownloadFolder(const std::string& directory) {
   auto folder = directory + "/" + FolderName;
@@ -68,7 +56,7 @@ std::optional<URL> ZRKFileDownloader::localFileURLForRemoteURL(const URL& remote
   constexpr std::size_t LongestExtension = 64;
   if (extension.size() > LongestExtension)
     extension.clear();
-  return URL::fileURLWithPath(*folder + "/" + ZRKNewUUID() + "." + extension);
+  return URL::fileURLWithPath(*folder + "/" + platform::newUUIDString() + "." + extension);
 }
 
 std::optional<URL> ZRKTempLocalFileURLForDownloadFromURL(const URL& remoteURL,

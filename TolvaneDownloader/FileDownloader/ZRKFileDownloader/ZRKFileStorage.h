@@ -8,9 +8,6 @@
 
 // Where the file queue puts files, and what it does to put them there. All operations block on the disk.
 
-/// A new random UUID, in capitals.
-std::string ZRKNewUUID();
-
 /// The place for the body of a plain connection: the URL's last path component in the folder "file-download"
 /// of `temporaryDirectory`, which is made when missing. The name never leads out of the folder; a file that
 /// stands there already belongs to another download. Nothing, with a log line, when the folder cannot be

@@ -7,11 +7,10 @@
 #include "halvix/Log.h"
 
 #include "platform/foundation/FileManager.h"
+#include "platform/foundation/UUID.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdint>
-#include <random>
+#include <cctype>
 #include <utility>
 
 namespace halvix {
@@ -21,23 +20,8 @@ namespace {
 constexpr std::string_view tag = "[BaseDownloader]";
 
 std::string randomUuid() {
-  std::random_device source;
-  std::array<std::uint8_t, 16> bytes{};
-  for (std::size_t i = 0; i < bytes.size(); i += 4) {
-    const std::uint32_t word = source();
-    for (std::size_t j = 0; j < 4; ++j)
-      bytes[i + j] = static_cast<std::uint8_t>(word >> (8 * j));
-  }
-  bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0f) | 0x40);
-  bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3f) | 0x80);
-  static constexpr char digits[] = "0123456789abcdef";
-  std::string text;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10)
-      text += '-';
-    text += digits[bytes[i] >> 4];
-    text += digits[bytes[i] & 15];
-  }
+  std::string text = platform::newUUIDString();
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
   return text;
 }
 

@@ -279,7 +279,7 @@ ErrorRef FileManager::moveItemAtPath(const std::string& from, const std::string&
 
 ErrorRef FileManager::syncDirectoriesAtPaths(const std::vector<std::string>& paths) {
   // Syncs that run together share the flushes of the disk; one after the other, each would wait for its own.
-  constexpr std::size_t most = 8;
+  constexpr std::size_t most = 4;
   std::atomic<std::size_t> next{0};
   std::mutex mutex;
   ErrorRef first;

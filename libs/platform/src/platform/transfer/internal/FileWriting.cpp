@@ -53,7 +53,11 @@ int writeBody(int descriptor, const char* bytes, std::size_t count, std::int64_t
         return failure;
     }
   }
-  return writeTo(end);
+  const bool cached = end - offset >= LeastDirect;
+  const int failure = writeTo(end);
+  if (failure == 0 && cached) // what the disk has to do is begun now, not left to the end
+    ::sync_file_range(descriptor, start, end - start, SYNC_FILE_RANGE_WRITE);
+  return failure;
 }
 
 int replaceFile(const std::string& path, const std::string& text) {
