@@ -398,9 +398,9 @@ void AggregateTask::resumeTransfers() {
 }
 
 void AggregateTask::end(const ErrorRef& error) {
-  if (error && _phase == Phase::Fetching) {
+  if (error) {
     const std::lock_guard writing(_writing);
-    if (_mayWrite)
+    if (_mayWrite && _phase == Phase::Fetching)
       checkpoint(true); // the error that is reported is the one that led here
     // One that is cancelled here ends with its session, and comes again with it.
     if (_mayWrite && error->code() != NSURLErrorCancelled)

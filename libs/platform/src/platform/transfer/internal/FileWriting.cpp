@@ -2,7 +2,6 @@
 
 #include "platform/transfer/internal/WriteBuffers.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>

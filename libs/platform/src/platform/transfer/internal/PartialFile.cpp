@@ -114,11 +114,15 @@ int PartialFile::writeThrough(std::int64_t offset, const char* bytes, std::size_
     failure = make();
   if (failure == 0)
     failure = cutOff();
-  auto end = offset;
+  if (failure == 0) {
+    auto end = offset;
+    failure = writeAll(_descriptor, bytes, count, end);
+    wrote(offset, end, failure); // before a disk is full, some of it fits
+  }
   if (failure == 0)
-    failure = wrote(offset, end, writeAll(_descriptor, bytes, count, end));
-  if (end > offset) // before a disk is full, some of it fits
-    _held.add({offset, end});
+    _held.add({offset, offset + static_cast<std::int64_t>(count)});
+  else
+    dropUnwritten();
   return failure;
 }
 

@@ -21,8 +21,8 @@ class PartialStore;
 ///
 /// The network thread gives the bytes. They are collected in large portions of memory, one for each place at
 /// which the body grows; the disk threads write the full ones, in the order in which they became full.
-/// `held` counts what was given, `written` what the file has of it. A body that ends before its first portion
-/// was handed over never becomes a partial file: `finish` writes it where it belongs.
+/// `held` counts what was given, whether or not the file has it already. A body that ends before its first
+/// portion was handed over never becomes a partial file: `finish` writes it where it belongs.
 ///
 /// The file of a body that comes over one connection grows at its end, and its length tells what is written.
 /// Before anything is written beyond a hole the file gets a map, `<name>.map`: a line that is rewritten every
@@ -46,7 +46,6 @@ public:
   std::string path() const; ///< or where it would be
   const std::string& key() const { return _key; }
   const HeldRanges& held() const { return _held; }
-  HeldRanges written() const;
   bool isMapped() const { return _map >= 0; }
   /// Whether all that is held is in memory, to be written by `finish`.
   bool isInMemory() const { return !_onDisk; }
@@ -105,14 +104,17 @@ private:
 
   std::string descriptionPath() const;
   std::string mapPath() const;
+  /// What the file has.
+  HeldRanges written() const;
 
   // For the network thread.
   Portion* portionFor(std::int64_t offset);
   WriteBuffers::Buffer takeBuffer();
   void handOver(Portion portion);
   void dropPortions();
-  void drain();
   int writeThrough(std::int64_t offset, const char* bytes, std::size_t count);
+
+  void drain(); ///< on a disk thread
 
   // With `_io` held.
   int make();
