@@ -299,11 +299,11 @@ TEST_F(SplitTransferTest, GivesEachPieceAConnectionOfItsOwnBesideHTTP2) {
   EXPECT_LE(connections.size(), 5u);
 }
 
-/// What the maps in a directory tell.
+/// What the maps in a directory tell, and the descriptions, which a sync may have brought further.
 HeldRanges mapped(const std::string& partials) {
   HeldRanges held;
   for (const auto& entry : std::filesystem::directory_iterator(partials)) {
-    if (entry.path().extension() != ".map")
+    if (entry.path().extension() != ".map" && entry.path().extension() != ".json")
       continue;
     const auto text = readFile(entry.path());
     for (auto at = text.find("[["); at != std::string::npos; at = text.find('[', at + 1)) {
