@@ -63,40 +63,56 @@ private:
   std::shared_ptr<State> _state = std::make_shared<State>();
 };
 
-/// What each URL holds, asked for all at once; of those that cannot be told `failures` has the reason.
-std::vector<std::optional<halvix::ContentType>> contentTypesOf(Host& host, const DownloadOptions& options,
-                                                               Interruption& interruption,
-                                                               std::vector<std::string>& failures) {
+/// Asks for `count` answers at once and waits for all, but not past an interruption. `ask` is given a
+/// position and what its answer goes to, which may be called from any thread.
+template <class T>
+std::vector<T> gather(std::size_t count, Interruption& interruption,
+                      const std::function<void(std::size_t, std::function<void(T)>)>& ask) {
   struct Gathering {
     std::mutex mutex;
-    std::vector<std::optional<halvix::ContentType>> types;
-    std::vector<std::string> failures;
+    std::vector<T> answers;
     std::size_t missing;
   };
+  if (count == 0)
+    return {};
   auto gathering = std::make_shared<Gathering>();
-  gathering->types.resize(options.urls.size());
-  gathering->failures.resize(options.urls.size());
-  gathering->missing = options.urls.size();
+  gathering->answers.resize(count);
+  gathering->missing = count;
   Answer answer(interruption);
-  for (std::size_t i = 0; i < options.urls.size(); ++i)
-    host.manager().determineContentType(
-        options.urls[i], options.headers,
-        [gathering, i, done = answer.completion()](std::optional<halvix::ContentType> found,
-                                                   const halvix::QVErrorRef& error) {
-          bool last = false;
-          {
-            std::lock_guard lock(gathering->mutex);
-            gathering->types[i] = found;
-            if (!found)
-              gathering->failures[i] = error ? halvix::describeError(error) : "its content cannot be told";
-            last = --gathering->missing == 0;
-          }
-          if (last)
-            done(nullptr);
-        });
+  for (std::size_t i = 0; i < count; ++i)
+    ask(i, [gathering, i, done = answer.completion()](T value) {
+      bool last = false;
+      {
+        std::lock_guard lock(gathering->mutex);
+        gathering->answers[i] = std::move(value);
+        last = --gathering->missing == 0;
+      }
+      if (last)
+        done(nullptr);
+    });
   answer.wait();
-  failures = gathering->failures;
-  return gathering->types;
+  return std::move(gathering->answers);
+}
+
+/// What a URL holds, or why that cannot be told.
+struct Content {
+  std::optional<halvix::ContentType> type;
+  std::string failure;
+};
+
+std::vector<Content> contentsOf(Host& host, const std::vector<std::string>& urls,
+                                const platform::HTTPHeaders& headers, Interruption& interruption) {
+  return gather<Content>(urls.size(), interruption,
+                         [&](std::size_t position, std::function<void(Content)> answer) {
+                           host.manager().determineContentType(
+                               urls[position], headers,
+                               [answer = std::move(answer)](std::optional<halvix::ContentType> found,
+                                                            const halvix::QVErrorRef& error) {
+                                 answer({found, found   ? std::string()
+                                                : error ? halvix::describeError(error)
+                                                        : "its content cannot be told"});
+                               });
+                         });
 }
 
 template <class Rendition, class Tracks>
@@ -238,13 +254,16 @@ void noteOneVariant(const halvix::Tracks& tracks, const halvix::Selection& selec
     std::fprintf(stderr, "tolvane: note: an HLS download always holds a video quality\n");
 }
 
-void prepare(Host& host, const DownloadRef& download, Interruption& interruption) {
-  // A copy of what a live presentation lists at the moment would pass for the whole.
-  download->setRefusesLive(true);
-  Answer answer(interruption);
-  host.manager().prepare(download, answer.completion());
-  answer.wait();
-  printNotices(*download);
+/// Prepares all at once; for each, what kept it from being prepared.
+std::vector<halvix::QVErrorRef> prepare(Host& host, const std::vector<DownloadRef>& downloads,
+                                        Interruption& interruption) {
+  return gather<halvix::QVErrorRef>(
+      downloads.size(), interruption,
+      [&](std::size_t position, std::function<void(halvix::QVErrorRef)> answer) {
+        // A copy of what a live presentation lists at the moment would pass for the whole.
+        downloads[position]->setRefusesLive(true);
+        host.manager().prepare(downloads[position], std::move(answer));
+      });
 }
 
 /// All are looked up before the first is touched, so that a mistyped one changes nothing.
@@ -255,9 +274,9 @@ std::vector<DownloadRef> findAll(Host& host, const std::vector<std::string>& ide
   return downloads;
 }
 
-/// The prepared download of one URL, with its choice made; `isNew` tells whether the library had none.
-DownloadRef prepareNew(Host& host, const std::string& url, halvix::ContentType type,
-                       const DownloadOptions& options, Interruption& interruption, bool& isNew) {
+/// The download of one URL, new to the library or not.
+DownloadRef createDownload(Host& host, const std::string& url, halvix::ContentType type,
+                           const DownloadOptions& options) {
   halvix::PlayerConfiguration configuration;
   configuration.contentUrl = url;
   configuration.contentType = type;
@@ -265,32 +284,27 @@ DownloadRef prepareNew(Host& host, const std::string& url, halvix::ContentType t
   halvix::QVErrorRef error;
   DownloadRef download = host.manager().createDownload(configuration, options.headers, &error);
   require(error);
-  isNew = download->isProvisional();
   if (options.jobs)
     download->setMaximumConcurrentTransfers(*options.jobs);
-
-  try {
-    prepare(host, download, interruption);
-    if (isPlainFile(*download))
-      return download;
-    bool chosenBefore = download->hasSelection();
-    halvix::Selection selection = choose(*download->tracks(), options, chosenBefore);
-    if (!download->tracks()->offersChoice()) {
-      // One stream, such as a media playlist given directly: there is nothing to select.
-    } else if (!chosenBefore) {
-      if (selection.empty())
-        throw SelectionError("nothing is selected; choose something with --video, --audio or --text");
-      require(host.manager().select(download, selection));
-    } else
-      download->addToSelection(selection);
-    if (download->contentType() == halvix::ContentType::hls)
-      noteOneVariant(*download->tracks(), download->selection());
-  } catch (...) {
-    // A download that was only looked at leaves nothing behind; one of the list stays as it is.
-    host.manager().discard(download);
-    throw;
-  }
   return download;
+}
+
+/// Makes the choice of a prepared download.
+void chooseFor(Host& host, const DownloadRef& download, const DownloadOptions& options) {
+  if (isPlainFile(*download))
+    return;
+  bool chosenBefore = download->hasSelection();
+  halvix::Selection selection = choose(*download->tracks(), options, chosenBefore);
+  if (!download->tracks()->offersChoice()) {
+    // One stream, such as a media playlist given directly: there is nothing to select.
+  } else if (!chosenBefore) {
+    if (selection.empty())
+      throw SelectionError("nothing is selected; choose something with --video, --audio or --text");
+    require(host.manager().select(download, selection));
+  } else
+    download->addToSelection(selection);
+  if (download->contentType() == halvix::ContentType::hls)
+    noteOneVariant(*download->tracks(), download->selection());
 }
 
 void checkURLs(const DownloadOptions& options) {
@@ -314,29 +328,54 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
   Host host(library, options.jobs.value_or(0));
 
   int status = statusDone;
-  std::vector<std::string> failures;
-  const auto types = contentTypesOf(host, options, interruption, failures);
-  std::vector<BatchEntry> entries;
+  // What cannot be begun does not keep the others from it.
+  const auto fail = [&](const std::string& url, const std::string& text) {
+    if (alone)
+      throw Failure(text);
+    std::fprintf(stderr, "tolvane: %s: %s\n", oneLine(halvix::urlForDisplay(url)).c_str(),
+                 oneLine(text).c_str());
+    status = statusFailed;
+  };
+  const auto contents = contentsOf(host, options.urls, options.headers, interruption);
+  std::vector<DownloadRef> downloads;
+  std::vector<bool> isNew;
   std::set<std::string> seen;
   for (std::size_t i = 0; i < options.urls.size(); ++i) {
     const std::string& url = options.urls[i];
     if (!seen.insert(url).second)
       continue;
     try {
-      if (!types[i])
-        throw Failure(failures[i]);
-      bool isNew = false;
-      const DownloadRef download = prepareNew(host, url, *types[i], options, interruption, isNew);
-      enlist(download, entries, isNew);
-    } catch (const std::runtime_error& failure) {
-      // One that cannot be begun does not keep the others from it.
-      auto* own = dynamic_cast<const Failure*>(&failure);
-      if (alone || (own && own->status() == statusInterrupted))
-        throw;
-      std::fprintf(stderr, "tolvane: %s: %s\n", oneLine(halvix::urlForDisplay(url)).c_str(),
-                   oneLine(failure.what()).c_str());
-      status = statusFailed;
+      if (!contents[i].type)
+        throw Failure(contents[i].failure);
+      downloads.push_back(createDownload(host, url, *contents[i].type, options));
+      isNew.push_back(downloads.back()->isProvisional());
+    } catch (const Failure& failure) {
+      fail(url, failure.what());
     }
+  }
+
+  std::vector<BatchEntry> entries;
+  std::size_t next = 0; // first one that was not looked at yet
+  try {
+    const auto errors = prepare(host, downloads, interruption);
+    while (next < downloads.size()) {
+      const std::size_t position = next++;
+      const DownloadRef& download = downloads[position];
+      try {
+        require(errors[position]);
+        printNotices(*download);
+        chooseFor(host, download, options);
+        enlist(download, entries, isNew[position]);
+      } catch (const std::runtime_error& failure) {
+        host.manager().discard(download);
+        fail(download->contentUrl(), failure.what());
+      }
+    }
+  } catch (...) {
+    // A download that was only looked at leaves nothing behind; one of the list stays as it is.
+    for (; next < downloads.size(); ++next)
+      host.manager().discard(downloads[next]);
+    throw;
   }
   const int ended = run(host, entries, options.jobs, options.progress, interruption, alone);
   return ended == statusDone ? status : ended;
@@ -359,19 +398,20 @@ int resumeCommand(const std::string& library, const std::vector<std::string>& id
 
   int status = statusDone;
   std::vector<BatchEntry> entries;
-  for (const DownloadRef& download : downloads) {
-    if (jobs)
+  if (jobs)
+    for (const DownloadRef& download : downloads)
       download->setMaximumConcurrentTransfers(*jobs);
-    try {
-      prepare(host, download, interruption);
-      enlist(download, entries);
-    } catch (const Failure& failure) {
-      // One download that fails does not keep the others from going on.
-      if (failure.status() == statusInterrupted)
-        throw;
-      std::fprintf(stderr, "tolvane: %s: %s\n", download->uuid().c_str(), oneLine(failure.what()).c_str());
-      status = statusFailed;
+  const auto errors = prepare(host, downloads, interruption);
+  for (std::size_t i = 0; i < downloads.size(); ++i) {
+    if (!errors[i]) {
+      printNotices(*downloads[i]);
+      enlist(downloads[i], entries);
+      continue;
     }
+    // One download that fails does not keep the others from going on.
+    std::fprintf(stderr, "tolvane: %s: %s\n", downloads[i]->uuid().c_str(),
+                 oneLine(halvix::describeError(errors[i])).c_str());
+    status = statusFailed;
   }
   const int ended = run(host, entries, jobs, progress, interruption, false);
   return ended == statusDone ? status : ended;
