@@ -27,9 +27,10 @@ ErrorRef failure(const std::string& what, const std::string& path, int code = er
   return makePOSIXError(code, "Cannot " + what + " \"" + path + "\"");
 }
 
-void report(ErrorRef* error, ErrorRef value) {
+// Only for who asks: that something is not there is often no failure, and its text is not for free.
+void reportFailure(ErrorRef* error, const char* what, const std::string& path) {
   if (error)
-    *error = std::move(value);
+    *error = failure(what, path);
 }
 
 struct DirectoryCloser {
@@ -209,7 +210,7 @@ bool FileManager::directoryExistsAtPath(const std::string& path) {
 std::optional<FileAttributes> FileManager::attributesOfItemAtPath(const std::string& path, ErrorRef* error) {
   struct stat raw {};
   if (::lstat(path.c_str(), &raw) != 0) {
-    report(error, failure("read attributes of", path));
+    reportFailure(error, "read attributes of", path);
     return std::nullopt;
   }
   FileAttributes attributes;
@@ -228,7 +229,7 @@ std::vector<std::string> FileManager::contentsOfDirectoryAtPath(const std::strin
   std::vector<std::string> names;
   const DirectoryStream directory(::opendir(path.c_str()));
   if (!directory) {
-    report(error, failure("list directory", path));
+    reportFailure(error, "list directory", path);
     return names;
   }
   errno = 0;
@@ -238,7 +239,7 @@ std::vector<std::string> FileManager::contentsOfDirectoryAtPath(const std::strin
     errno = 0;
   }
   if (errno != 0) {
-    report(error, failure("list directory", path));
+    reportFailure(error, "list directory", path);
     names.clear();
   }
   std::sort(names.begin(), names.end());
@@ -326,7 +327,7 @@ std::optional<Data> FileManager::contentsAtPath(const std::string& path, ErrorRe
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat attributes {};
   if (!file || ::fstat(file.get(), &attributes) != 0) {
-    report(error, failure("open", path));
+    reportFailure(error, "open", path);
     return std::nullopt;
   }
   // One byte more than the size, so that the end is seen without growing. The size is only a hint: files of
@@ -340,7 +341,7 @@ std::optional<Data> FileManager::contentsAtPath(const std::string& path, ErrorRe
     if (count < 0 && errno == EINTR)
       continue;
     if (count < 0) {
-      report(error, failure("read", path));
+      reportFailure(error, "read", path);
       return std::nullopt;
     }
     if (count == 0)

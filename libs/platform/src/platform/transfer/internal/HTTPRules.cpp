@@ -132,6 +132,8 @@ Validators validatorsOf(const HTTPHeaders& headers) {
   Validators validators;
   validators.etag = headerValue(headers, "ETag");
   validators.lastModified = headerValue(headers, "Last-Modified");
+  if (validators.hasStrongETag())
+    return validators; // nobody needs a date then
   auto modified = parseDate(validators.lastModified), sent = parseDate(headerValue(headers, "Date"));
   validators.lastModifiedStrong = modified >= 0 && sent >= 0 && sent - modified >= 60;
   return validators;
