@@ -122,6 +122,7 @@ private:
   void askServer(const std::shared_ptr<halvix::Download>& download, PrepareCompletion completion);
   void learnFrom(const platform::HTTPURLResponse& response, halvix::Download& download);
   void place(const std::string& uuid, const std::string& path);
+  void completePlacedSoon();
   void completePlaced();
   bool isRemoved(const std::string& uuid) const;
   void complete(const std::shared_ptr<halvix::Download>& download, const std::string& path);
@@ -139,7 +140,8 @@ private:
   std::map<std::string, std::string> _byRemoteURL; // to the uuid; a URL as the queue writes it
   std::vector<std::string> _interrupted;           // not told yet
   std::vector<std::pair<std::string, std::string>>
-      _placed; // uuids and paths whose directories are not synced
+      _placed;              // uuids and paths whose directories are not synced
+  bool _completing = false; // others are, or their records are being stored
 
   std::atomic<bool> _storing{false};
 };

@@ -145,8 +145,8 @@ void FileDownloader::downloadDidCompleteWithIdentifier(const std::string& token,
   halvix::Utils::removeFolder(folderOf(token)); // removed while its file came into its place
 }
 
-/// Takes note of a file in its place. Its directories have to be synced before anything claims it, and with
-/// them those of all files that come meanwhile.
+/// Takes note of a file in its place. Its directories have to be synced before anything claims it. Those that
+/// come until the records of the ones before are stored go together.
 void FileDownloader::place(const std::string& uuid, const std::string& path) {
   {
     std::lock_guard lock(_fileMutex);
@@ -154,9 +154,13 @@ void FileDownloader::place(const std::string& uuid, const std::string& path) {
     run.placed = true;
     run.ending = run.startAgain = false; // a pause came too late, and with it a start after it
     _placed.emplace_back(uuid, path);
-    if (_placed.size() > 1)
+    if (std::exchange(_completing, true))
       return;
   }
+  completePlacedSoon();
+}
+
+void FileDownloader::completePlacedSoon() {
   platform::SerialQueue::background().async(
       [weak = std::weak_ptr(std::static_pointer_cast<FileDownloader>(shared_from_this()))] {
         if (auto self = weak.lock())
@@ -196,6 +200,12 @@ void FileDownloader::completePlaced() {
       self->withRun(uuid, [](Run& run) { run.placed = false; });
     }
     self->storeItems();
+    {
+      std::lock_guard lock(self->_fileMutex);
+      if (!(self->_completing = !self->_placed.empty()))
+        return;
+    }
+    self->completePlacedSoon();
   });
 }
 
