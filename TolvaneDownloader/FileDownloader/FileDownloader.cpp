@@ -220,11 +220,13 @@ void FileDownloader::learnFrom(const platform::HTTPURLResponse& response, Downlo
   std::string name = halvix::contentFileNameFromResponse(response, download.contentUrl(),
                                                          download.contentType().value_or(ContentType::mp4));
   const auto length = halvix::resourceLength(response);
+  const auto modified = response.lastModifiedSeconds();
   bool whole = false;
   if (length.value_or(0) > 0 && download.state() != DownloadState::success)
     for (const std::string& standing : standingFilesOf(download)) {
       const auto there = FileManager::attributesOfItemAtPath(folderOf(download.uuid()) + "/" + standing);
-      if (!there || there->size != length)
+      if (!there || there->size != length ||
+          there->modifiedSeconds != modified.value_or(there->modifiedSeconds))
         continue;
       whole = true;
       name = standing;
@@ -243,7 +245,10 @@ void FileDownloader::learnName(Download& download) {
   const auto response = queue ? queue->responseForIdentifier(download.uuid()) : nullptr;
   if (!response || response->statusCode() < 200 || response->statusCode() > 299)
     return;
-  withRun(download.uuid(), [](Run& run) { run.named = true; });
+  withRun(download.uuid(), [&response](Run& run) {
+    run.named = true;
+    run.modified = response->lastModifiedSeconds();
+  });
   if (const auto told = halvix::fileNameFromContentDisposition(*response))
     rename(download, halvix::contentFileName(*told, download.contentType().value_or(ContentType::mp4)));
 }

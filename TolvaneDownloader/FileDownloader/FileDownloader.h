@@ -93,6 +93,7 @@ private:
     std::string contentUrl;
     std::int64_t heldBefore = 0; ///< bytes that an earlier run had, until the first progress of this one
     std::chrono::steady_clock::time_point kept; ///< when the record was last marked for its progress
+    std::optional<std::int64_t> modified;       ///< the server's date of the file that is fetched
     bool whole = false;            ///< the file of `fileName` that stands in its place is the server's
     bool named = false;            ///< the response that brings the file was asked for its name
     bool placed = false;           ///< the file is in its place, and its record does not say so yet

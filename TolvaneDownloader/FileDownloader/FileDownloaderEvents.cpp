@@ -139,8 +139,15 @@ bool FileDownloader::isRemoved(const std::string& uuid) const {
 
 void FileDownloader::downloadDidCompleteWithIdentifier(const std::string& token,
                                                        const platform::URL& localFileURL) {
-  if (findDownload(token) && !isRemoved(token))
+  if (findDownload(token) && !isRemoved(token)) {
+    // The server's date: until a record claims the file, it tells which version stands there.
+    std::optional<std::int64_t> modified;
+    withRun(token, [&modified](const Run& run) { modified = run.modified; });
+    if (modified)
+      if (auto error = FileManager::setModifiedSeconds(*modified, localFileURL.path()))
+        halvix::log_e(logTag, error->localizedDescription());
     return place(token, localFileURL.path());
+  }
   halvix::log_e(logTag, "Completed download item not found " + token);
   halvix::Utils::removeFolder(folderOf(token)); // removed while its file came into its place
 }

@@ -51,6 +51,11 @@ void ZRKConnectionDownload::start() {
   _connection->start();
 }
 
+std::shared_ptr<const HTTPURLResponse> ZRKConnectionDownload::response() const {
+  std::lock_guard guard(_responseMutex);
+  return _response;
+}
+
 ErrorRef ZRKConnectionDownload::_openFile() {
   auto place =
       ZRKTempLocalFileURLForDownloadFromURL(_connection->originalRequest().url(), _temporaryDirectory);
@@ -99,7 +104,10 @@ ErrorRef ZRKConnectionDownload::_write(std::string_view bytes) {
 
 void ZRKConnectionDownload::connectionDidReceiveResponse(
     URLConnection&, const std::shared_ptr<const HTTPURLResponse>& response) {
-  _status = response->statusCode();
+  {
+    std::lock_guard guard(_responseMutex);
+    _response = response;
+  }
   _expected = lengthOf(*response);
   _dropFile(); // of an earlier response
   _written = 0;
@@ -154,15 +162,16 @@ void ZRKConnectionDownload::_end(ErrorRef error) {
     path = std::exchange(_path, {});
   if (_descriptor >= 0)
     ::close(std::exchange(_descriptor, -1));
-  _delegateQueue->async(
-      [self = shared_from_this(), status = _status, path = std::move(path), error = std::move(error)] {
-        if (!error) {
-          self->_listener.finished(status, path);
-          ::unlink(path.c_str()); // unless it was moved away
-        }
-        self->_listener.ended(status, error);
-        self->_listener = {};
-      });
+  const auto last = response();
+  _delegateQueue->async([self = shared_from_this(), status = last ? last->statusCode() : 0,
+                         path = std::move(path), error = std::move(error)] {
+    if (!error) {
+      self->_listener.finished(status, path);
+      ::unlink(path.c_str()); // unless it was moved away
+    }
+    self->_listener.ended(status, error);
+    self->_listener = {};
+  });
 }
 
 void ZRKConnectionDownload::_dropFile() {

@@ -42,6 +42,8 @@ public:
   /// Before anybody can stop the connection.
   void listen(ZRKConnectionDownloadListener listener);
   void start();
+  /// The newest head; null before the first.
+  std::shared_ptr<const platform::HTTPURLResponse> response() const;
 
   // Events of the connection, on the writer queue.
   void
@@ -71,8 +73,10 @@ private:
   // For the writer queue.
   int _descriptor = -1;
   std::string _path;
-  int _status = 0;
   platform::ErrorRef _writeFailure;
+
+  mutable std::mutex _responseMutex;
+  std::shared_ptr<const platform::HTTPURLResponse> _response;
 
   std::atomic<std::int64_t> _written{0};
   std::atomic<std::int64_t> _expected{-1};

@@ -118,7 +118,7 @@ public:
   bool hasActiveDownloads() const;
   /// Null when the token is not running. Each call is a sample of the smoothed speed.
   std::shared_ptr<ZRKFileDownloadProgress> downloadProgressForIdentifier(const std::string& token) const;
-  /// The newest response head of a running download; null before the first, and with the older transport.
+  /// The newest response head of a running download; null before the first.
   std::shared_ptr<const platform::HTTPURLResponse> responseForIdentifier(const std::string& token) const;
 
   std::string backgroundSessionIdentifier() const;

@@ -1,5 +1,6 @@
 // What can be asked of the queue, and how fast a download is.
 
+#include "TolvaneDownloader/FileDownloader/ZRKFileDownloader/ZRKConnectionDownload.h"
 #include "TolvaneDownloader/FileDownloader/ZRKFileDownloader/ZRKFileDownloadItem.h"
 #include "TolvaneDownloader/FileDownloader/ZRKFileDownloader/ZRKFileDownloadProgress.h"
 #include "TolvaneDownloader/FileDownloader/ZRKFileDownloader/ZRKFileDownloader.h"
@@ -41,13 +42,19 @@ ZRKFileDownloader::downloadProgressForIdentifier(const std::string& token) const
 
 std::shared_ptr<const HTTPURLResponse>
 ZRKFileDownloader::responseForIdentifier(const std::string& token) const {
-  ItemRef item;
+  State::Active active;
   {
     std::lock_guard guard(_state->mutex);
-    if (auto downloadID = _state->downloadIDForActiveDownloadToken(token))
-      item = _state->item(*downloadID);
+    const auto downloadID = _state->downloadIDForActiveDownloadToken(token);
+    const auto found = downloadID ? _state->activeDownloadsDictionary.find(*downloadID)
+                                  : _state->activeDownloadsDictionary.end();
+    if (found == _state->activeDownloadsDictionary.end())
+      return nullptr;
+    active = found->second;
   }
-  return item && item->sessionDownloadTask() ? item->sessionDownloadTask()->response() : nullptr;
+  if (active.connectionDownload)
+    return active.connectionDownload->response();
+  return active.item->sessionDownloadTask() ? active.item->sessionDownloadTask()->response() : nullptr;
 }
 
 std::shared_ptr<ZRKFileDownloadProgress>

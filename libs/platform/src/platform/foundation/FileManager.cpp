@@ -225,6 +225,12 @@ std::optional<FileAttributes> FileManager::attributesOfItemAtPath(const std::str
   return attributes;
 }
 
+ErrorRef FileManager::setModifiedSeconds(std::int64_t secondsSince1970, const std::string& path) {
+  const timespec times[] = {{0, UTIME_OMIT}, {static_cast<time_t>(secondsSince1970), 0}};
+  return ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0 ? nullptr
+                                                                              : failure("date", path);
+}
+
 std::vector<std::string> FileManager::contentsOfDirectoryAtPath(const std::string& path, ErrorRef* error) {
   std::vector<std::string> names;
   const DirectoryStream directory(::opendir(path.c_str()));

@@ -35,6 +35,8 @@ public:
   /// read.
   static std::optional<FileAttributes> attributesOfItemAtPath(const std::string& path,
                                                               ErrorRef* error = nullptr);
+  /// Sets the date of the last change; not synced.
+  static ErrorRef setModifiedSeconds(std::int64_t secondsSince1970, const std::string& path);
 
   /// Names of the entries of a directory without "." and "..", sorted by bytes; empty with `error` set on
   /// failure.

@@ -1,5 +1,7 @@
 #include "platform/transfer/URLRequest.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
 #include <array>
 
@@ -101,6 +103,12 @@ std::optional<std::string> URLRequest::valueForHTTPHeaderField(std::string_view 
 
 std::optional<std::string> HTTPURLResponse::valueForHTTPHeaderField(std::string_view field) const {
   return valueIn(_headers, field);
+}
+
+std::optional<std::int64_t> HTTPURLResponse::lastModifiedSeconds() const {
+  const auto text = valueForHTTPHeaderField("Last-Modified");
+  const auto date = text ? curl_getdate(text->c_str(), nullptr) : -1;
+  return date < 0 ? std::nullopt : std::optional<std::int64_t>(date);
 }
 
 std::optional<std::string> HTTPURLResponse::localizedStringForStatusCode(int statusCode) {

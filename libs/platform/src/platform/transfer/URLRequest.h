@@ -2,6 +2,7 @@
 
 #include "platform/foundation/URL.h"
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -48,6 +49,8 @@ public:
   int statusCode() const { return _statusCode; }
   const HTTPHeaders& allHeaderFields() const { return _headers; }
   std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
+  /// The date of Last-Modified, in seconds since 1970; nothing without a date that can be read.
+  std::optional<std::int64_t> lastModifiedSeconds() const;
 
   /// The platform's text for a status code ("not found"); nothing when it has none.
   static std::optional<std::string> localizedStringForStatusCode(int statusCode);
