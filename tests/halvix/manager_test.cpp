@@ -10,20 +10,14 @@
 #include "platform/concurrency/Queue.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 
 namespace {
 
 using namespace halvix;
-using support::TemporaryDirectory;
-using testing::ElementsAre;
-using tests::dashMovie;
-using tests::failure;
-using tests::openEnvironment;
-using tests::pictureOnly;
-using tests::ScriptedDownloader;
+using support::TemporaryDirectory, testing::ElementsAre, tests::dashMovie, tests::failure,
+    tests::openEnvironment, tests::pictureOnly, tests::ScriptedDownloader;
 
 /// A plugin that is its only factory.
 class ScriptedPlugin final : public QVPluginProtocol,
@@ -93,7 +87,9 @@ protected:
   ManagerTest() { open(); }
   ~ManagerTest() override { close(); }
 
+  /// As the next process does, once there was one before.
   void open() {
+    close();
     environment = openEnvironment(library.path());
     HostEnvironment::setDefault(environment);
     downloader = std::make_shared<ScriptedDownloader>(environment);
@@ -112,10 +108,6 @@ protected:
     downloader.reset();
     HostEnvironment::setDefault(nullptr);
     environment.reset();
-  }
-  void reopen() {
-    close();
-    open();
   }
 
   std::shared_ptr<Download> create(const std::string& name) {
@@ -272,7 +264,7 @@ TEST_F(ManagerTest, GoesOnWithWhatAnEarlierProcessLeft) {
   auto download = started("movie.mpd");
   EXPECT_EQ(create("movie.mpd"), download);
   download.reset();
-  reopen();
+  open();
 
   download = manager->findDownload("id-m", nullptr);
   ASSERT_TRUE(download);
@@ -288,7 +280,7 @@ TEST_F(ManagerTest, GoesOnWithWhatAnEarlierProcessLeft) {
   EXPECT_FALSE(manager->cancel(download));
   EXPECT_EQ(download->state(), DownloadState::idle);
   download.reset();
-  reopen();
+  open();
 
   download = manager->findDownload("id-movie.mpd", nullptr);
   ASSERT_TRUE(download);

@@ -18,11 +18,8 @@
 namespace {
 
 using namespace halvix;
-using support::readFile;
-using support::TemporaryDirectory;
-using tests::dashMovie;
-using tests::openEnvironment;
-using tests::ScriptedDownloader;
+using support::readFile, support::TemporaryDirectory, tests::dashMovie, tests::openEnvironment,
+    tests::ScriptedDownloader;
 
 DownloadRecord record(const std::string& uuid) {
   DownloadRecord r;
@@ -70,20 +67,18 @@ TEST_F(Records, ComeBackWholeInTheNextProcess) {
   auto download = downloader->findDownload("id-a.mpd");
   ASSERT_TRUE(download);
   EXPECT_EQ(downloader->findDownloadByContentUrl("http://example.test/a.mpd"), download);
-  EXPECT_EQ(download->title(), "Title of a.mpd");
-  EXPECT_EQ(download->contentType(), ContentType::dash);
+  EXPECT_EQ(std::tuple(download->title(), download->contentType(), download->lastErrorText()),
+            std::tuple("Title of a.mpd", ContentType::dash, "no luck"));
   EXPECT_EQ(download->selectedAudioRenditions().at(0).language, "de");
   EXPECT_EQ(*download->resumeData(), (platform::Data{0, 1, 255}));
   EXPECT_EQ(download->localUrl(), library / "scripted/id-a.mpd/manifest.mpd");
   EXPECT_EQ(download->preferredBitrate(), 700'000);
   EXPECT_EQ(download->maximumConcurrentTransfers(), 7);
   EXPECT_EQ(download->fairplayKeyURIs().size(), 2u);
-  EXPECT_EQ(download->lastErrorText(), "no luck");
   EXPECT_EQ(download->progress().downloadedContentSize(), 40);
   const auto headers = downloader->headersForDownload("id-a.mpd");
-  EXPECT_EQ(headers.at("authorization"), "secret");
-  EXPECT_EQ(headers.at("X-Library"), "all");
-  EXPECT_EQ(headers.at("X-Downloader"), "own");
+  EXPECT_EQ(std::tuple(headers.at("authorization"), headers.at("X-Library"), headers.at("X-Downloader")),
+            std::tuple("secret", "all", "own"));
 
   struct stat status = {};
   for (const auto& entry : std::filesystem::directory_iterator(library.path()))

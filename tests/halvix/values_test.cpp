@@ -14,8 +14,7 @@
 namespace {
 
 using namespace halvix;
-using platform::ErrorRef;
-using platform::makeError;
+using platform::ErrorRef, platform::makeError;
 
 const platform::ErrorDomain httpDomain("QVDownloadHTTPErrorDomain");
 const platform::ErrorDomain downloadDomain("QVDownloadErrorDomain");
