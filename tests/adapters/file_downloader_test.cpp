@@ -3,55 +3,49 @@
 #include "TolvaneDownloader/FileDownloader/FileDownloader.h"
 #include "tests/adapters/AdapterFixture.h"
 
-#include "halvix/Download.h"
-#include "halvix/ErrorDescription.h"
 #include "platform/concurrency/Queue.h"
 
 #include <filesystem>
-#include <gtest/gtest.h>
 
 using namespace tests;
-using halvix::ContentType;
-using halvix::Download;
-using halvix::DownloadState;
-using halvix::ErrorType;
+using halvix::ContentType, halvix::Download, halvix::DownloadState, halvix::ErrorType;
 using Events = std::vector<std::string>;
 
 namespace {
 
 constexpr const char* url = "http://host/dir/movie.mp4?k=1";
 
-class FileAdapter : public testing::Test {
+class FileAdapter : public Adapter<FileDownloader> {
 protected:
   void SetUp() override { open(); }
 
+  /// As the next process does.
   void open(int limit = 2) {
-    files.reset();
+    adapter.reset();
     environment.reset();
-    service = std::make_shared<support::ScriptedTransferService>(
-        bodies.path(), support::ScriptedTransferService::Delivery::Pumped);
+    service = std::make_shared<support::ScriptedTransferService>(bodies.path());
     halvix::HostOptions options;
-    options.libraryDirectory = directory.path();
     options.maximumConcurrentFiles = limit;
-    halvix::QVErrorRef error;
-    environment = halvix::HostEnvironment::open(options, &error);
-    ASSERT_TRUE(environment) << halvix::describeError(error);
+    environment = openEnvironment(directory.path(), options);
     environment->setTransferService(service);
-    files = FileDownloader::create(false, {{"X-All", "1"}}, environment);
-    dispatcher = std::make_shared<RecordingDispatcher>();
-    files->setDispatcher(dispatcher);
+    Adapter::open(false);
   }
 
   std::shared_ptr<Download> create(const std::string& address = url) {
-    halvix::QVErrorRef error;
-    auto download = files->createDownload({address, ContentType::mp4, ""}, {{"X-Own", "2"}}, &error);
-    EXPECT_TRUE(download) << halvix::describeError(error);
-    download->keep();
-    return download;
+    return Adapter::create(address, ContentType::mp4);
+  }
+  halvix::QVErrorRef prepare(const std::string& uuid, const std::string& length) {
+    return Adapter::prepare(uuid, [&] {
+      service->dataTasks().back()->answer(200, "", {{"Content-Length", length}});
+      settle();
+    });
+  }
+  std::string folderOf(const Download& download) const {
+    return adapter->downloadPath() + "/" + download.uuid();
   }
   std::shared_ptr<Download> started(const std::string& address = url) {
     auto download = create(address);
-    EXPECT_EQ(files->startDownload(download->uuid(), {}), nullptr);
+    EXPECT_EQ(adapter->startDownload(download->uuid(), {}), nullptr);
     return download;
   }
   std::vector<support::ScriptedTaskRef> live() const {
@@ -61,6 +55,15 @@ protected:
         tasks.push_back(task);
     return tasks;
   }
+  /// Half of each body that is under way arrives; answers the first task.
+  support::ScriptedTaskRef receiveHalf(const platform::HTTPHeaders& headers) const {
+    const auto tasks = live();
+    for (const auto& task : tasks) {
+      task->respond(200, headers);
+      task->write(5, 10);
+    }
+    return tasks.at(0);
+  }
   /// Delivers what is waiting and lets the queues come round.
   void settle() {
     service->run();
@@ -69,11 +72,8 @@ protected:
     platform::MainQueue::shared().sync([] {});
   }
 
-  support::TemporaryDirectory directory, bodies;
+  support::TemporaryDirectory bodies;
   std::shared_ptr<support::ScriptedTransferService> service;
-  std::shared_ptr<halvix::HostEnvironment> environment;
-  std::shared_ptr<FileDownloader> files;
-  std::shared_ptr<RecordingDispatcher> dispatcher;
 };
 
 } // namespace
@@ -86,9 +86,8 @@ TEST_F(FileAdapter, AFileRunsFromStartToItsPlace) {
   EXPECT_EQ(task->taskDescription(), download->uuid());
   EXPECT_EQ(task->request().url().absoluteString(), url);
   EXPECT_EQ(task->request().valueForHTTPHeaderField("X-Own"), "2");
-  EXPECT_EQ(files->activityCount(), 1);
-  task->respond(200);
-  task->write(5, 10);
+  EXPECT_EQ(adapter->activityCount(), 1);
+  receiveHalf({});
   settle();
   EXPECT_EQ(download->state(), DownloadState::running);
   EXPECT_EQ(download->progress().expectedContentSize(), 10);
@@ -98,24 +97,23 @@ TEST_F(FileAdapter, AFileRunsFromStartToItsPlace) {
   EXPECT_EQ(download->state(), DownloadState::success);
   EXPECT_EQ(download->localRelativePath(), download->uuid() + "/movie.mp4");
   EXPECT_EQ(support::readFile(*download->localUrl()), "0123456789");
-  EXPECT_EQ(files->activityCount(), 0);
+  EXPECT_EQ(adapter->activityCount(), 0);
   EXPECT_EQ(dispatcher->events(), (Events{"start", "running", "success", "finished"}));
 
-  EXPECT_EQ(files->startDownload(download->uuid(), {}), nullptr) << "nothing is left to do";
+  EXPECT_EQ(adapter->startDownload(download->uuid(), {}), nullptr) << "nothing is left to do";
   EXPECT_TRUE(live().empty());
-  EXPECT_EQ(files->removeDownload(download->uuid()), nullptr);
-  EXPECT_FALSE(std::filesystem::exists(files->downloadPath() + "/" + download->uuid()));
+  EXPECT_EQ(adapter->removeDownload(download->uuid()), nullptr);
+  EXPECT_FALSE(std::filesystem::exists(folderOf(*download)));
 }
 
 TEST_F(FileAdapter, PauseKeepsWhatToGoOnFromAndIsNoError) {
   auto download = started();
-  live()[0]->respond(200, {{"ETag", "\"e\""}});
-  live()[0]->write(5, 10);
+  receiveHalf({{"ETag", "\"e\""}});
   settle();
-  EXPECT_EQ(files->pauseDownload(download->uuid()), nullptr);
+  EXPECT_EQ(adapter->pauseDownload(download->uuid()), nullptr);
   // Resumed and paused again before the end of the pause is told: the last word counts.
-  EXPECT_EQ(files->resumeDownload(download->uuid()), nullptr);
-  EXPECT_EQ(files->pauseDownload(download->uuid()), nullptr);
+  EXPECT_EQ(adapter->resumeDownload(download->uuid()), nullptr);
+  EXPECT_EQ(adapter->pauseDownload(download->uuid()), nullptr);
   settle();
   EXPECT_EQ(download->state(), DownloadState::paused);
   EXPECT_NE(download->resumeData(), nullptr);
@@ -124,11 +122,11 @@ TEST_F(FileAdapter, PauseKeepsWhatToGoOnFromAndIsNoError) {
     EXPECT_FALSE(event.starts_with("error")) << event;
 
   download->setHeaders({});
-  EXPECT_EQ(files->resumeDownload(download->uuid()), nullptr);
+  EXPECT_EQ(adapter->resumeDownload(download->uuid()), nullptr);
   ASSERT_EQ(live().size(), 1u);
   EXPECT_TRUE(live()[0]->resumeData());
-  EXPECT_EQ(files->pauseDownload(download->uuid()), nullptr);
-  EXPECT_EQ(files->resumeDownload(download->uuid()), nullptr) << "resumed before the pause has ended";
+  EXPECT_EQ(adapter->pauseDownload(download->uuid()), nullptr);
+  EXPECT_EQ(adapter->resumeDownload(download->uuid()), nullptr) << "resumed before the pause has ended";
   settle();
   EXPECT_EQ(download->state(), DownloadState::running);
   ASSERT_EQ(live().size(), 1u);
@@ -141,8 +139,8 @@ TEST_F(FileAdapter, WhatWaitsIsIdleAndCanBePausedAndCancelled) {
        third = started("http://host/3.mp4"), fourth = started("http://host/4.mp4");
   EXPECT_EQ(live().size(), 1u);
   EXPECT_EQ(second->state(), DownloadState::idle);
-  EXPECT_EQ(files->pauseDownload(second->uuid()), nullptr);
-  EXPECT_EQ(files->cancelDownload(third->uuid()), nullptr);
+  EXPECT_EQ(adapter->pauseDownload(second->uuid()), nullptr);
+  EXPECT_EQ(adapter->cancelDownload(third->uuid()), nullptr);
   ASSERT_TRUE(dispatcher->failed.wait());
   settle();
   EXPECT_EQ(second->state(), DownloadState::paused);
@@ -152,17 +150,15 @@ TEST_F(FileAdapter, WhatWaitsIsIdleAndCanBePausedAndCancelled) {
   ASSERT_EQ(live().size(), 1u);
   EXPECT_EQ(live()[0]->taskDescription(), fourth->uuid());
   EXPECT_EQ(fourth->state(), DownloadState::running);
-  EXPECT_NE(files->pauseDownload(second->uuid()), nullptr) << "it is not under way";
-  EXPECT_NE(files->pauseDownload("unknown"), nullptr);
-  EXPECT_NE(files->resumeDownload("unknown"), nullptr);
-  EXPECT_NE(files->removeDownload("unknown"), nullptr);
+  EXPECT_NE(adapter->pauseDownload(second->uuid()), nullptr) << "it is not under way";
+  EXPECT_NE(adapter->pauseDownload("unknown"), nullptr);
+  EXPECT_NE(adapter->resumeDownload("unknown"), nullptr);
+  EXPECT_NE(adapter->removeDownload("unknown"), nullptr);
 }
 
 TEST_F(FileAdapter, AFailureTellsTheReasonAndKeepsItsResumeData) {
   auto download = started();
-  auto task = live()[0];
-  task->respond(200, {{"ETag", "\"e\""}});
-  task->write(5, 10);
+  const auto task = receiveHalf({{"ETag", "\"e\""}});
   const auto data = std::make_shared<const platform::Data>(platform::Data{1, 2, 3});
   task->fail(platform::makeError(
       platform::NSURLErrorDomain, platform::NSURLErrorNetworkConnectionLost,
@@ -176,41 +172,34 @@ TEST_F(FileAdapter, AFailureTellsTheReasonAndKeepsItsResumeData) {
 
 TEST_F(FileAdapter, WhatAnEndedProcessLeftRunningIsReportedOnceAndGoesOn) {
   const std::string uuid = started()->uuid();
-  files->storeItems();
+  adapter->storeItems();
   open();
-  files->reportInterruptedDownloads();
-  auto download = files->findDownload(uuid);
+  adapter->reportInterruptedDownloads();
+  auto download = adapter->findDownload(uuid);
   ASSERT_TRUE(download);
   EXPECT_EQ(download->state(), DownloadState::paused);
   auto error = dispatcher->failed.wait();
   ASSERT_TRUE(error);
   EXPECT_EQ((*error)->type(), ErrorType::download_interrupted);
-  files->reportInterruptedDownloads();
+  adapter->reportInterruptedDownloads();
   EXPECT_EQ(dispatcher->failed.count(), 1u);
-  EXPECT_EQ(files->resumeDownload(uuid), nullptr);
+  EXPECT_EQ(adapter->resumeDownload(uuid), nullptr);
   ASSERT_EQ(live().size(), 1u);
   EXPECT_EQ(live()[0]->request().url().absoluteString(), url);
 }
 
 TEST_F(FileAdapter, AFileInPlaceWithoutARecordOfItsEndCountsWhenTheServerAgrees) {
   const std::string uuid = started()->uuid();
-  files->storeItems();
+  adapter->storeItems();
   open();
   directory.write("FileDownloader/" + uuid + "/Holiday.mp4", "0123456789"); // as the server called it then
-  auto download = files->findDownload(uuid);
+  auto download = adapter->findDownload(uuid);
   for (const char* length : {"11", "10"}) {
-    support::Expectation prepared;
-    files->prepareDownload(uuid, [&](const auto&, const auto& error) {
-      EXPECT_EQ(error, nullptr);
-      prepared.fulfil();
-    });
-    service->dataTasks().back()->answer(200, "", {{"Content-Length", length}});
-    settle();
-    ASSERT_TRUE(prepared.wait());
+    EXPECT_EQ(prepare(uuid, length), nullptr);
     EXPECT_EQ(service->dataTasks().back()->request().HTTPMethod(), "HEAD");
     if (std::string(length) == "11")
       continue;
-    EXPECT_EQ(files->startDownload(uuid, {}), nullptr);
+    EXPECT_EQ(adapter->startDownload(uuid, {}), nullptr);
     EXPECT_TRUE(live().empty());
     settle();
     EXPECT_EQ(download->state(), DownloadState::success);
@@ -221,20 +210,19 @@ TEST_F(FileAdapter, AFileInPlaceWithoutARecordOfItsEndCountsWhenTheServerAgrees)
 TEST_F(FileAdapter, TheNameThatComesWithTheFileIsTakenWithoutAnotherRequest) {
   auto download = started("http://host/get.mp4?id=7"), mine = create("http://host/get.mp4?id=8");
   mine->setTitle("Mine");
-  EXPECT_EQ(files->startDownload(mine->uuid(), {}), nullptr);
+  EXPECT_EQ(adapter->startDownload(mine->uuid(), {}), nullptr);
   // Left by a process that died after it had placed the file, when the server still called it otherwise.
   const std::string folder = "FileDownloader/" + download->uuid() + "/";
   directory.write(folder + "get.mp4", "old");
   directory.write(folder + "get.srt", "somebody's");
-  for (const auto& task : live()) {
-    task->respond(200, {{"Content-Disposition", "attachment; filename=\"../Holiday.mp4\""}});
-    task->write(5, 10);
-  }
+  receiveHalf({{"Content-Disposition", "attachment; filename=\"../Holiday.mp4\""}});
   settle();
   EXPECT_EQ(download->title(), "Holiday.mp4") << "while it is on its way";
   for (const auto& task : live())
     task->finish("0123456789");
   settle();
+  ASSERT_TRUE(dispatcher->recorded().waitUntil(
+      [](const auto& events) { return std::count(events.begin(), events.end(), "finished") == 2; }));
   EXPECT_EQ(download->localRelativePath(), download->uuid() + "/Holiday.mp4");
   EXPECT_EQ(mine->localRelativePath(), mine->uuid() + "/Holiday.mp4");
   EXPECT_EQ(mine->title(), "Mine");
@@ -244,38 +232,31 @@ TEST_F(FileAdapter, TheNameThatComesWithTheFileIsTakenWithoutAnotherRequest) {
 }
 
 TEST_F(FileAdapter, WhatIsRemovedWhileItComesIntoItsPlaceLeavesNothing) {
-  const auto folderOf = [this](const Download& download) {
-    return files->downloadPath() + "/" + download.uuid();
-  };
   // Removed before its file is moved (the end can no longer be stopped), and forgotten only afterwards.
   auto early = started();
   live()[0]->finish("0123456789");
   dispatcher->onProgress = [&, done = false]() mutable {
-    if (std::exchange(done, true))
-      return;
-    EXPECT_EQ(files->removeDownload(early->uuid()), nullptr);
+    if (!std::exchange(done, true)) {
+      EXPECT_EQ(adapter->removeDownload(early->uuid()), nullptr);
+    }
   };
   settle();
   dispatcher->onProgress = nullptr;
   EXPECT_FALSE(std::filesystem::exists(folderOf(*early)));
   EXPECT_NE(early->state(), DownloadState::success);
-  files->forgetDownload(early->uuid());
+  adapter->forgetDownload(early->uuid());
 
   // Found in its place, and removed before anything was ever fetched.
   open();
   const std::string uuid = create()->uuid();
-  files->storeItems();
+  adapter->storeItems();
   directory.write("FileDownloader/" + uuid + "/movie.mp4", "0123456789");
-  auto found = files->findDownload(uuid);
-  support::Expectation prepared;
-  files->prepareDownload(uuid, [&](const auto&, const auto&) { prepared.fulfil(); });
-  service->dataTasks().back()->answer(200, "", {{"Content-Length", "10"}});
-  settle();
-  ASSERT_TRUE(prepared.wait());
+  auto found = adapter->findDownload(uuid);
+  EXPECT_EQ(prepare(uuid, "10"), nullptr);
   platform::MainQueue::shared().sync([&] {
-    EXPECT_EQ(files->startDownload(uuid, {}), nullptr);
+    EXPECT_EQ(adapter->startDownload(uuid, {}), nullptr);
     platform::SerialQueue::background().sync([] {});
-    EXPECT_EQ(files->removeDownload(uuid), nullptr);
+    EXPECT_EQ(adapter->removeDownload(uuid), nullptr);
   });
   settle();
   EXPECT_FALSE(std::filesystem::exists(folderOf(*found)));

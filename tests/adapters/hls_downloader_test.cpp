@@ -3,39 +3,28 @@
 #include "tests/adapters/AdapterFixture.h"
 #include "tests/support/FaultServer.h"
 
-#include "halvix/Download.h"
 #include "halvix/DownloadStore.h"
-#include "halvix/ErrorDescription.h"
-#include "halvix/Log.h"
 #include "platform/assets/AssetPackage.h"
 #include "platform/assets/URLAsset.h"
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/FileManager.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 using namespace tests;
-using halvix::ContentType;
-using halvix::Download;
-using halvix::DownloadState;
-using halvix::ErrorType;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using halvix::ContentType, halvix::Download, halvix::DownloadState, halvix::ErrorType, testing::Contains,
+    testing::ElementsAre, testing::HasSubstr;
 
 namespace {
 
 const std::string master =
-    "#EXTM3U\n"
-    "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"a\",NAME=\"English\",LANGUAGE=\"en\",DEFAULT=YES,AUTOSELECT=YES,"
-    "URI=\"en.m3u8\"\n"
-    "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"a\",NAME=\"Director\",LANGUAGE=\"en\",URI=\"director.m3u8\"\n"
-    "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"a\",NAME=\"Deutsch\",LANGUAGE=\"de-AT\",URI=\"de.m3u8\"\n"
-    "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"a\",NAME=\"Music only\",URI=\"music.m3u8\"\n"
-    "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"s\",NAME=\"Forced\",LANGUAGE=\"en\",FORCED=YES,URI=\"f.m3u8\"\n"
-    "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"s\",NAME=\"English\",LANGUAGE=\"en\",URI=\"t.m3u8\"\n"
-    "#EXT-X-SESSION-KEY:METHOD=SAMPLE-AES,URI=\"skd://1\"\n"
+    R"(#EXTM3U
+#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID="a",NAME="English",LANGUAGE="en",DEFAULT=YES,AUTOSELECT=YES,URI="en.m3u8"
+#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID="a",NAME="Director",LANGUAGE="en",URI="director.m3u8"
+#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID="a",NAME="Deutsch",LANGUAGE="de-AT",URI="de.m3u8"
+#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID="a",NAME="Music only",URI="music.m3u8"
+#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID="s",NAME="Forced",LANGUAGE="en",FORCED=YES,URI="f.m3u8"
+#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID="s",NAME="English",LANGUAGE="en",URI="t.m3u8"
+#EXT-X-SESSION-KEY:METHOD=SAMPLE-AES,URI="skd://1"
+)"
     "#EXT-X-STREAM-INF:BANDWIDTH=2000,RESOLUTION=64x36,AUDIO=\"a\",SUBTITLES=\"s\"\nhi.m3u8\n"
     "#EXT-X-STREAM-INF:BANDWIDTH=1000,RESOLUTION=32x18,AUDIO=\"a\",SUBTITLES=\"s\"\nlo.m3u8\n";
 
@@ -44,19 +33,12 @@ std::string mediaOf(const std::string& name) {
          "-1.ts\n#EXT-X-ENDLIST\n";
 }
 
-class HLSAdapter : public testing::Test {
+class HLSAdapter : public Adapter<HLSDownloader> {
 protected:
   HLSAdapter() {
-    platform::HTTPTransferServiceOptions options;
-    options.directory = directory / "library/transfers";
-    options.retryDelay = std::chrono::milliseconds(1);
     environment = openEnvironment(directory / "library");
-    service = platform::makeHTTPTransferService(options);
+    service = openService(directory / "library/transfers");
     environment->setTransferService(service);
-    halvix::setLogHandler([this](auto, std::string_view tag, std::string_view message) {
-      if (tag == "[HLSDownloader]")
-        log.change([&](auto& lines) { lines.emplace_back(message); });
-    });
     open();
     server.serve("/master.m3u8", {master, "\"m\"", ""});
     for (const std::string name : {"hi", "lo", "en", "director", "de", "music", "f", "t"}) {
@@ -67,32 +49,16 @@ protected:
   }
   ~HLSAdapter() override {
     platform::MainQueue::shared().sync([] {});
-    hls.reset();
+    adapter.reset();
     service->shutdown();
     platform::MainQueue::shared().sync([] {});
-    halvix::setLogHandler(nullptr);
-  }
-
-  void open() {
-    hls = HLSDownloader::create(true, {{"X-All", "1"}}, environment);
-    dispatcher = std::make_shared<RecordingDispatcher>();
-    hls->setDispatcher(dispatcher);
   }
 
   std::shared_ptr<Download> create(const std::string& path = "/master.m3u8") {
-    halvix::QVErrorRef error;
-    auto download =
-        hls->createDownload({server.url(path), ContentType::hls, "A title"}, {{"X-Own", "2"}}, &error);
-    download->keep();
-    return download;
+    return Adapter::create(server.url(path), ContentType::hls, "A title");
   }
   halvix::QVErrorRef prepare(const Download& download) {
-    support::Arrival<halvix::QVErrorRef> answer;
-    hls->prepareDownload(download.uuid(), [&](const auto& prepared, const auto& error) {
-      EXPECT_EQ(prepared == nullptr, error != nullptr);
-      answer.arrive(error);
-    });
-    return answer.wait().value_or(nullptr);
+    return Adapter::prepare(download.uuid(), [] {});
   }
   std::shared_ptr<Download> prepared() {
     auto download = create();
@@ -101,10 +67,8 @@ protected:
     return download;
   }
   [[nodiscard]] bool waitForEvent(const std::string& beginning) {
-    return dispatcher->recorded().waitUntil([&](const auto& events) {
-      return std::any_of(events.begin(), events.end(),
-                         [&](const std::string& event) { return event.starts_with(beginning); });
-    });
+    return dispatcher->recorded().waitUntil(
+        [&](const Lines& events) { return CapturedLog::anyStartsWith(events, beginning); });
   }
   std::vector<std::string> fetched() const {
     std::vector<std::string> names;
@@ -114,13 +78,9 @@ protected:
     return names;
   }
 
-  support::TemporaryDirectory directory;
   support::FaultServer server;
-  std::shared_ptr<halvix::HostEnvironment> environment;
   std::shared_ptr<platform::TransferService> service;
-  support::Watched<std::vector<std::string>> log;
-  std::shared_ptr<HLSDownloader> hls;
-  std::shared_ptr<RecordingDispatcher> dispatcher;
+  const CapturedLog log{"[HLSDownloader]"};
 };
 
 } // namespace
@@ -157,7 +117,7 @@ TEST_F(HLSAdapter, DownloadsWhatIsChosenAndReportsIt) {
   selection.audio = {download->audioTracks()[1].renditions[0], download->audioTracks()[2].renditions[0]};
   selection.text = {download->textTracks()[1]};
   download->setSelection(selection);
-  ASSERT_FALSE(hls->startDownload(download->uuid(), {}));
+  ASSERT_FALSE(adapter->startDownload(download->uuid(), {}));
   ASSERT_TRUE(waitForEvent("finished"));
   EXPECT_THAT(fetched(), testing::UnorderedElementsAre("/lo-0.ts", "/director-0.ts", "/de-0.ts", "/t-0.ts"));
   EXPECT_EQ(download->state(), DownloadState::success);
@@ -170,17 +130,15 @@ TEST_F(HLSAdapter, DownloadsWhatIsChosenAndReportsIt) {
   EXPECT_THAT(log.copy(), Contains(":: uuid " + download->uuid() + " completed."));
   EXPECT_THAT(log.copy(), Contains(HasSubstr(":: uuid " + download->uuid() + " progress 100")));
 
-  ASSERT_FALSE(hls->removeDownload(download->uuid()));
+  ASSERT_FALSE(adapter->removeDownload(download->uuid()));
   EXPECT_FALSE(platform::FileManager::directoryExistsAtPath(*download->localUrl()));
   EXPECT_THAT(log.copy(), Contains(":: uuid " + download->uuid() + " removed."));
-  EXPECT_EQ(hls->removeDownload(download->uuid())->type(), ErrorType::storage_error_while_removing_file);
+  EXPECT_EQ(adapter->removeDownload(download->uuid())->type(), ErrorType::storage_error_while_removing_file);
   EXPECT_THAT(log.copy(), Contains(testing::StartsWith("An error occured deleting the file: ")));
 }
 
 TEST_F(HLSAdapter, EachDownloadHasItsOwnLimitAndItsProgressStored) {
-  support::Fault stall;
-  stall.stallAfter = 0;
-  stall.gate = support::makeGate();
+  const auto stall = support::stallingAfter(0, support::makeGate());
   const auto hi = create("/hi.m3u8"), lo = create("/lo.m3u8");
   for (const auto& download : {hi, lo}) {
     ASSERT_FALSE(prepare(*download));
@@ -189,15 +147,11 @@ TEST_F(HLSAdapter, EachDownloadHasItsOwnLimitAndItsProgressStored) {
   for (const char* path : {"/hi-1.ts", "/lo-1.ts"})
     server.once(path, stall);
   for (const auto& download : {hi, lo})
-    ASSERT_FALSE(hls->startDownload(download->uuid(), {}));
+    ASSERT_FALSE(adapter->startDownload(download->uuid(), {}));
   ASSERT_TRUE(stall.gate->waitUntilReached(2));
   EXPECT_LE(server.peakRequests(), 2u);
   for (const auto& download : {hi, lo})
-    ASSERT_TRUE(log.waitUntil([&](const auto& lines) {
-      return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-        return line.starts_with(":: uuid " + download->uuid() + " progress 50");
-      });
-    }));
+    ASSERT_TRUE(log.waitFor(":: uuid " + download->uuid() + " progress 50"));
   platform::MainQueue::shared().sync([] {});
   for (const auto& record : environment->store()->load("HLSDownloader", nullptr))
     EXPECT_DOUBLE_EQ(record.downloadedContentDuration, 4) << record.uuid;
@@ -207,33 +161,29 @@ TEST_F(HLSAdapter, EachDownloadHasItsOwnLimitAndItsProgressStored) {
 }
 
 TEST_F(HLSAdapter, PausesResumesAndCancels) {
-  support::Fault stall;
-  stall.stallAfter = 100;
-  stall.gate = support::makeGate();
+  const auto stall = support::stallingAfter(100, support::makeGate());
   server.once("/hi-1.ts", stall);
   const auto download = prepared();
-  ASSERT_FALSE(hls->startDownload(download->uuid(), {}));
+  ASSERT_FALSE(adapter->startDownload(download->uuid(), {}));
   ASSERT_TRUE(stall.gate->waitUntilReached());
-  ASSERT_FALSE(hls->pauseDownload(download->uuid()));
+  ASSERT_FALSE(adapter->pauseDownload(download->uuid()));
   EXPECT_EQ(download->state(), DownloadState::paused);
   stall.gate->open();
   server.once("/hi-1.ts", stall);
-  ASSERT_FALSE(hls->resumeDownload(download->uuid()));
+  ASSERT_FALSE(adapter->resumeDownload(download->uuid()));
   ASSERT_TRUE(waitForEvent("finished"));
 
   const auto second = create("/hi.m3u8");
   ASSERT_FALSE(prepare(*second));
-  support::Fault held;
-  held.stallAfter = 100;
-  held.gate = support::makeGate();
+  const auto held = support::stallingAfter(100, support::makeGate());
   server.once("/hi-0.ts", held);
-  ASSERT_FALSE(hls->startDownload(second->uuid(), {}));
+  ASSERT_FALSE(adapter->startDownload(second->uuid(), {}));
   ASSERT_TRUE(held.gate->waitUntilReached());
-  ASSERT_FALSE(hls->cancelDownload(second->uuid()));
+  ASSERT_FALSE(adapter->cancelDownload(second->uuid()));
   ASSERT_TRUE(waitForEvent("error"));
   EXPECT_EQ(second->state(), DownloadState::failed);
-  for (const auto& error : {hls->pauseDownload(second->uuid()), hls->resumeDownload(second->uuid()),
-                            hls->cancelDownload("unknown"), hls->startDownload("unknown", {})}) {
+  for (const auto& error : {adapter->pauseDownload(second->uuid()), adapter->resumeDownload(second->uuid()),
+                            adapter->cancelDownload("unknown"), adapter->startDownload("unknown", {})}) {
     ASSERT_TRUE(error);
     EXPECT_EQ(error->type(), ErrorType::downloader_id_not_found);
   }
@@ -246,7 +196,7 @@ TEST_F(HLSAdapter, RefusesWhatItCannotPrepare) {
   ASSERT_TRUE(refusal);
   EXPECT_EQ(refusal->message(), "There's already a download request for url " + server.url("/master.m3u8") +
                                     ". Aborting request");
-  EXPECT_EQ(hls->startDownload(again->uuid(), {})->type(), ErrorType::downloader_id_not_found)
+  EXPECT_EQ(adapter->startDownload(again->uuid(), {})->type(), ErrorType::downloader_id_not_found)
       << "what was not prepared is not started";
   const auto missing = prepare(*create("/none.m3u8"));
   ASSERT_TRUE(missing);
@@ -258,10 +208,10 @@ TEST_F(HLSAdapter, WhatAnEarlierProcessLeftUnfinishedHasFailed) {
   unfinished->setState(DownloadState::running);
   const auto done = create("/hi.m3u8");
   done->setState(DownloadState::success);
-  ASSERT_FALSE(hls->storeItems());
+  ASSERT_FALSE(adapter->storeItems());
   open();
-  ASSERT_TRUE(log.waitUntil([&](const auto& lines) { return !lines.empty(); }));
-  EXPECT_EQ(hls->findDownload(unfinished->uuid())->lastError()->type(), ErrorType::download_interrupted);
-  EXPECT_EQ(hls->findDownload(unfinished->uuid())->state(), DownloadState::failed);
-  EXPECT_EQ(hls->findDownload(done->uuid())->state(), DownloadState::success);
+  ASSERT_TRUE(log.waitFor(""));
+  EXPECT_EQ(adapter->findDownload(unfinished->uuid())->lastError()->type(), ErrorType::download_interrupted);
+  EXPECT_EQ(adapter->findDownload(unfinished->uuid())->state(), DownloadState::failed);
+  EXPECT_EQ(adapter->findDownload(done->uuid())->state(), DownloadState::success);
 }

@@ -1,23 +1,15 @@
 #include "TolvaneDownloader/HLSDownloader/HLSPlaylistDownloader.h"
 
-#include "halvix/Log.h"
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/URL.h"
-#include "platform/transfer/TransferService.h"
-#include "tests/support/Expectation.h"
+#include "tests/adapters/AdapterFixture.h"
 #include "tests/support/FaultServer.h"
-#include "tests/support/TemporaryDirectory.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <fstream>
 
 namespace {
 
-using Lines = std::vector<std::string>;
-using testing::ElementsAre;
-using testing::UnorderedElementsAre;
+using testing::ElementsAre, testing::UnorderedElementsAre;
 
 struct Answer {
   std::shared_ptr<const HLSPlaylist> playlist;
@@ -27,19 +19,8 @@ struct Answer {
 
 class HLSPlaylistDownloaderTest : public testing::Test {
 protected:
-  HLSPlaylistDownloaderTest() {
-    platform::HTTPTransferServiceOptions options;
-    options.directory = directory / "transfers";
-    options.retryDelay = std::chrono::milliseconds(1);
-    service = platform::makeHTTPTransferService(options);
-    platform::TransferService::setDefaultService(service);
-    halvix::setLogHandler([this](auto, std::string_view tag, std::string_view message) {
-      if (tag == "[HLSPlaylistDownloader]")
-        log.change([&](Lines& lines) { lines.emplace_back(message); });
-    });
-  }
+  HLSPlaylistDownloaderTest() { platform::TransferService::setDefaultService(service); }
   ~HLSPlaylistDownloaderTest() override {
-    halvix::setLogHandler(nullptr);
     platform::TransferService::setDefaultService(nullptr);
     service->shutdown();
   }
@@ -62,8 +43,8 @@ protected:
 
   support::TemporaryDirectory directory;
   support::FaultServer server;
-  std::shared_ptr<platform::TransferService> service;
-  support::Watched<Lines> log;
+  const std::shared_ptr<platform::TransferService> service = tests::openService(directory / "transfers");
+  const tests::CapturedLog log{"[HLSPlaylistDownloader]"};
 };
 
 TEST_F(HLSPlaylistDownloaderTest, SummarisesBothKinds) {

@@ -1,3 +1,4 @@
+#include "TolvaneDownloader/DASHDownloader/DashDownloader.h"
 #include "TolvaneDownloader/DASHDownloader/DashDownloaderFactory.h"
 #include "TolvaneDownloader/DownloaderPlugin.h"
 #include "TolvaneDownloader/FileDownloader/FileDownloader.h"

@@ -1,5 +1,6 @@
 #include "tests/app/Program.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -31,13 +32,44 @@ ProgramResult runProgram(std::vector<std::string> arguments) {
 }
 
 ProgramResult runToEnd(const std::vector<std::string>& command) {
-  TemporaryDirectory scratch;
-  tolvane::Process process(command, scratch.path() + "/out", scratch.path() + "/err");
-  ProgramResult result;
-  result.status = process.wait();
-  result.out = readFile(scratch.path() + "/out");
-  result.err = readFile(scratch.path() + "/err");
-  return result;
+  const TemporaryDirectory scratch;
+  const int status = tolvane::Process(command, scratch / "out", scratch / "err").wait();
+  return {status, readFile(scratch / "out"), readFile(scratch / "err")};
+}
+
+std::vector<nlohmann::json> listedQualities(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), "resources");
+  arguments.push_back("--json");
+  const ProgramResult result = runProgram(arguments);
+  EXPECT_TRUE(endedWell(result));
+  std::vector<nlohmann::json> qualities;
+  const nlohmann::json told = nlohmann::json::parse(result.out);
+  for (const auto& track : told["movies"][0]["tracks"])
+    qualities.insert(qualities.end(), track["qualities"].begin(), track["qualities"].end());
+  return qualities;
+}
+
+testing::AssertionResult endedWell(const ProgramResult& result) {
+  return (result.status == 0 ? testing::AssertionSuccess() : testing::AssertionFailure())
+         << "status " << result.status << "\n"
+         << result.out << result.err;
+}
+
+testing::AssertionResult refused(const ProgramResult& result, const std::vector<std::string>& words,
+                                 int status) {
+  if (result.status != status || !result.err.starts_with("tolvane: ") ||
+      std::count(result.err.begin(), result.err.end(), '\n') != 1)
+    return testing::AssertionFailure() << "status " << result.status << ", wrote: " << result.err;
+  for (const std::string& word : words)
+    if (result.err.find(word) == std::string::npos)
+      return testing::AssertionFailure() << "wanted '" << word << "' in: " << result.err;
+  return testing::AssertionSuccess();
+}
+
+std::string dashManifest(const std::string& segments, int seconds, const std::string& attributes) {
+  return "<MPD mediaPresentationDuration=\"PT" + std::to_string(seconds) +
+         "S\"><Period><AdaptationSet mimeType=\"video/mp4\"><Representation id=\"v\" " + attributes + ">" +
+         segments + "</Representation></AdaptationSet></Period></MPD>";
 }
 
 ProgramResult ProgramFixture::run(std::vector<std::string> arguments) const {
@@ -53,6 +85,15 @@ std::unique_ptr<tolvane::Process> ProgramFixture::start(std::vector<std::string>
 
 nlohmann::json ProgramFixture::list() const {
   return nlohmann::json::parse(run({"list", "--json"}).out);
+}
+
+bool ProgramFixture::holdsPartial(std::size_t bytes, bool described) const {
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator(library() + "/transfers/partials", ignored))
+    if (entry.path().extension() == ".part" && entry.file_size(ignored) >= bytes &&
+        (!described || fs::exists(fs::path(entry.path()).replace_extension(".json"))))
+      return true;
+  return false;
 }
 
 std::string ProgramFixture::downloadDirectory() const {

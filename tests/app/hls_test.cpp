@@ -9,13 +9,10 @@
 #include <csignal>
 #include <filesystem>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace fs = std::filesystem;
 using namespace support;
-using nlohmann::json;
-using testing::HasSubstr;
-using testing::IsEmpty;
+using nlohmann::json, testing::HasSubstr, testing::IsEmpty;
 
 namespace {
 
@@ -35,11 +32,7 @@ std::multiset<std::string> mediaBelow(const fs::path& directory) {
   return contents;
 }
 
-class HLS : public ProgramFixture, public testing::Test {
-protected:
-  std::string packagePath() const { return list()[0]["localPath"]; }
-  std::vector<std::string> idOf() const { return {list()[0]["id"].get<std::string>()}; }
-};
+class HLS : public ProgramFixture, public testing::Test {};
 
 class HLSForms : public HLS, public testing::WithParamInterface<HLSForm> {
 protected:
@@ -51,7 +44,7 @@ protected:
   bool hasGroups() const { return GetParam() == HLSForm::FragmentedWithGroups; }
 
   void expectWholePackage() {
-    const std::string package = packagePath();
+    const std::string package = localPath();
     EXPECT_GT(decodedSeconds(package + "/master.m3u8", hasGroups()
                                                            ? std::vector<std::string>{"v", "a:0", "a:1"}
                                                            : std::vector<std::string>{"v", "a"}),
@@ -76,8 +69,7 @@ protected:
                    directory.path());
         EXPECT_THAT(readFile(text), testing::ContainsRegex("(en|de) 2")) << name;
       }
-    const ProgramResult verified = run({"verify", idOf()[0]});
-    EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
+    EXPECT_TRUE(succeeds({"verify", identifier()}));
   }
 
   HLSMedia media;
@@ -111,18 +103,18 @@ TEST_P(HLSForms, PlaysWithoutTheServer) {
       listed.insert(withoutSize(resource["path"]));
 
     ProgramResult result = run({"download", url, "--progress", "plain"});
-    ASSERT_EQ(result.status, 0) << result.err;
+    ASSERT_TRUE(endedWell(result));
     EXPECT_THAT(result.out, HasSubstr("100% of"));
-    for (const std::string& name : filesBelow(packagePath()))
+    for (const std::string& name : filesBelow(localPath()))
       files.insert(withoutSize(name));
     EXPECT_TRUE(std::includes(files.begin(), files.end(), listed.begin(), listed.end()))
         << testing::PrintToString(listed) << testing::PrintToString(files);
 
     // What is chosen later is added to what is there.
     const std::size_t before = nginx.accessLog().size();
-    result = run(std::vector<std::string>{"download", url, "--progress", "none"} +
+    result = run(std::vector<std::string>{"download", url} +
                  (hasGroups() ? everything : std::vector<std::string>{}));
-    ASSERT_EQ(result.status, 0) << result.err;
+    ASSERT_TRUE(endedWell(result));
     const auto log = nginx.accessLog();
     for (std::size_t i = before; i < log.size(); ++i)
       EXPECT_EQ(log[i].uri.find("/180/segment"), std::string::npos) << log[i].uri << " was there already";
@@ -139,18 +131,15 @@ TEST_P(HLSForms, AKilledDownloadGoesOnInAnotherProcess) {
       stalled = "/" + name;
   }
   ASSERT_FALSE(stalled.empty());
-  Fault stall = stallingAfter(500, makeGate());
-  server.once(stalled, stall);
+  server.once(stalled, stallingAfter(500, gate));
   const auto first = start(std::vector<std::string>{"download", server.url("/" + media.master)} +
                            (hasGroups() ? everything : std::vector<std::string>{}));
-  ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "err");
-  first->signal(SIGKILL);
-  first->wait();
-  stall.gate->open();
-  EXPECT_EQ(run({"verify", idOf()[0]}).status, 1) << "it claims nothing that it does not hold";
-  const ProgramResult result = run({"resume", "--all", "--progress", "none"});
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(list()[0]["state"], "success");
+  ASSERT_TRUE(gate->waitUntilReached()) << errors();
+  end(*first, SIGKILL);
+  gate->open();
+  EXPECT_EQ(run({"verify", identifier()}).status, 1) << "it claims nothing that it does not hold";
+  ASSERT_TRUE(succeeds({"resume", "--all"}));
+  EXPECT_EQ(state(), "success");
   expectWholePackage();
 }
 
@@ -163,18 +152,14 @@ TEST_F(HLS, SelectorsChooseTheVariantAndTheRenditions) {
   const HLSMedia media = makeHLSMedia(HLSForm::FragmentedWithGroups);
   NginxServer nginx(media.directory);
   const std::string url = nginx.url("/" + media.master);
-  ProgramResult result =
-      run({"download", url, "--video", "100p", "--audio", "de", "--text", "en", "--progress", "none"});
-  ASSERT_EQ(result.status, 0) << result.err;
+  ASSERT_TRUE(succeeds({"download", url, "--video", "100p", "--audio", "de", "--text", "en"}));
   std::set<std::string> folders;
   for (const AccessLogEntry& entry : nginx.accessLog())
     if (const auto slash = entry.uri.rfind('/'); slash > 0)
       folders.insert(entry.uri.substr(0, slash));
   EXPECT_EQ(folders, (std::set<std::string>{"/90", "/de", "/text-en"}));
-  result = run({"download", url, "--audio", "fr", "--progress", "none"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("fr"));
-  EXPECT_EQ(run({"remove", idOf()[0]}).status, 0);
+  EXPECT_TRUE(refused(run({"download", url, "--audio", "fr"}), {"fr"}));
+  EXPECT_TRUE(succeeds({"remove", identifier()}));
   EXPECT_EQ(list().size(), 0u);
   EXPECT_THAT(filesBelow(library() + "/HLSDownloader"), IsEmpty());
 }
@@ -184,19 +169,18 @@ TEST_F(HLS, AMediaPlaylistGivenDirectly) {
   NginxServer nginx(media.directory);
   const std::string url = nginx.url("/90/media.m3u8");
   EXPECT_EQ(runProgram({"inspect", url}).status, 0);
-  const ProgramResult result = run({"download", url, "--progress", "none"});
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_GT(decodedSeconds(packagePath() + "/master.m3u8", {"v", "a"}), 3.4);
+  ASSERT_TRUE(succeeds({"download", url}));
+  EXPECT_GT(decodedSeconds(localPath() + "/master.m3u8", {"v", "a"}), 3.4);
 
-  const std::string damaged = packagePath();
+  const std::string damaged = localPath();
   for (const std::string& name : filesBelow(damaged))
     if (name.ends_with(".ts"))
       fs::resize_file(damaged + "/" + name, 10);
-  ProgramResult verified = run({"verify", idOf()[0]});
+  ProgramResult verified = run({"verify", identifier()});
   EXPECT_EQ(verified.status, 1);
   EXPECT_THAT(verified.out, HasSubstr("NOT whole"));
-  EXPECT_EQ(run({"download", url, "--progress", "none"}).status, 0) << "fetches again what is damaged";
-  EXPECT_EQ(run({"verify", idOf()[0]}).status, 0);
+  EXPECT_TRUE(succeeds({"download", url})) << "fetches again what is damaged";
+  EXPECT_TRUE(succeeds({"verify", identifier()}));
 }
 
 TEST_F(HLS, AProtectedOriginSeesTheHeadersOnEveryRequest) {
@@ -211,23 +195,18 @@ TEST_F(HLS, AProtectedOriginSeesTheHeadersOnEveryRequest) {
   protect("/a.ts", "aaaa");
   const std::string url = server.url("/m.m3u8"), header = "Authorization: Bearer t";
   EXPECT_EQ(runProgram({"inspect", url}).status, 1);
-  for (const char* command : {"inspect", "resources"}) {
-    const ProgramResult result = runProgram({command, url, "--header", header});
-    EXPECT_EQ(result.status, 0) << command << result.err;
-  }
-  const ProgramResult result = run({"download", url, "--header", header, "--progress", "none"});
-  EXPECT_EQ(result.status, 0) << result.err;
+  for (const char* command : {"inspect", "resources"})
+    EXPECT_TRUE(endedWell(runProgram({command, url, "--header", header}))) << command;
+  EXPECT_TRUE(succeeds({"download", url, "--header", header}));
 }
 
 TEST_F(HLS, AnInterruptedDownloadIsPaused) {
   server.serve("/m.m3u8", {"#EXTM3U\n#EXT-X-TARGETDURATION:4\n#EXTINF:4,\n/a.ts\n#EXT-X-ENDLIST\n", "", ""});
-  Fault stall = stallingAfter(100, makeGate());
-  server.serve("/a.ts", {std::string(100'000, 'a'), "\"a\"", ""}, stall);
+  server.serve("/a.ts", {std::string(100'000, 'a'), "\"a\"", ""}, stallingAfter(100, gate));
   const auto program = start({"download", server.url("/m.m3u8")});
-  ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "err");
-  program->signal(SIGINT);
-  EXPECT_EQ(program->wait(), 130);
-  EXPECT_EQ(list()[0]["state"], "paused");
+  ASSERT_TRUE(gate->waitUntilReached()) << errors();
+  EXPECT_EQ(end(*program, SIGINT), 130);
+  EXPECT_EQ(state(), "paused");
   EXPECT_EQ(list()[0]["error"], json());
 }
 
@@ -254,20 +233,14 @@ TEST_F(HLS, BadInputGetsOneClearErrorAndLeavesNothing) {
   };
   for (const Row& row : rows) {
     server.serve(row.path, {row.text, "", "", "application/vnd.apple.mpegurl"});
-    const ProgramResult result = run({"download", server.url(row.path), "--progress", "none"});
-    EXPECT_EQ(result.status, 1) << row.path;
-    EXPECT_THAT(result.err, HasSubstr(row.says)) << row.path;
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    const ProgramResult result = run({"download", server.url(row.path)});
+    EXPECT_TRUE(refused(result, {row.says})) << row.path;
     EXPECT_EQ(list().size(), row.keeps ? 1u : 0u) << row.path << ": " << result.err;
-    if (row.keeps) {
-      EXPECT_EQ(run({"remove", idOf()[0]}).status, 0);
-    }
+    EXPECT_TRUE(!row.keeps || succeeds({"remove", identifier()}));
     EXPECT_THAT(filesBelow(library() + "/HLSDownloader"), IsEmpty()) << row.path;
   }
   const std::string unnamed = directory / "playlist";
   writeFile(unnamed, head + segment + end);
   EXPECT_EQ(runProgram({"inspect", unnamed}).status, 0) << "known by how it begins";
-  const ProgramResult local = runProgram({"inspect", directory / "missing.m3u8"});
-  EXPECT_EQ(local.status, 1);
-  EXPECT_THAT(local.err, HasSubstr("missing.m3u8"));
+  EXPECT_TRUE(refused(runProgram({"inspect", directory / "missing.m3u8"}), {"missing.m3u8"}));
 }

@@ -5,8 +5,6 @@
 
 #include <array>
 #include <csignal>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -87,19 +85,6 @@ protected:
   std::vector<std::string> command() const {
     return {programPath(), "download", server.url("/movie.mp4"), "--library", library()};
   }
-  std::string state() const {
-    const auto all = list();
-    return all.empty() ? "" : all[0]["state"].get<std::string>();
-  }
-  /// What the server sent may still be on its way to the program, which then has nothing to go on from.
-  bool holdsBytes() const {
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(library() + "/transfers/partials", ignored))
-      if (entry.path().extension() == ".part" && entry.file_size(ignored) > 0)
-        return true;
-    return false;
-  }
-  GateRef gate = makeGate();
 };
 
 } // namespace
@@ -107,7 +92,8 @@ protected:
 TEST_F(Keys, PauseResumeAndQuitAndTheTerminalIsAsItWas) {
   Terminal terminal(command());
   ASSERT_TRUE(gate->waitUntilReached(1));
-  ASSERT_TRUE(eventually([&] { return terminal.takesKeysAtOnce() && holdsBytes(); }));
+  // What the server sent may still be on its way to the program, which then has nothing to go on from.
+  ASSERT_TRUE(eventually([&] { return terminal.takesKeysAtOnce() && holdsPartial(1, false); }));
   terminal.press('p');
   ASSERT_TRUE(eventually([&] { return state() == "paused"; }));
   EXPECT_EQ(server.requests("/movie.mp4").size(), 1u);

@@ -5,11 +5,9 @@
 
 #include <csignal>
 #include <filesystem>
-#include <gtest/gtest.h>
 
 using namespace support;
-using nlohmann::json;
-using tolvane::Process;
+using nlohmann::json, tolvane::Process;
 
 namespace {
 
@@ -24,16 +22,13 @@ protected:
                              "\"e" + std::to_string(i) + "\"", ""});
       list += "<SegmentURL media=\"" + std::to_string(i) + ".m4s\"/>";
     }
-    server.serve("/movie.mpd", {"<MPD mediaPresentationDuration=\"PT40S\"><Period><AdaptationSet "
-                                "mimeType=\"video/mp4\"><Representation "
-                                "id=\"v\" bandwidth=\"160000\" height=\"36\"><SegmentList>" +
-                                    list + "</SegmentList></Representation></AdaptationSet></Period></MPD>",
-                                "", "", "application/dash+xml"});
+    server.serve("/movie.mpd", dashEntity(dashManifest("<SegmentList>" + list + "</SegmentList>", 40,
+                                                       "bandwidth=\"160000\" height=\"36\"")));
   }
   static std::string path(int i) { return "/" + std::to_string(i) + ".m4s"; }
 
   /// Starts a download that stands still half-way through segment 20, and waits until it does.
-  std::unique_ptr<Process> startAndHold(GateRef gate) {
+  std::unique_ptr<Process> startAndHold() {
     server.once(path(20), stallingAfter(10'000, gate));
     auto process = start({"download", server.url("/movie.mpd"), "--title", "A movie"});
     EXPECT_TRUE(gate->waitUntilReached());
@@ -46,24 +41,19 @@ protected:
   void expectWhole() {
     for (int i = 0; i < segments; ++i)
       EXPECT_EQ(readFile(downloadDirectory() + path(i)).size(), 20'000 + std::to_string(i).size()) << i;
-    EXPECT_EQ(list()[0]["state"], "success");
+    EXPECT_EQ(state(), "success");
   }
-
-  std::string identifier() const { return list()[0]["id"].get<std::string>(); }
 };
 
 } // namespace
 
 TEST_F(Library, AnInterruptKeepsEverythingAndResumeGoesOn) {
-  auto gate = makeGate();
-  auto process = startAndHold(gate);
-  process->signal(SIGINT);
-  EXPECT_EQ(process->wait(), 130) << readFile(directory / "err");
-  EXPECT_EQ(list()[0]["state"], "paused");
+  auto process = startAndHold();
+  EXPECT_EQ(end(*process, SIGINT), 130) << errors();
+  EXPECT_EQ(state(), "paused");
   EXPECT_EQ(list()[0]["title"], "A movie");
 
-  ProgramResult resumed = run({"resume", identifier().substr(0, 20), "--progress", "none"});
-  EXPECT_EQ(resumed.status, 0) << resumed.err;
+  EXPECT_TRUE(succeeds({"resume", identifier().substr(0, 20)}));
   expectWhole();
   // The other lanes may have been busy with the last segments when the signal came.
   int repeated = 0;
@@ -75,59 +65,50 @@ TEST_F(Library, AnInterruptKeepsEverythingAndResumeGoesOn) {
 }
 
 TEST_F(Library, AKilledDownloadIsListedAsInterruptedAndAdoptsWhatItHas) {
-  auto gate = makeGate();
-  auto process = startAndHold(gate);
+  auto process = startAndHold();
 
-  ProgramResult second = run({"download", server.url("/movie.mpd")});
-  EXPECT_EQ(second.status, 1);
-  EXPECT_NE(second.err.find("process"), std::string::npos) << second.err;
-  EXPECT_EQ(list()[0]["state"], "running") << "listing works beside a writer";
+  EXPECT_TRUE(refused(run({"download", server.url("/movie.mpd")}), {"process"}));
+  EXPECT_EQ(state(), "running") << "listing works beside a writer";
 
-  process->signal(SIGKILL);
-  process->wait();
+  end(*process, SIGKILL);
   EXPECT_NE(run({"list"}).out.find("interrupted"), std::string::npos);
   EXPECT_EQ(run({"verify", identifier()}).status, 1);
 
-  ProgramResult resumed = run({"resume", "--all", "--progress", "none"});
-  EXPECT_EQ(resumed.status, 0) << resumed.err;
+  EXPECT_TRUE(succeeds({"resume", "--all"}));
   expectWhole();
-  EXPECT_EQ(run({"verify", identifier()}).status, 0);
+  EXPECT_TRUE(succeeds({"verify", identifier()}));
   EXPECT_NE(run({"resume", "--all"}).out.find("nothing to resume"), std::string::npos);
 }
 
 TEST_F(Library, CancelKeepsFilesAndRemoveDeletesThem) {
-  auto gate = makeGate();
-  auto process = startAndHold(gate);
-  process->signal(SIGTERM);
-  EXPECT_EQ(process->wait(), 130);
+  auto process = startAndHold();
+  EXPECT_EQ(end(*process, SIGTERM), 130);
 
   std::string id = identifier();
-  EXPECT_EQ(run({"cancel", id}).status, 0);
-  EXPECT_EQ(list()[0]["state"], "idle");
+  EXPECT_TRUE(succeeds({"cancel", id}));
+  EXPECT_EQ(state(), "idle");
   EXPECT_TRUE(std::filesystem::exists(downloadDirectory() + "/0.m4s"));
 
   std::string folder = downloadDirectory();
   EXPECT_EQ(run({"remove", id, "nonsense"}).status, 1) << "one unknown identifier and nothing is touched";
   EXPECT_TRUE(std::filesystem::exists(folder));
-  EXPECT_EQ(run({"remove", id}).status, 0);
+  EXPECT_TRUE(succeeds({"remove", id}));
   EXPECT_FALSE(std::filesystem::exists(folder));
   EXPECT_TRUE(list().empty());
 }
 
 TEST_F(Library, VerifyNamesWhatIsMissingAndWhatIsShort) {
-  ASSERT_EQ(run({"download", server.url("/movie.mpd"), "--progress", "plain"}).status, 0);
+  ASSERT_TRUE(succeeds({"download", server.url("/movie.mpd"), "--progress", "plain"}));
   std::filesystem::remove(downloadDirectory() + "/7.m4s");
   writeFile(downloadDirectory() + "/8.m4s", "");
   ProgramResult result = run({"verify", identifier()});
   EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.out.find("missing 7.m4s"), std::string::npos) << result.out;
-  EXPECT_NE(result.out.find("damaged 8.m4s"), std::string::npos) << result.out;
-  EXPECT_NE(result.out.find("38 of 40"), std::string::npos) << result.out;
+  for (const char* words : {"missing 7.m4s", "damaged 8.m4s", "38 of 40"})
+    EXPECT_NE(result.out.find(words), std::string::npos) << words << " in " << result.out;
 }
 
 TEST_F(Library, MachineReadableOutputHasTheStatedShape) {
-  ProgramResult result = run({"download", server.url("/movie.mpd"), "--progress", "json", "--jobs", "2"});
-  ASSERT_EQ(result.status, 0) << result.err;
+  ASSERT_TRUE(succeeds({"download", server.url("/movie.mpd"), "--progress", "json", "--jobs", "2"}));
   EXPECT_LE(server.peakRequests(), 2u);
   json entry = list()[0];
   for (const char* key : {"id", "url", "title", "contentType", "state", "progress", "downloadedBytes",
@@ -137,23 +118,21 @@ TEST_F(Library, MachineReadableOutputHasTheStatedShape) {
   EXPECT_EQ(entry["title"], nullptr);
   EXPECT_EQ(entry["localPath"], downloadDirectory() + "/manifest.mpd");
 
-  json inspected = json::parse(runProgram({"inspect", server.url("/movie.mpd"), "--json"}).out);
-  json quality = inspected["movies"][0]["tracks"][0]["qualities"][0];
-  EXPECT_EQ(inspected["movies"][0]["duration"], 40.0);
-  EXPECT_EQ(inspected["movies"][0]["tracks"][0]["language"], nullptr);
+  json movie = json::parse(runProgram({"inspect", server.url("/movie.mpd"), "--json"}).out)["movies"][0];
+  json quality = movie["tracks"][0]["qualities"][0];
+  EXPECT_EQ(movie["duration"], 40.0);
+  EXPECT_EQ(movie["tracks"][0]["language"], nullptr);
   EXPECT_EQ(quality["estimatedBytes"], 800'000);
   EXPECT_EQ(quality["codec"], nullptr);
   EXPECT_EQ(quality["height"], 36);
 }
 
 TEST_F(Library, HeadersReachEveryRequestAndAreKeptForResume) {
-  auto gate = makeGate();
   server.once(path(20), stallingAfter(10, gate));
   auto process = start({"download", server.url("/movie.mpd"), "--header", "X-Token: secret: 1"});
   ASSERT_TRUE(gate->waitUntilReached());
-  process->signal(SIGKILL);
-  process->wait();
-  ASSERT_EQ(run({"resume", "--all", "--progress", "none"}).status, 0);
+  end(*process, SIGKILL);
+  ASSERT_TRUE(succeeds({"resume", "--all"}));
   for (const ServerRequest& request : server.requests())
     EXPECT_EQ(request.header("X-Token"), "secret: 1") << request.method << " " << request.target;
 }

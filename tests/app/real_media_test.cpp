@@ -1,13 +1,11 @@
 // Presentations as ffmpeg packs them, downloaded, killed, resumed, and played without the server.
 
 #include "tests/app/Program.h"
-#include "tests/support/Command.h"
+#include "tests/support/HLSMedia.h"
 #include "tests/support/MediaFactory.h"
 #include "tests/support/NginxServer.h"
 
 #include <csignal>
-#include <filesystem>
-#include <gtest/gtest.h>
 
 using namespace support;
 using nlohmann::json;
@@ -44,46 +42,30 @@ protected:
   /// What was asked for is all there, and plays where files alone can: a Smooth Streaming player makes the
   /// header of a stream from the manifest.
   void expectWhole() {
-    const std::string id = list()[0]["id"];
-    const ProgramResult verified = run({"verify", id});
-    EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
+    EXPECT_TRUE(succeeds({"verify", identifier()}));
     if (GetParam() != Addressing::Smooth)
       expectPlays();
   }
 
   /// Each quality's files, one behind the other, are a stream that decodes to its whole length.
   void expectPlays() {
-    const json presentation = json::parse(runProgram({"resources", downloadDirectory() + "/manifest.mpd",
-                                                      "--base", "http://host/manifest.mpd", "--json"})
-                                              .out);
-    for (const json& track : presentation["movies"][0]["tracks"])
-      for (const json& quality : track["qualities"]) {
-        std::string stream;
-        for (const json& resource : quality["resources"])
-          stream += readFile(downloadDirectory() + "/" + resource["path"].get<std::string>());
-        const std::string file = directory.write("stream.mp4", stream), log = directory / "decoded";
-        EXPECT_NO_THROW(runCommand(
-            {"ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", file, "-progress", log, "-f", "null", "-"},
-            directory.path()))
-            << quality["id"];
-        const std::string text = readFile(log);
-        const std::size_t at = text.rfind("out_time_us=");
-        ASSERT_NE(at, std::string::npos);
-        EXPECT_GT(std::stoll(text.substr(at + 12)), 3'800'000) << quality["id"];
-        std::filesystem::remove(log);
-      }
+    const std::string manifest = downloadDirectory() + "/manifest.mpd";
+    for (const json& quality : listedQualities({manifest, "--base", "http://host/manifest.mpd"})) {
+      std::string stream;
+      for (const json& resource : quality["resources"])
+        stream += readFile(downloadDirectory() + "/" + resource["path"].get<std::string>());
+      EXPECT_GT(decodedSeconds(directory.write("stream.mp4", stream), {"0"}), 3.8) << quality["id"];
+    }
   }
 
   /// Addresses that `resources` lists, sorted.
   static std::multiset<std::string> listed(const std::string& url) {
     std::multiset<std::string> uris;
-    const json presentation = json::parse(runProgram({"resources", url, "--json"}).out);
-    for (const json& track : presentation["movies"][0]["tracks"])
-      for (const json& quality : track["qualities"])
-        for (const json& resource : quality["resources"]) {
-          std::string address = resource["url"];
-          uris.insert(address.substr(address.find('/', 8)));
-        }
+    for (const json& quality : listedQualities({url}))
+      for (const json& resource : quality["resources"]) {
+        const std::string address = resource["url"];
+        uris.insert(address.substr(address.find('/', 8)));
+      }
     return uris;
   }
 
@@ -96,8 +78,7 @@ TEST_P(RealMedia, TheServerIsAskedForTheListedResourcesAndTheCopyPlaysWithoutIt)
   {
     NginxServer nginx(media.directory);
     const std::string url = nginx.url("/" + media.manifest);
-    ProgramResult result = run({"download", url, "--video", "all", "--audio", "all", "--progress", "none"});
-    ASSERT_EQ(result.status, 0) << result.err;
+    ASSERT_TRUE(succeeds({"download", url, "--video", "all", "--audio", "all"}));
     std::multiset<std::string> asked;
     for (const AccessLogEntry& entry : nginx.accessLog())
       if (entry.method == "GET" && entry.uri != "/" + media.manifest)
@@ -114,20 +95,18 @@ TEST_P(RealMedia, AKilledDownloadGoesOnInAnotherProcess) {
   const std::string url = server.url("/" + media.manifest);
   const auto uris = listed(url);
   ASSERT_FALSE(uris.empty());
-  Fault stall = stallingAfter(500, makeGate());
-  server.once(*std::next(uris.begin(), static_cast<std::ptrdiff_t>(uris.size() / 2)), stall);
+  server.once(*std::next(uris.begin(), static_cast<std::ptrdiff_t>(uris.size() / 2)),
+              stallingAfter(500, gate));
 
   const std::vector<std::string> download{"download", url, "--video", "all", "--audio", "all"};
   const auto first = start(download);
-  ASSERT_TRUE(stall.gate->waitUntilReached()) << readFile(directory / "err");
+  ASSERT_TRUE(gate->waitUntilReached()) << errors();
   ASSERT_TRUE(first->running());
-  first->signal(SIGKILL);
-  first->wait();
-  ProgramResult result = run(download);
-  ASSERT_EQ(result.status, 0) << result.err;
+  end(*first, SIGKILL);
+  ASSERT_TRUE(succeeds(download));
   expectIdenticalCopy();
   expectWhole();
-  EXPECT_EQ(list()[0]["state"], "success");
+  EXPECT_EQ(state(), "success");
 }
 
 INSTANTIATE_TEST_SUITE_P(, RealMedia,

@@ -2,31 +2,27 @@
 
 #include "tests/app/Program.h"
 
-#include <algorithm>
 #include <filesystem>
-#include <gtest/gtest.h>
 
 using namespace support;
-using nlohmann::json;
 
 namespace {
 
 const std::string video =
-    "<StreamIndex Type=\"video\" Chunks=\"2\" QualityLevels=\"1\" MaxWidth=\"64\" MaxHeight=\"36\" "
-    "DisplayWidth=\"64\" DisplayHeight=\"36\" Url=\"Q({bitrate})/F(video={start time})\"><QualityLevel "
-    "Bitrate=\"80000\" MaxWidth=\"64\" MaxHeight=\"36\" CodecPrivateData=\"00\" FourCC=\"H264\"/>"
-    "<c d=\"5\" r=\"2\"/></StreamIndex>";
+    R"xml(<StreamIndex Type="video" Chunks="2" QualityLevels="1" MaxWidth="64" MaxHeight="36" DisplayWidth="64"
+DisplayHeight="36" Url="Q({bitrate})/F(video={start time})"><QualityLevel Bitrate="80000" MaxWidth="64"
+MaxHeight="36" CodecPrivateData="00" FourCC="H264"/><c d="5" r="2"/></StreamIndex>)xml";
 
-std::string audio(const std::string& chunks = "2", const std::string& entry = "<c d=\"5\" r=\"2\"/>") {
-  return "<StreamIndex Type=\"audio\" Chunks=\"" + chunks +
-         "\" QualityLevels=\"1\" Url=\"Q({bitrate})/F(audio={start time})\"><QualityLevel Bitrate=\"32000\" "
-         "SamplingRate=\"48000\" AudioTag=\"255\" BitsPerSample=\"16\" PacketSize=\"4\" Channels=\"2\" "
-         "CodecPrivateData=\"1190\" FourCC=\"AACL\"/>" +
+std::string audio(const std::string& chunks = "2", const std::string& entry = R"(<c d="5" r="2"/>)") {
+  return R"xml(<StreamIndex Type="audio" QualityLevels="1" Url="Q({bitrate})/F(audio={start time})" Chunks=")xml" +
+         chunks +
+         R"("><QualityLevel Bitrate="32000" SamplingRate="48000" AudioTag="255" BitsPerSample="16"
+PacketSize="4" Channels="2" CodecPrivateData="1190" FourCC="AACL"/>)" +
          entry + "</StreamIndex>";
 }
 
-std::string media(const std::string& streams, const std::string& attributes = "Duration=\"10\"") {
-  return "<SmoothStreamingMedia MajorVersion=\"2\" MinorVersion=\"0\" " + attributes + ">" + streams +
+std::string media(const std::string& streams, const std::string& attributes = R"(Duration="10")") {
+  return R"(<SmoothStreamingMedia MajorVersion="2" MinorVersion="0" )" + attributes + ">" + streams +
          "</SmoothStreamingMedia>";
 }
 
@@ -49,10 +45,7 @@ protected:
   void expectRefusal(const std::string& manifest, const std::string& words) {
     SCOPED_TRACE(manifest);
     server.serve("/a.ism/Manifest", {manifest, "", "", "text/xml"});
-    const ProgramResult result = run({"download", server.url("/a.ism/Manifest"), "--audio", "all"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-    EXPECT_NE(result.err.find(words), std::string::npos) << result.err;
+    EXPECT_TRUE(refused(run({"download", server.url("/a.ism/Manifest"), "--audio", "all"}), {words}));
     EXPECT_TRUE(list().empty());
     EXPECT_EQ(filesBelow(library()).count("manifest.mpd"), 0u);
     EXPECT_FALSE(std::filesystem::exists(library() + "/DashDownloader") &&
@@ -78,24 +71,19 @@ TEST_F(SmoothStreaming, IsRecognisedByItsContentWhateverTheAddress) {
     server.serve(one.path, {one.manifest, "", "", one.type});
     serveFragments(std::string(one.path).substr(0, std::string(one.path).rfind('/') + 1));
     // Both streams number their qualities from 0; only one of the two is wanted.
-    const ProgramResult result = run({"download", server.url(one.path), "--audio", "none"});
-    ASSERT_EQ(result.status, 0) << result.err;
-    const json entry = list().at(0);
-    EXPECT_EQ(entry["state"], "success");
-    const ProgramResult verified = run({"verify", entry["id"]});
-    EXPECT_EQ(verified.status, 0) << verified.out;
+    ASSERT_TRUE(succeeds({"download", server.url(one.path), "--audio", "none"}));
+    EXPECT_EQ(state(), "success");
+    EXPECT_TRUE(succeeds({"verify", identifier()}));
     EXPECT_EQ(readFile(downloadDirectory() + "/manifest.mpd"), one.manifest) << "as it was fetched";
     EXPECT_EQ(readFile(downloadDirectory() + "/Q(80000)/F(video=5)"), "content of Q(80000)/F(video=5)");
     EXPECT_EQ(filesBelow(downloadDirectory()).size(), 4u);
 
-    ASSERT_EQ(run({"download", server.url(one.path), "--audio", "best"}).status, 0);
+    ASSERT_TRUE(succeeds({"download", server.url(one.path), "--audio", "best"}));
     EXPECT_EQ(filesBelow(downloadDirectory()).size(), 6u) << "the rest is added";
-    ASSERT_EQ(run({"remove", entry["id"]}).status, 0);
+    ASSERT_TRUE(succeeds({"remove", identifier()}));
   }
   server.serve("/g/play", {"<html/>", "", "", "text/plain"});
-  const ProgramResult neither = run({"download", server.url("/g/play")});
-  EXPECT_EQ(neither.status, 1);
-  EXPECT_NE(neither.err.find("text/plain); supported are"), std::string::npos) << neither.err;
+  EXPECT_TRUE(refused(run({"download", server.url("/g/play")}), {"text/plain); supported are"}));
 }
 
 TEST_F(SmoothStreaming, WhatIsWrongIsNamedInOneLineAndNothingIsWritten) {

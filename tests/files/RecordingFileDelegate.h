@@ -5,8 +5,10 @@
 
 #include "platform/foundation/Log.h"
 #include "tests/support/Expectation.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <functional>
+#include <gmock/gmock.h>
 #include <memory>
 #include <optional>
 #include <string>
@@ -144,6 +146,37 @@ public:
 private:
   const std::shared_ptr<support::Watched<std::vector<std::string>>> _lines =
       std::make_shared<support::Watched<std::vector<std::string>>>();
+};
+
+/// A downloader, whose client writes everything down, over a directory of its own.
+class FileDownloaderFixture {
+protected:
+  void open(const std::shared_ptr<platform::TransferService>& service, std::int64_t limit,
+            const std::optional<std::string>& session = {},
+            std::shared_ptr<platform::Queue> queue = nullptr) {
+    ZRKFileDownloaderEnvironment environment;
+    environment.bundleIdentifier = "test.app";
+    environment.documentsDirectory = directory / "documents";
+    environment.temporaryDirectory = directory / "temporary";
+    environment.service = service;
+    environment.delegateQueue = std::move(queue);
+    downloader = session ? ZRKFileDownloader::downloaderWithDelegate(delegate, limit, *session, environment)
+                         : ZRKFileDownloader::downloaderWithDelegate(delegate, limit, environment);
+  }
+  /// From now on files are to go there; without a path the client names no place.
+  void placeAt(const std::optional<std::string>& path) {
+    delegate->place = [path](const std::string&) {
+      return path ? std::optional(platform::URL::fileURLWithPath(*path)) : std::nullopt;
+    };
+  }
+  void expectLogged(const std::string& beginning) const {
+    EXPECT_THAT(log.lines(), testing::Contains(testing::StartsWith(beginning)));
+  }
+
+  support::TemporaryDirectory directory;
+  std::shared_ptr<RecordingFileDelegate> delegate = std::make_shared<RecordingFileDelegate>();
+  std::shared_ptr<ZRKFileDownloader> downloader;
+  CapturedLines log;
 };
 
 } // namespace files

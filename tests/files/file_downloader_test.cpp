@@ -9,11 +9,6 @@
 #include "platform/transfer/TransferService.h"
 #include "tests/support/Command.h"
 #include "tests/support/FaultServer.h"
-#include "tests/support/NginxServer.h"
-#include "tests/support/TemporaryDirectory.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
@@ -21,16 +16,8 @@
 using namespace platform;
 using namespace support;
 using namespace files;
-using testing::AnyOf;
-using testing::Contains;
-using testing::Each;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::MatchesRegex;
-using testing::SizeIs;
-using testing::StartsWith;
+using testing::ElementsAre, testing::HasSubstr, testing::IsEmpty, testing::MatchesRegex, testing::SizeIs,
+    testing::StartsWith;
 
 namespace {
 
@@ -44,6 +31,7 @@ ServerHandler digestProtected(const std::string& directory, const std::string& u
     runCommand({"sh", "-c", "md5sum < md5-in > md5-out"}, directory);
     return readFile(directory + "/md5-out").substr(0, 32);
   };
+  const char* wanted = R"(Basic realm="weak", Digest realm="vault", nonce="nonce-1", qop="auth")";
   return [=](const ServerRequest& request, ServerConnection& connection) {
     const auto header = request.header("Authorization");
     const auto field = [&](const std::string& name) {
@@ -59,14 +47,11 @@ ServerHandler digestProtected(const std::string& directory, const std::string& u
     if (header.starts_with("Digest ") && field("response") == proof)
       FaultServer::reply(200, {}, content)(request, connection);
     else
-      FaultServer::reply(401,
-                         {{"WWW-Authenticate",
-                           "Basic realm=\"weak\", Digest realm=\"vault\", nonce=\"nonce-1\", qop=\"auth\""}},
-                         "who are you?")(request, connection);
+      FaultServer::reply(401, {{"WWW-Authenticate", wanted}}, "who are you?")(request, connection);
   };
 }
 
-class FileDownloaderTest : public testing::TestWithParam<Transport> {
+class FileDownloaderTest : public FileDownloaderFixture, public testing::TestWithParam<Transport> {
 protected:
   void TearDown() override {
     downloader.reset();
@@ -81,12 +66,7 @@ protected:
     options.backgroundSessions = GetParam() == Transport::Session;
     service = makeHTTPTransferService(options);
     ASSERT_TRUE(service);
-    ZRKFileDownloaderEnvironment environment;
-    environment.bundleIdentifier = "test.app";
-    environment.documentsDirectory = directory / "documents";
-    environment.temporaryDirectory = directory / "temporary";
-    environment.service = service;
-    downloader = ZRKFileDownloader::downloaderWithDelegate(delegate, limit, environment);
+    FileDownloaderFixture::open(service, limit);
     ASSERT_FALSE(downloader->sessionError());
     EXPECT_EQ(downloader->backgroundSession() != nullptr, GetParam() == Transport::Session);
   }
@@ -99,6 +79,9 @@ protected:
     if (!downloader)
       open();
     start(path, path);
+    return nextEnd();
+  }
+  End nextEnd() {
     EXPECT_TRUE(delegate->waitForEnds(++ended));
     return delegate->end(ended - 1);
   }
@@ -117,12 +100,13 @@ protected:
     EXPECT_TRUE(end.error->domain().isIdenticalTo(NSURLErrorDomain));
   }
 
-  TemporaryDirectory directory;
+  static void expectFile(const End& end, const std::string& content) {
+    ASSERT_TRUE(end.file) << end.error->localizedDescription();
+    EXPECT_TRUE(readFile(end.file->path()) == content);
+  }
+
   FaultServer server;
   std::shared_ptr<TransferService> service;
-  std::shared_ptr<RecordingFileDelegate> delegate = std::make_shared<RecordingFileDelegate>();
-  std::shared_ptr<ZRKFileDownloader> downloader;
-  CapturedLines log;
   std::size_t ended = 0;
 };
 
@@ -132,8 +116,7 @@ TEST_P(FileDownloaderTest, PutsAFileIntoItsPlace) {
   delegate->headers["X-Key"] = "secret";
   delegate->root = Progress::progressWithTotalUnitCount(0);
   auto end = download("/movie.mp4");
-  ASSERT_TRUE(end.file) << end.error->localizedDescription();
-  EXPECT_TRUE(readFile(end.file->path()) == content);
+  expectFile(end, content);
   EXPECT_THAT(end.file->path(),
               MatchesRegex(std::string(directory / "documents") +
                            "/file-download/[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\\.mp4"));
@@ -151,10 +134,10 @@ TEST_P(FileDownloaderTest, PutsAFileIntoItsPlace) {
 TEST_P(FileDownloaderTest, KeepsToItsLimitInTheOrderOfArrival) {
   open(2);
   auto gate = makeGate();
-  for (auto name : {"a", "b", "c", "d", "e"}) {
-    server.serve(std::string("/") + name, {name, "", ""});
-    server.once(std::string("/") + name, stallingAfter(0, gate));
-    start(name, std::string("/") + name);
+  for (const std::string name : {"a", "b", "c", "d", "e"}) {
+    server.serve("/" + name, {name, "", ""});
+    server.once("/" + name, stallingAfter(0, gate));
+    start(name, "/" + name);
   }
   EXPECT_EQ(downloader->waitingDownloadsCount(), 3u);
   EXPECT_TRUE(downloader->isDownloadingIdentifier("b"));
@@ -167,9 +150,8 @@ TEST_P(FileDownloaderTest, KeepsToItsLimitInTheOrderOfArrival) {
   downloader->cancelDownloadWithIdentifier("e");
   downloader->cancelDownloadWithIdentifier("unknown");
   ASSERT_TRUE(delegate->waitForEnds(1));
-  auto cancelled = delegate->end(0);
-  EXPECT_EQ(cancelled.token, "e");
-  expectError(cancelled, NSURLErrorCancelled);
+  EXPECT_EQ(delegate->end(0).token, "e");
+  expectError(delegate->end(0), NSURLErrorCancelled);
   EXPECT_EQ(downloader->waitingDownloadsCount(), 1u);
   gate->open();
   ASSERT_TRUE(delegate->waitForEnds(4));
@@ -184,8 +166,7 @@ TEST_P(FileDownloaderTest, KeepsToItsLimitInTheOrderOfArrival) {
 TEST_P(FileDownloaderTest, JudgesTheStatus) {
   server.handle("/gone", FaultServer::reply(404, {{"Content-Length", "4"}}, "page"));
   server.handle("/same", FaultServer::reply(304));
-  std::filesystem::create_directories(directory / "own");
-  delegate->place = [this](const std::string&) { return URL::fileURLWithPath(directory / "own/file"); };
+  placeAt(directory / "own/file");
   directory.write("own/file", "an older good one");
   auto gone = download("/gone");
   expectError(gone, NSURLErrorBadServerResponse);
@@ -196,9 +177,7 @@ TEST_P(FileDownloaderTest, JudgesTheStatus) {
   EXPECT_EQ(download("/same").messages.at(0), "Invalid http status code: 304");
   EXPECT_EQ(readFile(directory / "own/file"), "an older good one") << "an error page is not the file";
   delegate->statusIsValid = true;
-  auto accepted = download("/gone");
-  ASSERT_TRUE(accepted.file);
-  EXPECT_EQ(readFile(accepted.file->path()), "page");
+  expectFile(download("/gone"), "page");
   EXPECT_EQ(filesBelow("temporary"), 0u);
 }
 
@@ -211,51 +190,47 @@ TEST_P(FileDownloaderTest, TellsWhatWasWrongWithAFile) {
     ASSERT_THAT(end.messages, SizeIs(1));
     EXPECT_THAT(end.messages[0], StartsWith("ERR: " + message));
     EXPECT_THAT(end.messages[0], MatchesRegex(".* \\([A-Za-z]+\\.cpp, [0-9]+\\)"));
-    EXPECT_THAT(log.lines(), Contains(end.messages[0]));
+    EXPECT_THAT(log.lines(), testing::Contains(end.messages[0]));
     EXPECT_THAT(end.error->localizedDescription(), HasSubstr(message));
   };
   auto empty = download("/empty");
   expectUnusable(empty, "Zero file size for item at ");
   EXPECT_THAT(empty.messages.at(0), HasSubstr("Code=-1014"));
 
-  delegate->place = [](const std::string&) { return std::nullopt; };
+  placeAt(std::nullopt);
   expectUnusable(download("/file"), "Missing information: Local file URL (token: /file)");
 
   const auto folder = directory / "documents/file-download/";
-  std::filesystem::create_directories(std::string(folder) + "here/below");
-  delegate->place = [&](const std::string&) { return URL::fileURLWithPath(std::string(folder) + "here"); };
-  expectUnusable(download("/file"), "Error on removing file at " + std::string(folder) + "here");
-  EXPECT_TRUE(FileManager::directoryExistsAtPath(std::string(folder) + "here/below"));
+  std::filesystem::create_directories(folder + "here/below");
+  placeAt(folder + "here");
+  expectUnusable(download("/file"), "Error on removing file at " + folder + "here");
+  EXPECT_TRUE(FileManager::directoryExistsAtPath(folder + "here/below"));
 
-  delegate->place = [&](const std::string&) {
-    return URL::fileURLWithPath(std::string(folder) + "no/such/folder");
-  };
+  placeAt(folder + "no/such/folder");
   auto unmoved = download("/file");
   expectUnusable(unmoved, "Unable to move file from ");
   EXPECT_THAT(unmoved.messages.at(0), HasSubstr("Code=-3005"));
 
   delegate->place = nullptr;
   delegate->fileIsValid = false;
-  expectUnusable(download("/file"), "Download check failed for item at " + std::string(folder));
+  expectUnusable(download("/file"), "Download check failed for item at " + folder);
   EXPECT_EQ(filesBelow("documents"), 0u) << "nothing that was refused stays behind";
   std::filesystem::remove_all(directory / "documents");
   directory.write("documents", "not a directory");
   expectUnusable(download("/file"), "Missing information: Local file URL (token: /file)");
-  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: on create directory: ")));
+  expectLogged("ERR: on create directory: ");
   // A folder that takes no files.
   std::filesystem::remove(directory / "documents");
   std::filesystem::create_directories(directory / "documents");
   std::filesystem::create_directory_symlink("/proc/self", directory / "documents/file-download");
   expectUnusable(download("/file"), "Missing information: Local file URL (token: /file)");
-  EXPECT_THAT(log.lines(),
-              Contains(StartsWith("ERR: on set resource value (NSURLIsExcludedFromBackupKey): ")));
+  expectLogged("ERR: on set resource value (NSURLIsExcludedFromBackupKey): ");
   EXPECT_EQ(filesBelow("temporary"), 0u);
 }
 
 TEST_P(FileDownloaderTest, ReportsLostConnectionsAndBadStarts) {
   server.serve("/cut", {randomBytes(100'000), "\"1\"", ""});
-  Fault cut = cuttingAfter(50'000);
-  server.once("/cut", cut);
+  server.once("/cut", cuttingAfter(50'000));
   auto lost = download("/cut");
   expectError(lost, NSURLErrorNetworkConnectionLost);
   EXPECT_EQ(lost.status, 200);
@@ -276,17 +251,14 @@ TEST_P(FileDownloaderTest, ReportsLostConnectionsAndBadStarts) {
     return request;
   };
   server.handle("/away", FaultServer::redirect(server.url("/cut", "localhost")));
-  auto followed = download("/away");
-  ASSERT_TRUE(followed.file) << followed.error->localizedDescription();
+  ASSERT_TRUE(download("/away").file);
   EXPECT_EQ(server.requests("/away").at(0).header("X-Token"), "me");
   EXPECT_EQ(server.requests("/cut").back().header("X-Token"), "");
   EXPECT_EQ(delegate->records.copy().activity, 0);
   EXPECT_EQ(filesBelow("temporary"), 0u);
 
-  Data garbage{1, 2, 3};
-  downloader->startDownloadWithIdentifierUsingResumeData("garbage", garbage);
-  ASSERT_TRUE(delegate->waitForEnds(++ended));
-  auto unusable = delegate->end(ended - 1);
+  downloader->startDownloadWithIdentifierUsingResumeData("garbage", Data{1, 2, 3});
+  const End unusable = nextEnd();
   if (GetParam() == Transport::Connection) {
     expectError(unusable, NSURLErrorBadURL);
     EXPECT_THAT(unusable.messages,
@@ -334,9 +306,7 @@ TEST_P(FileDownloaderTest, StopsAndResumesThroughItsProgress) {
   delegate->root->resume();
   progress->nativeProgress()->resume();
   ASSERT_TRUE(delegate->waitForEnds(2));
-  auto end = delegate->end(1);
-  ASSERT_TRUE(end.file) << end.error->localizedDescription();
-  EXPECT_TRUE(readFile(end.file->path()) == content);
+  expectFile(delegate->end(1), content);
   if (GetParam() == Transport::Session) {
     EXPECT_EQ(server.requests("/movie.mp4").at(1).header("Range"), "bytes=600000-");
   }
@@ -357,7 +327,7 @@ TEST_P(FileDownloaderTest, StopsAndResumesThroughItsProgress) {
   EXPECT_EQ(nothing.wait(), std::optional<DataRef>(nullptr));
   delegate->resume = nullptr;
   downloader->resumeDownloadWithIdentifier("stuck");
-  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Resume action called without implementation (")));
+  expectLogged("ERR: Resume action called without implementation (");
 }
 
 TEST_P(FileDownloaderTest, AnswersChallenges) {
@@ -366,25 +336,18 @@ TEST_P(FileDownloaderTest, AnswersChallenges) {
   auto refused = download("/secret");
   expectError(refused, NSURLErrorBadServerResponse);
   EXPECT_THAT(refused.messages, ElementsAre("Invalid http status code: 401"));
-  EXPECT_THAT(log.lines(),
-              Contains(StartsWith("ERR: Received authentication challenge with no delegate method "
-                                  "implemented (")));
+  expectLogged("ERR: Received authentication challenge with no delegate method implemented (");
   delegate->credentials = [](const AuthenticationChallenge& challenge) {
     return URLCredential{"me", challenge.previousFailureCount == 0 ? "wrong" : "right"};
   };
-  auto allowed = download("/secret");
-  ASSERT_TRUE(allowed.file) << allowed.error->localizedDescription();
-  EXPECT_EQ(readFile(allowed.file->path()), "the secret");
+  expectFile(download("/secret"), "the secret");
   EXPECT_THAT(delegate->records.copy().challenges, SizeIs(2));
 
   server.handle("/vault", digestProtected(directory.path(), "me:vault", "right", "the gold"));
-  auto opened = download("/vault");
-  ASSERT_TRUE(opened.file) << opened.error->localizedDescription();
-  EXPECT_EQ(readFile(opened.file->path()), "the gold");
+  expectFile(download("/vault"), "the gold");
   const auto challenges = delegate->records.copy().challenges;
   ASSERT_THAT(challenges, SizeIs(4));
-  EXPECT_EQ(challenges[3].scheme, "digest");
-  EXPECT_EQ(challenges[3].realm, "vault");
+  EXPECT_EQ(challenges[3].scheme + " " + challenges[3].realm, "digest vault");
   EXPECT_EQ(challenges[3].previousFailureCount, 1);
 }
 

@@ -5,73 +5,58 @@
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/Progress.h"
 #include "tests/support/ScriptedTransferService.h"
-#include "tests/support/TemporaryDirectory.h"
 
 #include <fcntl.h>
 #include <filesystem>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <thread>
 #include <unistd.h>
 
 using namespace platform;
 using namespace support;
 using namespace files;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::SizeIs;
-using testing::StartsWith;
+using testing::ElementsAre, testing::SizeIs, testing::StartsWith;
 
 namespace {
 
-class FileQueueOrderTest : public testing::Test {
+class FileQueueOrderTest : public FileDownloaderFixture, public testing::Test {
 protected:
   void open(std::int64_t limit = 0, const std::string& identifier = "session") {
-    ZRKFileDownloaderEnvironment environment;
-    environment.bundleIdentifier = "test.app";
-    environment.documentsDirectory = directory / "documents";
-    environment.service = service;
-    environment.delegateQueue = queue;
-    downloader = ZRKFileDownloader::downloaderWithDelegate(delegate, limit, identifier, environment);
+    FileDownloaderFixture::open(service, limit, identifier, queue);
   }
   void start(const std::string& token) {
     downloader->startDownloadWithIdentifierFromRemoteURL(token, urlOf(token));
   }
+  /// Has an earlier process leave a task behind.
+  template <class Change>
+  void leave(const URL& url, const std::optional<std::string>& token, Change change) const {
+    Survivor task{URLRequest(url)};
+    task.description = token;
+    change(task);
+    service->addSurvivor("session", task);
+  }
+  auto running(const std::string& token) const { return service->runningTask("http://host/" + token); }
   static URL urlOf(const std::string& token) { return *URL::URLWithString("http://host/" + token); }
   void settle() {
     service->run();
     queue->sync([] {});
   }
 
-  TemporaryDirectory directory;
   std::shared_ptr<ScriptedTransferService> service =
       std::make_shared<ScriptedTransferService>(directory.path(), ScriptedTransferService::Delivery::OnQueue);
   std::shared_ptr<SerialQueue> queue = std::make_shared<SerialQueue>("client");
-  std::shared_ptr<RecordingFileDelegate> delegate = std::make_shared<RecordingFileDelegate>();
-  std::shared_ptr<ZRKFileDownloader> downloader;
-  CapturedLines log;
 };
 
 TEST_F(FileQueueOrderTest, TakesOverWhatAnEarlierProcessLeft) {
-  Survivor running(URLRequest(urlOf("running")));
-  running.description = "running";
-  running.bytesReceived = 40;
-  service->addSurvivor("session", running);
-  service->addSurvivor("session", Survivor(URLRequest(urlOf("nameless"))));
-  Survivor unstarted(URLRequest(urlOf("unstarted")));
-  unstarted.description = "unstarted";
-  unstarted.state = URLSessionTaskState::Suspended;
-  service->addSurvivor("session", unstarted);
-  Survivor finished(URLRequest(urlOf("finished.mp4")));
-  finished.description = "finished";
-  finished.finishedContent = "whole";
-  service->addSurvivor("session", finished);
+  leave(urlOf("running"), "running", [](Survivor& task) { task.bytesReceived = 40; });
+  leave(urlOf("nameless"), std::nullopt, [](Survivor&) {});
+  leave(urlOf("unstarted"), "unstarted", [](Survivor& task) { task.state = URLSessionTaskState::Suspended; });
+  leave(urlOf("finished.mp4"), "finished", [](Survivor& task) { task.finishedContent = "whole"; });
   delegate->root = Progress::progressWithTotalUnitCount(0);
   open();
   settle();
   // What had ended before is told although nobody has asked for the tasks yet.
   ASSERT_THAT(delegate->records.copy().ends, SizeIs(1));
-  auto end = delegate->end(0);
+  const End end = delegate->end(0);
   ASSERT_TRUE(end.file);
   EXPECT_EQ(end.token, "finished");
   EXPECT_EQ(readFile(end.file->path()), "whole");
@@ -84,24 +69,21 @@ TEST_F(FileQueueOrderTest, TakesOverWhatAnEarlierProcessLeft) {
   EXPECT_EQ(downloader->activeDownloadsCount(), 2u);
   EXPECT_EQ(delegate->root->totalUnitCount(), 3);
   EXPECT_EQ(delegate->records.copy().activity, 2);
-  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Missing task description (")));
-  EXPECT_EQ(service->runningTask("http://host/unstarted")->state(), URLSessionTaskState::Running);
+  expectLogged("ERR: Missing task description (");
+  EXPECT_EQ(running("unstarted")->state(), URLSessionTaskState::Running);
   delegate->root->cancel();
   settle();
   EXPECT_THAT(delegate->records.copy().ends, SizeIs(3));
   EXPECT_EQ(delegate->records.copy().activity, 0);
   // The one without a name belongs to nobody.
-  ASSERT_TRUE(service->runningTask("http://host/nameless")->finish("x"));
+  ASSERT_TRUE(running("nameless")->finish("x"));
   settle();
-  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Missing download item for taskIdentifier: ")));
-  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Download item not found for download task: ")));
+  expectLogged("ERR: Missing download item for taskIdentifier: ");
+  expectLogged("ERR: Download item not found for download task: ");
 }
 
 TEST_F(FileQueueOrderTest, AFileWithoutAnAddressHasNoPlace) {
-  Survivor orphan(URLRequest(URL::fileURLWithPath("/")));
-  orphan.description = "orphan";
-  orphan.finishedContent = "whole";
-  service->addSurvivor("session", orphan);
+  leave(URL::fileURLWithPath("/"), "orphan", [](Survivor& task) { task.finishedContent = "whole"; });
   open();
   settle();
   ASSERT_TRUE(delegate->waitForEnds(1));
@@ -116,7 +98,7 @@ TEST_F(FileQueueOrderTest, AFileThatIsTakenAwayAtOnceHasNoSize) {
   for (int i = 0; i < 400; ++i)
     folder += "/d";
   std::filesystem::create_directories(folder);
-  delegate->place = [&](const std::string&) { return URL::fileURLWithPath(folder + "/file"); };
+  placeAt(folder + "/file");
   open();
   const int there = ::open(folder.c_str(), O_PATH | O_DIRECTORY);
   std::jthread thief([there](const std::stop_token& stop) {
@@ -131,7 +113,7 @@ TEST_F(FileQueueOrderTest, AFileThatIsTakenAwayAtOnceHasNoSize) {
   };
   EXPECT_TRUE(eventually([&] {
     start("film");
-    service->runningTask("http://host/film")->finish("x");
+    running("film")->finish("x");
     settle();
     return isTold();
   }));
@@ -142,7 +124,7 @@ TEST_F(FileQueueOrderTest, AFreshSessionGoesOnWithTheQueue) {
   open(1);
   start("old");
   start("next");
-  auto old = service->runningTask("http://host/old");
+  auto old = running("old");
   ASSERT_TRUE(old->write(10, 100));
   settle();
   const auto first = downloader->backgroundSessionIdentifier();
@@ -154,16 +136,16 @@ TEST_F(FileQueueOrderTest, AFreshSessionGoesOnWithTheQueue) {
   settle();
   ASSERT_THAT(delegate->records.copy().ends, SizeIs(1));
   EXPECT_TRUE(delegate->end(0).file);
-  auto next = service->runningTask("http://host/next");
+  auto next = running("next");
   ASSERT_TRUE(next);
   EXPECT_EQ(next->taskIdentifier(), old->taskIdentifier());
-  EXPECT_THAT(log.lines(), Contains(StartsWith("INFO: Session has been intentionally invalidated (")));
+  expectLogged("INFO: Session has been intentionally invalidated (");
 
   start("last");
   downloader->invalidateSessionConfigurationAndCancelTasks(true);
   settle();
   EXPECT_EQ(delegate->end(1).error->code(), NSURLErrorCancelled);
-  ASSERT_TRUE(service->runningTask("http://host/last"));
+  ASSERT_TRUE(running("last"));
   EXPECT_EQ(delegate->records.copy().activity, 1);
 }
 
@@ -179,7 +161,7 @@ TEST_F(FileQueueOrderTest, ATokenCanStartAgainBeforeItsEndWasTold) {
   });
   settle();
   EXPECT_TRUE(downloader->isDownloadingIdentifier("other"));
-  ASSERT_TRUE(service->runningTask("http://host/other")->finish("x"));
+  ASSERT_TRUE(running("other")->finish("x"));
   settle();
   EXPECT_TRUE(downloader->isDownloadingIdentifier("film"));
   downloader->cancelDownloadWithIdentifier("film");
@@ -226,8 +208,7 @@ TEST_F(FileQueueOrderTest, ATaskThatHasEndedUnheardIsReportedWhenItIsCancelled) 
   start("film");
   ASSERT_TRUE(delegate->waitForEnds(1));
   settle();
-  EXPECT_THAT(log.lines(),
-              Contains(StartsWith("INFO: NSURLSessionDownloadTask cancelled (task not found): ")));
+  expectLogged("INFO: NSURLSessionDownloadTask cancelled (task not found): ");
   ASSERT_THAT(delegate->records.copy().ends, SizeIs(1));
   const auto end = delegate->end(0);
   EXPECT_EQ(end.error->code(), NSURLErrorCancelled);
@@ -236,7 +217,7 @@ TEST_F(FileQueueOrderTest, ATaskThatHasEndedUnheardIsReportedWhenItIsCancelled) 
 
   downloader->URLSessionDidBecomeInvalidWithError(*downloader->backgroundSession(),
                                                   makeError(NSURLErrorDomain, NSURLErrorUnknown));
-  EXPECT_THAT(log.lines(), Contains(StartsWith("ERR: Session did become invalid with error: ")));
+  expectLogged("ERR: Session did become invalid with error: ");
 }
 
 TEST_F(FileQueueOrderTest, CallsTheApplicationBackOnceAllEventsWereTold) {

@@ -8,21 +8,15 @@
 #include "platform/foundation/Progress.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 using namespace platform;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 
 TEST(FileDownloadItem, CountsBytesOnItsProgressOnceTheSizeIsKnown) {
   auto root = Progress::progressWithTotalUnitCount(3);
   auto item = ZRKFileDownloadItem::itemWithDownloadToken("film", nullptr, nullptr, root);
-  EXPECT_EQ(item->bytesPerSecondSpeed(), 0u);
-  EXPECT_EQ(item->lastHttpStatusCode(), 0);
-  EXPECT_THAT(item->errorMessagesStack(), IsEmpty());
-  EXPECT_FALSE(item->downloadStartDate());
   auto& progress = *item->progress();
   EXPECT_EQ(progress.kind(), NSProgressKindFile);
   EXPECT_EQ(std::any_cast<std::string>(progress.userInfo().at(NSProgressFileOperationKindKey)),
@@ -96,12 +90,10 @@ TEST(FileDownloadProgress, IsArchivedWithSizesThatAreReadAs32Bits) {
   ErrorRef error;
   auto read = ZRKFileDownloadProgress::progressWithArchivedData(data, &error);
   ASSERT_TRUE(read) << error->localizedDescription();
-  EXPECT_EQ(read->downloadProgress(), 0.25f);
   EXPECT_EQ(read->expectedFileSize(), 3'000'000'000 - (std::int64_t{1} << 32));
-  EXPECT_EQ(read->receivedFileSize(), 750'000'000);
-  EXPECT_EQ(read->estimatedRemainingTime(), 12.5);
-  EXPECT_EQ(read->bytesPerSecondSpeed(), 18'000'000'000u);
-  EXPECT_EQ(read->lastLocalizedDescription(), "Downloading…");
+  EXPECT_EQ(std::tuple(read->downloadProgress(), read->receivedFileSize(), read->estimatedRemainingTime(),
+                       read->bytesPerSecondSpeed(), read->lastLocalizedDescription()),
+            std::tuple(0.25f, 750'000'000, 12.5, 18'000'000'000u, "Downloading…"));
   EXPECT_FALSE(read->lastLocalizedAdditionalDescription());
   EXPECT_FALSE(read->nativeProgress());
   for (const char* name : {"downloadProgress", "expectedFileSize", "receivedFileSize",

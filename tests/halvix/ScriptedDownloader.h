@@ -1,10 +1,9 @@
 #pragma once
 
 #include "halvix/BaseDownloader.h"
-#include "halvix/HostEnvironment.h"
+#include "tests/halvix/OpenEnvironment.h"
+#include "tests/support/Expectation.h"
 
-#include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -12,41 +11,29 @@ namespace tests {
 
 using namespace halvix;
 
-inline std::shared_ptr<HostEnvironment> openEnvironment(const std::string& directory) {
-  HostOptions options;
-  options.libraryDirectory = directory;
-  options.headers["X-Library"] = "all";
-  QVErrorRef error;
-  auto environment = HostEnvironment::open(options, &error);
-  if (!environment)
-    throw std::runtime_error(error->description());
-  return environment;
+inline QVErrorRef failure(ErrorType type, const std::string& message) {
+  return QVErrorBuilder(type).message(message).build();
 }
 
 inline Tracks someTracks() {
-  auto video = [](const char* id, int height, std::int64_t bitrate) {
-    VideoRendition r;
-    r.id = id;
-    r.trackId = "v";
-    r.bitrate = bitrate;
-    r.codec = std::to_string(height) + "p";
-    r.height = height;
-    return r;
-  };
-  AudioRendition german;
-  german.id = "a1";
-  german.trackId = "a";
-  german.bitrate = 128000;
-  german.language = "de";
   TextTrack subtitles;
   subtitles.id = "t";
   subtitles.language = "en";
   subtitles.source = "English [VTT]";
-  Tracks tracks;
-  tracks.video.push_back({"v", "Main", "", {video("v1", 360, 500'000), video("v2", 720, 1'500'000)}});
-  tracks.audio.push_back({"a", "Ton", "de", {german}});
-  tracks.text.push_back(subtitles);
-  return tracks;
+  return {{{"v",
+            "Main",
+            "",
+            {{{"v1", "v", 500'000, "360p", "", {}, false}, 0, 360},
+             {{"v2", "v", 1'500'000, "720p", "", {}, false}, 0, 720}}}},
+          {{"a", "Ton", "de", {{{"a1", "a", 128'000, "", "", {}, false}, "de"}}}},
+          {subtitles}};
+}
+
+/// A choice of one of the pictures that `someTracks` offers, the lowest first.
+inline Selection pictureOnly(std::size_t position) {
+  Selection selection;
+  selection.video.push_back(someTracks().video[0].renditions.at(position));
+  return selection;
 }
 
 /// A downloader that does what the test says and records what the host asks of it.
@@ -67,13 +54,10 @@ public:
 
   void prepareDownload(const std::string& uuid, PrepareCompletion completion) override {
     note("prepare " + uuid);
-    if (holdPreparations) {
+    if (holdPreparations)
       held.push_back({uuid, std::move(completion)});
-      return;
-    }
-    if (dropPreparations)
-      return;
-    endPreparation(uuid, completion);
+    else if (!dropPreparations)
+      endPreparation(uuid, completion);
   }
   void endPreparation(const std::string& uuid, const PrepareCompletion& completion) {
     if (prepareError)
@@ -107,10 +91,7 @@ public:
     return removeError;
   }
 
-  std::vector<std::string> calls() const {
-    std::lock_guard lock(_callsMutex);
-    return _calls;
-  }
+  std::vector<std::string> calls() const { return _calls.copy(); }
 
   bool holdPreparations = false;
   bool dropPreparations = false;
@@ -118,9 +99,8 @@ public:
   QVErrorRef prepareError, startError, removeError;
 
 private:
-  void note(std::string call) {
-    std::lock_guard lock(_callsMutex);
-    _calls.push_back(std::move(call));
+  void note(const std::string& call) {
+    _calls.change([&](auto& calls) { calls.push_back(call); });
   }
   QVErrorRef change(const char* call, const std::string& uuid, DownloadState state) {
     note(call + uuid);
@@ -128,8 +108,7 @@ private:
     return nullptr;
   }
 
-  mutable std::mutex _callsMutex;
-  std::vector<std::string> _calls;
+  support::Watched<std::vector<std::string>> _calls;
 };
 
 inline PlayerConfiguration dashMovie(const std::string& name) {

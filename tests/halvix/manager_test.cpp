@@ -10,24 +10,31 @@
 #include "platform/concurrency/Queue.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 
 namespace {
 
 using namespace halvix;
-using support::TemporaryDirectory;
-using testing::ElementsAre;
-using tests::dashMovie;
-using tests::openEnvironment;
-using tests::ScriptedDownloader;
+using support::TemporaryDirectory, testing::ElementsAre, tests::dashMovie, tests::failure,
+    tests::openEnvironment, tests::pictureOnly, tests::ScriptedDownloader;
 
-class ScriptedFactory final : public DownloaderFactoryProtocol {
+/// A plugin that is its only factory.
+class ScriptedPlugin final : public QVPluginProtocol,
+                             public DownloaderFactoryProtocol,
+                             public std::enable_shared_from_this<ScriptedPlugin> {
 public:
-  ScriptedFactory(std::shared_ptr<ScriptedDownloader> downloader,
-                  std::shared_ptr<QVPluginDispatchers> dispatchers)
-      : _downloader(std::move(downloader)), _dispatchers(std::move(dispatchers)) {}
+  explicit ScriptedPlugin(std::shared_ptr<ScriptedDownloader> downloader)
+      : _downloader(std::move(downloader)) {}
+  std::string name() const override { return "ScriptedPlugin"; }
+  std::string version() const override { return "1"; }
+  void pluginAttached(const std::shared_ptr<QVPluginContext>& context) override {
+    _dispatchers = context->dispatchers();
+    context->components()->registerFactory(shared_from_this());
+  }
+  void pluginDetached() override { ++detached; }
+  void configure(const QVPluginConfiguration& configuration) override { configured = configuration.values; }
+
   bool canDownload(ContentType type) const override { return _downloader->canDownload(type); }
   std::shared_ptr<BaseDownloader> create(const std::shared_ptr<Session>& session, ContentType) override {
     ++created;
@@ -37,32 +44,13 @@ public:
   bool canAttach(const std::shared_ptr<Session>& session) const override {
     return session->identifier() != "unwanted";
   }
-  int created = 0;
 
-private:
-  std::shared_ptr<ScriptedDownloader> _downloader;
-  std::shared_ptr<QVPluginDispatchers> _dispatchers;
-};
-
-class ScriptedPlugin final : public QVPluginProtocol {
-public:
-  explicit ScriptedPlugin(std::shared_ptr<ScriptedDownloader> downloader)
-      : _downloader(std::move(downloader)) {}
-  std::string name() const override { return "ScriptedPlugin"; }
-  std::string version() const override { return "1"; }
-  void pluginAttached(const std::shared_ptr<QVPluginContext>& context) override {
-    factory = std::make_shared<ScriptedFactory>(_downloader, context->dispatchers());
-    context->components()->registerFactory(factory);
-  }
-  void pluginDetached() override { ++detached; }
-  void configure(const QVPluginConfiguration& configuration) override { configured = configuration.values; }
-
-  std::shared_ptr<ScriptedFactory> factory;
-  int detached = 0;
+  int created = 0, detached = 0;
   std::map<std::string, std::string> configured;
 
 private:
   std::shared_ptr<ScriptedDownloader> _downloader;
+  std::shared_ptr<QVPluginDispatchers> _dispatchers;
 };
 
 /// Writes down what it hears; only the main queue does, and the test after `settle`.
@@ -97,12 +85,11 @@ private:
 class ManagerTest : public testing::Test {
 protected:
   ManagerTest() { open(); }
-  ~ManagerTest() override {
-    close();
-    HostEnvironment::setDefault(nullptr);
-  }
+  ~ManagerTest() override { close(); }
 
+  /// As the next process does, once there was one before.
   void open() {
+    close();
     environment = openEnvironment(library.path());
     HostEnvironment::setDefault(environment);
     downloader = std::make_shared<ScriptedDownloader>(environment);
@@ -122,10 +109,6 @@ protected:
     HostEnvironment::setDefault(nullptr);
     environment.reset();
   }
-  void reopen() {
-    close();
-    open();
-  }
 
   std::shared_ptr<Download> create(const std::string& name) {
     QVErrorRef error;
@@ -133,30 +116,23 @@ protected:
     EXPECT_TRUE(download) << describe(error);
     return download;
   }
-  QVErrorRef prepare(const std::shared_ptr<Download>& download) {
+  using Command = void (DownloadManager::*)(const std::shared_ptr<Download>&, DownloadManager::Completion);
+  QVErrorRef outcomeOf(Command command, const std::shared_ptr<Download>& download) {
     support::Arrival<QVErrorRef> arrival;
-    manager->prepare(download, [&](const QVErrorRef& error) { arrival.arrive(error); });
+    (manager.get()->*command)(download, [&](const QVErrorRef& error) { arrival.arrive(error); });
     return arrival.wait().value();
   }
-  QVErrorRef resume(const std::shared_ptr<Download>& download) {
-    support::Arrival<QVErrorRef> arrival;
-    manager->resume(download, [&](const QVErrorRef& error) { arrival.arrive(error); });
-    return arrival.wait().value();
-  }
+  QVErrorRef prepare(const std::shared_ptr<Download>& d) { return outcomeOf(&DownloadManager::prepare, d); }
+  QVErrorRef resume(const std::shared_ptr<Download>& d) { return outcomeOf(&DownloadManager::resume, d); }
   std::shared_ptr<Download> started(const std::string& name) {
     auto download = create(name);
     EXPECT_FALSE(prepare(download));
-    EXPECT_FALSE(manager->select(download, lowVideo()));
+    EXPECT_FALSE(manager->select(download, pictureOnly(0)));
     EXPECT_FALSE(manager->start(download));
     return download;
   }
-  static Selection lowVideo() {
-    Selection selection;
-    selection.video.push_back(tests::someTracks().video[0].renditions[0]);
-    return selection;
-  }
   static std::string describe(const QVErrorRef& error) { return error ? error->description() : ""; }
-  std::size_t stored() { return DownloadStore::summaries(library.path(), nullptr).size(); }
+  auto summaries() const { return DownloadStore::summaries(library.path(), nullptr); }
 
   TemporaryDirectory library;
   std::shared_ptr<HostEnvironment> environment;
@@ -170,11 +146,11 @@ TEST_F(ManagerTest, FindsDownloadersThroughPluginsAndTheirFactories) {
   QVErrorRef error;
   EXPECT_EQ(manager->downloaderForContentType(ContentType::dash, &error), downloader);
   manager->downloaderForContentType(ContentType::dash, &error);
-  EXPECT_EQ(plugin->factory->created, 1);
+  EXPECT_EQ(plugin->created, 1);
   EXPECT_FALSE(manager->downloaderForContentType(ContentType::hls, &error));
   EXPECT_EQ(error->type(), ErrorType::downloader_not_found);
   const auto& components = manager->components();
-  components->registerFactory(plugin->factory);
+  components->registerFactory(plugin);
   EXPECT_EQ(components->factories().size(), 1u);
   EXPECT_FALSE(components->factory(ContentType::dash, std::make_shared<Session>("unwanted")));
   EXPECT_EQ(components->downloader(manager->session(), ContentType::dash), downloader);
@@ -189,7 +165,7 @@ TEST_F(ManagerTest, FindsDownloadersThroughPluginsAndTheirFactories) {
 TEST_F(ManagerTest, RunsADownloadAndTellsItsEventsInOrder) {
   auto download = started("movie.mpd");
   EXPECT_THAT(recorder->take(), ElementsAre("running", "start"));
-  EXPECT_EQ(stored(), 1u);
+  EXPECT_EQ(summaries().size(), 1u);
 
   // However much progress arrives while the main queue is busy, one event waits, and it shows the newest.
   platform::MainQueue::shared().sync([&] {
@@ -208,7 +184,7 @@ TEST_F(ManagerTest, RunsADownloadAndTellsItsEventsInOrder) {
   download->setState(DownloadState::success);
   downloader->dispatcher()->dispatchDownloadFinished(download);
   EXPECT_THAT(recorder->take(), ElementsAre("success", "finish"));
-  EXPECT_EQ(DownloadStore::summaries(library.path(), nullptr).at(0).state, DownloadState::success);
+  EXPECT_EQ(summaries().at(0).state, DownloadState::success);
   EXPECT_FALSE(resume(download));
   EXPECT_THAT(downloader->calls(), ElementsAre("prepare id-movie.mpd", "start id-movie.mpd",
                                                "pause id-movie.mpd", "resume id-movie.mpd"));
@@ -218,40 +194,39 @@ TEST_F(ManagerTest, KeepsTheErrorOfARunAndForgetsItWithTheNext) {
   auto download = started("movie.mpd");
   recorder->take();
   download->setState(DownloadState::failed);
-  downloader->dispatcher()->dispatchDownloadError(
-      download, QVErrorBuilder(ErrorType::download_failed).message("host not found").build());
+  downloader->dispatcher()->dispatchDownloadError(download,
+                                                  failure(ErrorType::download_failed, "host not found"));
   EXPECT_THAT(recorder->take(), ElementsAre("failed", "fail host not found"));
-  EXPECT_EQ(DownloadStore::summaries(library.path(), nullptr).at(0).error, "host not found");
+  EXPECT_EQ(summaries().at(0).error, "host not found");
 
   EXPECT_FALSE(resume(download));
   EXPECT_EQ(download->lastErrorText(), "");
   EXPECT_FALSE(download->lastError());
-  EXPECT_EQ(DownloadStore::summaries(library.path(), nullptr).at(0).error, "");
+  EXPECT_EQ(summaries().at(0).error, "");
 }
 
 TEST_F(ManagerTest, LeavesNoTraceOfWhatNeverStarted) {
-  downloader->prepareError =
-      QVErrorBuilder(ErrorType::downloader_request_creation_failed).message("no manifest").build();
+  downloader->prepareError = failure(ErrorType::downloader_request_creation_failed, "no manifest");
   auto download = create("bad.mpd");
   EXPECT_EQ(describe(prepare(download)), "no manifest");
   EXPECT_FALSE(manager->findDownloadByContentUrl("http://example.test/bad.mpd"));
 
   downloader->prepareError = nullptr;
-  downloader->removeError = QVErrorBuilder(ErrorType::storage_error_while_removing_file).build();
+  downloader->removeError = failure(ErrorType::storage_error_while_removing_file, "busy");
   download = create("other.mpd");
   EXPECT_FALSE(prepare(download));
   EXPECT_EQ(manager->start(download)->type(), ErrorType::download_selection_empty);
   EXPECT_EQ(manager->select(download, {})->type(), ErrorType::download_selection_empty);
-  Selection absent = lowVideo();
+  Selection absent = pictureOnly(0);
   absent.video[0].bitrate = 1;
   EXPECT_EQ(manager->select(download, absent)->type(), ErrorType::download_selection_empty);
-  downloader->startError = QVErrorBuilder(ErrorType::unknown).message("no").build();
-  EXPECT_FALSE(manager->select(download, lowVideo()));
+  downloader->startError = failure(ErrorType::unknown, "no");
+  EXPECT_FALSE(manager->select(download, pictureOnly(0)));
   // What preparing wrote goes with it, but not what an earlier life of the download left there.
   library.write("scripted/id-other.mpd/manifest.mpd", "x");
   EXPECT_EQ(describe(manager->start(download)), "no");
   EXPECT_FALSE(manager->store());
-  EXPECT_EQ(stored(), 0u);
+  EXPECT_EQ(summaries().size(), 0u);
   EXPECT_TRUE(manager->downloads().empty());
   EXPECT_FALSE(std::filesystem::exists(library / "scripted/id-other.mpd"));
   library.write("scripted/id-other.mpd/segment", "x");
@@ -289,7 +264,7 @@ TEST_F(ManagerTest, GoesOnWithWhatAnEarlierProcessLeft) {
   auto download = started("movie.mpd");
   EXPECT_EQ(create("movie.mpd"), download);
   download.reset();
-  reopen();
+  open();
 
   download = manager->findDownload("id-m", nullptr);
   ASSERT_TRUE(download);
@@ -299,15 +274,13 @@ TEST_F(ManagerTest, GoesOnWithWhatAnEarlierProcessLeft) {
   EXPECT_THAT(downloader->calls(), ElementsAre("prepare id-movie.mpd", "start id-movie.mpd"));
   EXPECT_EQ(download->selectedVideoRenditions().at(0).height, 360);
 
-  Selection more;
-  more.video.push_back(tests::someTracks().video[0].renditions[1]);
-  EXPECT_TRUE(download->addToSelection(more));
-  EXPECT_FALSE(download->addToSelection(more));
+  EXPECT_TRUE(download->addToSelection(pictureOnly(1)));
+  EXPECT_FALSE(download->addToSelection(pictureOnly(1)));
   EXPECT_EQ(download->selectedVideoRenditions().size(), 2u);
   EXPECT_FALSE(manager->cancel(download));
   EXPECT_EQ(download->state(), DownloadState::idle);
   download.reset();
-  reopen();
+  open();
 
   download = manager->findDownload("id-movie.mpd", nullptr);
   ASSERT_TRUE(download);
@@ -325,17 +298,16 @@ TEST_F(ManagerTest, RemovesContentAndEntryTogether) {
   library.write("scripted/id-partial.mpd/segment", "x");
   EXPECT_FALSE(manager->store());
 
-  downloader->removeError =
-      QVErrorBuilder(ErrorType::storage_error_while_removing_file).message("busy").build();
+  downloader->removeError = failure(ErrorType::storage_error_while_removing_file, "busy");
   EXPECT_EQ(describe(manager->remove(finished)), "busy");
-  EXPECT_EQ(stored(), 2u);
+  EXPECT_EQ(summaries().size(), 2u);
   // The downloader does not know the content of an unfinished download; the entry must still be removable.
   EXPECT_FALSE(manager->remove(partial));
   EXPECT_FALSE(std::filesystem::exists(library / "scripted/id-partial.mpd"));
-  EXPECT_EQ(stored(), 1u);
+  EXPECT_EQ(summaries().size(), 1u);
   std::filesystem::remove_all(library / "scripted/id-done.mpd");
   EXPECT_FALSE(manager->remove(finished));
-  EXPECT_EQ(stored(), 0u);
+  EXPECT_EQ(summaries().size(), 0u);
   EXPECT_EQ(manager->remove(finished), nullptr);
 }
 
@@ -367,16 +339,15 @@ TEST_F(ManagerTest, AsksTheServerWhenTheURLDoesNotTell) {
     EXPECT_EQ(task.request().HTTPMethod(), range.empty() ? "HEAD" : "GET");
     EXPECT_EQ(range == "bytes=0-4095", !range.empty() && (path == "/html" || path == "/plain")) << path;
     EXPECT_EQ(range == "bytes=0-0", !range.empty() && path == "/missing") << path;
-    if (path == "/plain")
-      task.answer(206, "<?xml version='1.0'?><SmoothStreamingMedia", {{"Content-Type", "text/plain"}});
-    else if (path == "/large")
-      task.answer(200, "", {{"Content-Type", "text/plain"}, {"Content-Length", "99999999999"}});
-    else if (path == "/typed")
-      task.answer(200, "", {{"Content-Type", "application/dash+xml"}});
-    else if (path == "/html")
-      task.answer(200, "", {{"Content-Type", "text/html"}});
-    else if (path == "/missing")
-      task.answer(404, "", {{"Content-Type", "video/mp4"}});
+    const std::map<std::string, std::tuple<int, const char*, platform::HTTPHeaders>> answers{
+        {"/plain", {206, "<?xml version='1.0'?><SmoothStreamingMedia", {{"Content-Type", "text/plain"}}}},
+        {"/large", {200, "", {{"Content-Type", "text/plain"}, {"Content-Length", "99999999999"}}}},
+        {"/typed", {200, "", {{"Content-Type", "application/dash+xml"}}}},
+        {"/html", {200, "", {{"Content-Type", "text/html"}}}},
+        {"/missing", {404, "", {{"Content-Type", "video/mp4"}}}},
+    };
+    if (const auto found = answers.find(path); found != answers.end())
+      std::apply([&](auto... answer) { task.answer(answer...); }, found->second);
     else
       task.fail(platform::NSURLErrorCannotFindHost);
   });

@@ -18,11 +18,8 @@
 namespace {
 
 using namespace halvix;
-using support::readFile;
-using support::TemporaryDirectory;
-using tests::dashMovie;
-using tests::openEnvironment;
-using tests::ScriptedDownloader;
+using support::readFile, support::TemporaryDirectory, tests::dashMovie, tests::openEnvironment,
+    tests::ScriptedDownloader;
 
 DownloadRecord record(const std::string& uuid) {
   DownloadRecord r;
@@ -33,18 +30,24 @@ DownloadRecord record(const std::string& uuid) {
   return r;
 }
 
-std::shared_ptr<Download> keptDownload(ScriptedDownloader& downloader, const std::string& name) {
-  auto download = downloader.createDownload(dashMovie(name), {{"Authorization", "secret"}}, nullptr);
-  download->keep();
-  EXPECT_FALSE(downloader.storeItems());
-  return download;
-}
+class Records : public testing::Test {
+protected:
+  std::shared_ptr<Download> keptDownload(const std::string& name) {
+    auto download = downloader->createDownload(dashMovie(name), {{"Authorization", "secret"}}, nullptr);
+    download->keep();
+    EXPECT_FALSE(downloader->storeItems());
+    return download;
+  }
+  std::vector<DownloadRecord> stored() { return environment->store()->load("scripted", nullptr); }
 
-TEST(Records, ComeBackWholeInTheNextProcess) {
   TemporaryDirectory library;
+  std::shared_ptr<HostEnvironment> environment = openEnvironment(library.path());
+  std::shared_ptr<ScriptedDownloader> downloader = std::make_shared<ScriptedDownloader>(environment);
+};
+
+TEST_F(Records, ComeBackWholeInTheNextProcess) {
   {
-    auto downloader = std::make_shared<ScriptedDownloader>(openEnvironment(library.path()));
-    auto download = keptDownload(*downloader, "a.mpd");
+    auto download = keptDownload("a.mpd");
     Selection selection;
     selection.audio = tests::someTracks().audio[0].renditions;
     download->setSelection(selection);
@@ -53,29 +56,29 @@ TEST(Records, ComeBackWholeInTheNextProcess) {
     download->setPreferredBitrate(700'000);
     download->setMaximumConcurrentTransfers(7);
     download->setFairplayKeyURIs({"skd://one", "skd://two"});
-    download->setLastError(QVErrorBuilder(ErrorType::download_failed).message("no luck").build());
+    download->setLastError(tests::failure(ErrorType::download_failed, "no luck"));
     download->setProgress(
         download->progress().copyWithExpectedContentSize(100).copyWithDownloadedContentSize(40));
     EXPECT_FALSE(downloader->storeItems());
   }
-  auto downloader = std::make_shared<ScriptedDownloader>(openEnvironment(library.path()));
+  downloader.reset(), environment.reset();
+  environment = openEnvironment(library.path());
+  downloader = std::make_shared<ScriptedDownloader>(environment);
   auto download = downloader->findDownload("id-a.mpd");
   ASSERT_TRUE(download);
   EXPECT_EQ(downloader->findDownloadByContentUrl("http://example.test/a.mpd"), download);
-  EXPECT_EQ(download->title(), "Title of a.mpd");
-  EXPECT_EQ(download->contentType(), ContentType::dash);
+  EXPECT_EQ(std::tuple(download->title(), download->contentType(), download->lastErrorText()),
+            std::tuple("Title of a.mpd", ContentType::dash, "no luck"));
   EXPECT_EQ(download->selectedAudioRenditions().at(0).language, "de");
   EXPECT_EQ(*download->resumeData(), (platform::Data{0, 1, 255}));
   EXPECT_EQ(download->localUrl(), library / "scripted/id-a.mpd/manifest.mpd");
   EXPECT_EQ(download->preferredBitrate(), 700'000);
   EXPECT_EQ(download->maximumConcurrentTransfers(), 7);
   EXPECT_EQ(download->fairplayKeyURIs().size(), 2u);
-  EXPECT_EQ(download->lastErrorText(), "no luck");
   EXPECT_EQ(download->progress().downloadedContentSize(), 40);
   const auto headers = downloader->headersForDownload("id-a.mpd");
-  EXPECT_EQ(headers.at("authorization"), "secret");
-  EXPECT_EQ(headers.at("X-Library"), "all");
-  EXPECT_EQ(headers.at("X-Downloader"), "own");
+  EXPECT_EQ(std::tuple(headers.at("authorization"), headers.at("X-Library"), headers.at("X-Downloader")),
+            std::tuple("secret", "all", "own"));
 
   struct stat status = {};
   for (const auto& entry : std::filesystem::directory_iterator(library.path()))
@@ -85,12 +88,8 @@ TEST(Records, ComeBackWholeInTheNextProcess) {
     }
 }
 
-TEST(Records, AreWrittenOnlyWhenSomethingInThemChanged) {
-  TemporaryDirectory library;
-  auto environment = openEnvironment(library.path());
-  auto downloader = std::make_shared<ScriptedDownloader>(environment);
-  auto a = keptDownload(*downloader, "a");
-  auto b = keptDownload(*downloader, "b");
+TEST_F(Records, AreWrittenOnlyWhenSomethingInThemChanged) {
+  auto a = keptDownload("a"), b = keptDownload("b");
   auto rows = [&] {
     EXPECT_FALSE(downloader->storeItems());
     return environment->store()->rowsWritten();
@@ -117,14 +116,11 @@ TEST(Records, AreWrittenOnlyWhenSomethingInThemChanged) {
   EXPECT_FALSE(downloader->forgetDownload("id-c"));
   c->setTitle("after its end");
   EXPECT_EQ(rows(), 5u);
-  EXPECT_EQ(environment->store()->load("scripted", nullptr).size(), 2u);
+  EXPECT_EQ(stored().size(), 2u);
 }
 
-TEST(Records, ThatCannotBeWrittenStayMarked) {
-  TemporaryDirectory library;
-  auto environment = openEnvironment(library.path());
-  auto downloader = std::make_shared<ScriptedDownloader>(environment);
-  auto download = keptDownload(*downloader, "a");
+TEST_F(Records, ThatCannotBeWrittenStayMarked) {
+  auto download = keptDownload("a");
   // The file size limit is the simplest disk that is full.
   ::signal(SIGXFSZ, SIG_IGN);
   rlimit old = {};
@@ -138,7 +134,7 @@ TEST(Records, ThatCannotBeWrittenStayMarked) {
   ASSERT_TRUE(error);
   EXPECT_EQ(error->type(), ErrorType::library_unavailable);
   EXPECT_FALSE(downloader->storeItems());
-  EXPECT_EQ(environment->store()->load("scripted", nullptr).at(0).title.size(), 100'000u);
+  EXPECT_EQ(stored().at(0).title.size(), 100'000u);
 }
 
 TEST(Store, RefusesWhatItDoesNotKnowAndLeavesItAlone) {
@@ -247,12 +243,9 @@ TEST(Store, ListsWithoutTouchingTheLibrary) {
   EXPECT_EQ(listed.back().id, "id0");
 }
 
-TEST(Download, SharedByThreadsKeepsItsChanges) {
-  TemporaryDirectory library;
-  auto environment = openEnvironment(library.path());
-  auto downloader = std::make_shared<ScriptedDownloader>(environment);
-  auto download = keptDownload(*downloader, "a");
-  std::vector<std::thread> threads;
+TEST_F(Records, OfADownloadThatThreadsShareKeepTheirChanges) {
+  auto download = keptDownload("a");
+  std::vector<std::jthread> threads;
   for (int t = 0; t < 3; ++t)
     threads.emplace_back([&, t] {
       for (int i = 0; i < 200; ++i) {
@@ -264,10 +257,9 @@ TEST(Download, SharedByThreadsKeepsItsChanges) {
         (void)download->localUrl(), (void)downloader->downloads();
       }
     });
-  for (auto& thread : threads)
-    thread.join();
+  threads.clear();
   EXPECT_FALSE(downloader->storeItems());
-  EXPECT_EQ(environment->store()->load("scripted", nullptr).at(0).title, download->title());
+  EXPECT_EQ(stored().at(0).title, download->title());
 }
 
 } // namespace

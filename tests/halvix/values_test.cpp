@@ -14,8 +14,7 @@
 namespace {
 
 using namespace halvix;
-using platform::ErrorRef;
-using platform::makeError;
+using platform::ErrorRef, platform::makeError;
 
 const platform::ErrorDomain httpDomain("QVDownloadHTTPErrorDomain");
 const platform::ErrorDomain downloadDomain("QVDownloadErrorDomain");
@@ -24,11 +23,8 @@ ErrorRef notFound() {
   return makeError(httpDomain, 404, platform::UserInfo{{"QVStatusMessage", std::string("not found")}});
 }
 
-QVErrorRef failedWith(ErrorRef cause) {
-  return QVErrorBuilder(ErrorType::download_failed)
-      .message("the download failed")
-      .parent(std::move(cause))
-      .build();
+QVErrorRef failedWith(const ErrorRef& cause) {
+  return QVErrorBuilder(ErrorType::download_failed).message("the download failed").parent(cause).build();
 }
 
 TEST(ErrorChain, NamesWhatAndWhyInOneLine) {
@@ -56,14 +52,12 @@ TEST(ErrorChain, NamesWhatAndWhyInOneLine) {
 }
 
 TEST(ErrorChain, AggregatesNameTheFirstCauseAndCountTheOthers) {
-  const auto quality = makeError(
-      downloadDomain, -1001,
-      platform::UserInfo{{"QVResourceErrors", std::map<std::size_t, ErrorRef>{
-                                                  {7, notFound()}, {8, notFound()}, {12, notFound()}}}});
-  const auto set =
-      makeError(downloadDomain, -1002,
-                platform::UserInfo{{"QVQualityErrors",
-                                    std::map<std::string, ErrorRef>{{"v1", quality}, {"v2", notFound()}}}});
+  using platform::UserInfo;
+  const std::map<std::size_t, ErrorRef> resources{{7, notFound()}, {8, notFound()}, {12, notFound()}};
+  const std::map<std::string, ErrorRef> qualities{
+      {"v1", makeError(downloadDomain, -1001, UserInfo{{"QVResourceErrors", resources}})},
+      {"v2", notFound()}};
+  const auto set = makeError(downloadDomain, -1002, UserInfo{{"QVQualityErrors", qualities}});
   EXPECT_EQ(describeError(failedWith(set)),
             "the download failed: quality \"v1\": resource 7: HTTP status 404 \"not found\" (and 2 more "
             "resources) (and 1 more quality)");
@@ -94,8 +88,7 @@ TEST(ContentTypes, AreToldByURLAndByServer) {
 
 TEST(Selections, SurviveStoringAndAreFoundAgainInChangedTracks) {
   Tracks tracks = tests::someTracks();
-  Selection chosen;
-  chosen.video.push_back(tracks.video[0].renditions[1]);
+  Selection chosen = tests::pictureOnly(1);
   chosen.audio = tracks.audio[0].renditions;
   chosen.text = tracks.text;
   const auto restored = Selection::deserialized(chosen.serialized());
@@ -117,9 +110,7 @@ TEST(Selections, SurviveStoringAndAreFoundAgainInChangedTracks) {
 
   Selection more = chosen;
   EXPECT_FALSE(more.merge(*restored));
-  Selection other;
-  other.video.push_back(tests::someTracks().video[0].renditions[0]);
-  EXPECT_TRUE(more.merge(other));
+  EXPECT_TRUE(more.merge(tests::pictureOnly(0)));
   EXPECT_EQ(more.size(), 4u);
 
   EXPECT_EQ(Selection::deserialized("[1]"), std::nullopt);

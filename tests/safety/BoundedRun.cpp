@@ -1,16 +1,13 @@
 #include "tests/safety/BoundedRun.h"
 
-#include "apps/tolvane/Process.h"
 #include "tests/safety/FaultLayer.h"
 
-#include <algorithm>
 #include <cstdlib>
 
 namespace safety {
 
 support::ProgramResult runBounded(const std::vector<std::string>& arguments,
                                   const std::optional<FileLayer>& layer) {
-  const support::TemporaryDirectory scratch;
   std::vector<std::string> command{"timeout", "-s", "KILL", "90", "env"};
   if (layer) {
     command.push_back(std::string("LD_PRELOAD=") + FAULT_LAYER_LIBRARY);
@@ -24,24 +21,14 @@ support::ProgramResult runBounded(const std::vector<std::string>& arguments,
   }
   command.push_back(support::programPath());
   command.insert(command.end(), arguments.begin(), arguments.end());
-  tolvane::Process process(command, scratch / "out", scratch / "err");
-  support::ProgramResult result;
-  result.status = process.wait();
-  result.out = support::readFile(scratch / "out");
-  result.err = support::readFile(scratch / "err");
-  return result;
+  return support::runToEnd(command);
 }
 
 std::string endFault(const support::ProgramResult& result) {
-  if (result.status == 0)
-    return {};
-  if (result.status != 1)
-    return (result.status == statusHung ? "hung or was killed"
-                                        : "ended with status " + std::to_string(result.status)) +
-           (": " + result.err);
-  if (result.err.rfind("tolvane: ", 0) != 0 || std::count(result.err.begin(), result.err.end(), '\n') != 1)
-    return "wrote not one line: " + result.err;
-  return {};
+  if (result.status == statusHung)
+    return "hung or was killed: " + result.err;
+  const auto isRight = result.status == 0 ? testing::AssertionSuccess() : support::refused(result, {});
+  return isRight ? "" : isRight.message();
 }
 
 } // namespace safety

@@ -22,6 +22,11 @@ inline constexpr int statusHung = 137;
 support::ProgramResult runBounded(const std::vector<std::string>& arguments,
                                   const std::optional<FileLayer>& layer = std::nullopt);
 
+/// The arguments that download everything behind a URL into a library.
+inline std::vector<std::string> downloadOf(const std::string& url, const std::string& library) {
+  return {"download", url, "--video", "all", "--progress", "none", "--library", library};
+}
+
 /// What is wrong with the way a run ended: nothing after success, or after status 1 with one line of its own
 /// on standard error.
 std::string endFault(const support::ProgramResult& result);

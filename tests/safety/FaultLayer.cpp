@@ -43,22 +43,20 @@ Settings& settings() {
   return instance;
 }
 
+void pathOf(int descriptor, char (&result)[PATH_MAX]) {
+  char link[64] = "/proc/self/cwd";
+  if (descriptor != AT_FDCWD)
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
+  const long length = syscall(SYS_readlinkat, AT_FDCWD, link, result, sizeof result - 1);
+  result[length > 0 ? length : 0] = '\0';
+}
+
 void absolute(int directory, const char* path, char (&result)[PATH_MAX]) {
-  result[0] = '\0';
-  if (!path)
-    return;
-  if (path[0] == '/') {
-    std::snprintf(result, sizeof result, "%s", path);
-    return;
-  }
-  char link[64], base[PATH_MAX];
-  if (directory == AT_FDCWD)
-    std::snprintf(link, sizeof link, "/proc/self/cwd");
-  else
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", directory);
-  const long length = syscall(SYS_readlinkat, AT_FDCWD, link, base, sizeof base - 1);
-  base[length > 0 ? length : 0] = '\0';
-  const int written = std::snprintf(result, sizeof result, "%s/%s", base, path);
+  char base[PATH_MAX] = "";
+  if (path && path[0] != '/')
+    pathOf(directory, base);
+  const int written =
+      std::snprintf(result, sizeof result, "%s%s%s", base, base[0] ? "/" : "", path ? path : "");
   if (written < 0 || written >= PATH_MAX)
     result[0] = '\0';
 }
@@ -66,12 +64,7 @@ void absolute(int directory, const char* path, char (&result)[PATH_MAX]) {
 /// One call. It fails, or `run` goes to the system between the two lines of the log.
 class Call {
 public:
-  Call(const char* kind, int descriptor) : _kind(kind) {
-    char link[64];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
-    const long length = syscall(SYS_readlinkat, AT_FDCWD, link, _path, sizeof _path - 1);
-    _path[length > 0 ? length : 0] = '\0';
-  }
+  Call(const char* kind, int descriptor) : _kind(kind) { pathOf(descriptor, _path); }
   Call(const char* kind, int directory, const char* path) : _kind(kind) { absolute(directory, path, _path); }
   void setTarget(int directory, const char* path) { absolute(directory, path, _target); }
   void setMarked(bool marked) { _marked = marked; }
@@ -140,26 +133,18 @@ int renameAt(int fromDirectory, const char* from, int toDirectory, const char* t
 // The system's own declarations promise more of the arguments than a replacement needs.
 extern "C" {
 
-#define FAULT_LAYER_OPEN(name)                                                                               \
-  __attribute__((visibility("default"))) int name(const char* path, int flags, ...) {                        \
-    va_list arguments;                                                                                       \
-    va_start(arguments, flags);                                                                              \
-    const mode_t mode = modeIn(flags, arguments);                                                            \
-    va_end(arguments);                                                                                       \
-    return openAt(AT_FDCWD, path, flags, mode);                                                              \
-  }
-#define FAULT_LAYER_OPENAT(name)                                                                             \
-  __attribute__((visibility("default"))) int name(int directory, const char* path, int flags, ...) {         \
+#define FAULT_LAYER_OPEN(name, directory, parameters)                                                        \
+  __attribute__((visibility("default"))) int name parameters {                                               \
     va_list arguments;                                                                                       \
     va_start(arguments, flags);                                                                              \
     const mode_t mode = modeIn(flags, arguments);                                                            \
     va_end(arguments);                                                                                       \
     return openAt(directory, path, flags, mode);                                                             \
   }
-FAULT_LAYER_OPEN(open)
-FAULT_LAYER_OPEN(open64)
-FAULT_LAYER_OPENAT(openat)
-FAULT_LAYER_OPENAT(openat64)
+FAULT_LAYER_OPEN(open, AT_FDCWD, (const char* path, int flags, ...))
+FAULT_LAYER_OPEN(open64, AT_FDCWD, (const char* path, int flags, ...))
+FAULT_LAYER_OPEN(openat, from, (int from, const char* path, int flags, ...))
+FAULT_LAYER_OPEN(openat64, from, (int from, const char* path, int flags, ...))
 
 #define FAULT_LAYER_PWRITE(name)                                                                             \
   __attribute__((visibility("default"))) ssize_t name(int file, const void* bytes, size_t count,             \

@@ -32,14 +32,14 @@ template <class FileName> std::string dashManifest(std::size_t segments, const F
 
 std::string smoothManifest(std::size_t segments) {
   const std::string count = std::to_string(segments);
-  std::string text = "<SmoothStreamingMedia MajorVersion=\"2\" MinorVersion=\"0\" Duration=\"" + count +
-                     "0000000\"><StreamIndex Type=\"video\" Chunks=\"" + count +
-                     "\" QualityLevels=\"2\" MaxWidth=\"320\" MaxHeight=\"180\" DisplayWidth=\"320\" "
-                     "DisplayHeight=\"180\" Url=\"Quality({bitrate})Fragment(video={start time})\">";
+  std::string text = R"(<SmoothStreamingMedia MajorVersion="2" MinorVersion="0" Duration=")" + count +
+                     R"xml(0000000"><StreamIndex Type="video" QualityLevels="2" MaxWidth="320" MaxHeight="180"
+DisplayWidth="320" DisplayHeight="180" Url="Quality({bitrate})Fragment(video={start time})" Chunks=")xml" +
+                     count + "\">";
   for (int quality = 0; quality < 2; ++quality) {
     const std::string height = std::to_string(90 << quality);
-    text += std::string("<QualityLevel Index=\"") + std::to_string(quality) + "\" Bitrate=\"" + height +
-            "000\" MaxWidth=\"160\" MaxHeight=\"" + height + "\" FourCC=\"H264\" CodecPrivateData=\"00\"/>";
+    text += "<QualityLevel Index=\"" + std::to_string(quality) + "\" Bitrate=\"" + height +
+            R"(000" MaxWidth="160" FourCC="H264" CodecPrivateData="00" MaxHeight=")" + height + "\"/>";
   }
   return text + "<c d=\"1\" r=\"" + count + "\"/></StreamIndex></SmoothStreamingMedia>";
 }

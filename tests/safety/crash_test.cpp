@@ -1,6 +1,5 @@
 // Downloads that are killed again and again, at any moment, and still end whole.
 
-#include "apps/tolvane/Process.h"
 #include "tests/safety/BoundedRun.h"
 #include "tests/safety/Presentation.h"
 
@@ -9,10 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <random>
-#include <set>
 #include <sqlite3.h>
 #include <thread>
 
@@ -61,27 +57,23 @@ class World {
 public:
   World(unsigned seed, Format format) : _random(seed), _presentation(segments, seed, format) {
     _presentation.serve(_server);
-    for (const auto& [name, content] : _presentation.files())
-      _server.handle("/" + name, counted(FaultServer::entity({content, "\"" + name + "\"", ""})));
-    // Some bodies stop half-way when they are asked for the first time, so that there are parts to adopt.
-    for (const auto& [name, content] : _presentation.files())
-      if (_random() % 5 == 0) {
-        Fault stall;
-        stall.stallAfter = content.size() / 2;
-        stall.gate = _gate;
-        _server.once("/" + name, counted(FaultServer::entity({content, "\"" + name + "\"", ""}, stall)));
-      }
+    for (const auto& [name, content] : _presentation.files()) {
+      const Entity entity{content, "\"" + name + "\"", ""};
+      _server.handle("/" + name, counted(FaultServer::entity(entity)));
+      // Some bodies stop half-way when they are asked for the first time, so that there are parts to adopt.
+      if (_random() % 5 == 0)
+        _server.once("/" + name,
+                     counted(FaultServer::entity(entity, stallingAfter(content.size() / 2, _gate))));
+    }
   }
 
   /// Starts the program and kills it at some moment; false when it ended by itself before.
   bool killedRun() {
     const std::string directory = downloadDirectoryIn(library());
-    std::vector<std::string> command{programPath()};
+    auto command = downloadOf(url(), library());
     if (!directory.empty() && _random() % 2 == 0)
-      command.insert(command.end(), {"resume", "--all"});
-    else
-      command.insert(command.end(), {"download", _server.url(Presentation::manifestPath), "--video", "all"});
-    command.insert(command.end(), {"--progress", "none", "--library", library()});
+      command = {"resume", "--all", "--progress", "none", "--library", library()};
+    command.insert(command.begin(), programPath());
 
     const std::size_t requestsBefore = _requests, heldBefore = _gate->arrivals();
     for (const char* name : {"out", "err"})
@@ -111,19 +103,15 @@ public:
 
   void finish() {
     _gate->open();
-    for (const char* repeat : {"download", "again"}) {
-      const ProgramResult result = runBounded({"download", _server.url(Presentation::manifestPath), "--video",
-                                               "all", "--progress", "none", "--library", library()});
-      EXPECT_EQ(result.status, 0) << repeat << ": " << result.err;
-    }
+    for (const char* repeat : {"download", "again"})
+      EXPECT_TRUE(endedWell(runBounded(downloadOf(url(), library())))) << repeat;
     const std::string directory = downloadDirectoryIn(library());
     EXPECT_EQ(_presentation.wholeFiles(directory).size(), _presentation.files().size());
     EXPECT_EQ(_presentation.faults(directory), "");
     const json list = listed();
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(list[0]["state"], "success");
-    const ProgramResult verified = runBounded({"verify", list[0]["id"], "--library", library()});
-    EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
+    EXPECT_TRUE(endedWell(runBounded({"verify", list[0]["id"], "--library", library()})));
     for (const auto& entry : fs::directory_iterator(library() + "/transfers"))
       EXPECT_EQ(entry.path().string().find("damaged"), std::string::npos) << entry.path();
     // A description may outlive its part by a kill; that is swept in time. No body is left lying there.
@@ -136,7 +124,7 @@ public:
 
   json listed() const {
     const ProgramResult result = runBounded({"list", "--json", "--library", library()});
-    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(endedWell(result));
     return json::parse(result.out);
   }
 
@@ -145,6 +133,7 @@ public:
 
 private:
   std::string library() const { return _directory / "library"; }
+  std::string url() const { return _server.url(Presentation::manifestPath); }
 
   ServerHandler counted(ServerHandler handler) {
     return [this, handler = std::move(handler)](const ServerRequest& request, ServerConnection& connection) {
@@ -226,6 +215,10 @@ TEST_P(Crashes, KilledAtAnyMomentADownloadStillEndsWholeAndFetchesNothingTwice) 
   auto world = std::make_unique<World>(seed, GetParam());
   int killed = 0, inWorld = 0, worlds = 1;
   std::size_t lost = 0, twice = 0;
+  const auto finishWorld = [&] {
+    world->finish();
+    lost += world->lostBodies(), twice += world->bytesServedTwice();
+  };
   for (; killed < kills && !HasFailure();) {
     SCOPED_TRACE("seed " + std::to_string(seed) + ", kill " + std::to_string(inWorld));
     if (world->killedRun()) {
@@ -238,13 +231,11 @@ TEST_P(Crashes, KilledAtAnyMomentADownloadStillEndsWholeAndFetchesNothingTwice) 
     EXPECT_EQ(world->lastStatus(), 0) << world->output();
     if (world->output().find("nothing to resume") != std::string::npos && inWorld < 40)
       continue;
-    world->finish();
-    lost += world->lostBodies(), twice += world->bytesServedTwice();
+    finishWorld();
     world = std::make_unique<World>(++seed, GetParam());
     inWorld = 0, ++worlds;
   }
-  world->finish();
-  lost += world->lostBodies(), twice += world->bytesServedTwice();
+  finishWorld();
   EXPECT_EQ(lost, 0U) << "whole bodies are adopted, not fetched again";
   std::printf("%d kills over %d downloads; %zu whole bodies lost on their way, %zu bytes fetched twice\n",
               killed, worlds, lost, twice);

@@ -7,9 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <gtest/gtest.h>
-#include <map>
-#include <nlohmann/json.hpp>
 #include <tuple>
 
 using namespace support;
@@ -42,10 +39,13 @@ public:
   explicit Scene(Format format = Format::DASH) : presentation(3, 7, format) { presentation.serve(server); }
 
   std::vector<std::string> download() const {
-    return {"download",   server.url(Presentation::manifestPath),
-            "--video",    "all",
-            "--progress", "none",
-            "--library",  library()};
+    return downloadOf(server.url(Presentation::manifestPath), library());
+  }
+  /// The calls of a whole download.
+  std::vector<LoggedCall> callsOfDownload() const {
+    const std::string log = directory / "log";
+    EXPECT_TRUE(endedWell(runBounded(download(), FileLayer{library(), log, ""})));
+    return readLog(log);
   }
   ProgramResult run(std::vector<std::string> arguments) const {
     arguments.insert(arguments.end(), {"--library", library()});
@@ -80,16 +80,14 @@ void expectSurvival(const std::string& fault, Format format) {
         << "the record is lost: " << run.err;
   }
 
-  const ProgramResult resumed =
-      list.empty() ? runBounded(scene.download()) : scene.run({"resume", "--all", "--progress", "none"});
-  EXPECT_EQ(resumed.status, 0) << resumed.err << "after: " << run.err;
+  EXPECT_TRUE(endedWell(list.empty() ? runBounded(scene.download()) : scene.run({"resume", "--all"})))
+      << "after: " << run.err;
   directory = downloadDirectoryIn(scene.library());
   EXPECT_EQ(origin.wholeFiles(directory).size(), origin.files().size());
   EXPECT_EQ(origin.faults(directory), "");
   const json after = json::parse(scene.run({"list", "--json"}).out);
   ASSERT_EQ(after.size(), 1u);
-  const ProgramResult verified = scene.run({"verify", after[0]["id"]});
-  EXPECT_EQ(verified.status, 0) << verified.out << verified.err << "after: " << run.err;
+  EXPECT_TRUE(endedWell(scene.run({"verify", after[0]["id"]}))) << "after: " << run.err;
 }
 
 class EachCall : public testing::TestWithParam<std::tuple<const char*, bool>> {};
@@ -100,9 +98,7 @@ TEST_P(EachCall, FailsAndNothingWrongIsLeftBehind) {
   const std::string kind = std::get<0>(GetParam());
   const bool lasting = std::get<1>(GetParam());
   Scene scene;
-  const std::string log = scene.directory / "log";
-  ASSERT_EQ(runBounded(scene.download(), FileLayer{scene.library(), log, ""}).status, 0);
-  const auto calls = readLog(log);
+  const auto calls = scene.callsOfDownload();
   const int count = static_cast<int>(std::count_if(calls.begin(), calls.end(), [&](const LoggedCall& call) {
     return call.mark == '<' && (call.kind == kind || call.kind == kind + "!");
   }));
@@ -128,24 +124,20 @@ INSTANTIATE_TEST_SUITE_P(Faults, EachCall,
 // What a rename makes visible must be on the disk already, and what a state claims must be there to stay.
 TEST(Order, DataIsSyncedThenRenamedThenItsDirectorySyncedAndOnlyThenClaimed) {
   Scene scene;
-  const std::string log = scene.directory / "log";
-  ASSERT_EQ(runBounded(scene.download(), FileLayer{scene.library(), log, ""}).status, 0);
-  const auto calls = readLog(log);
+  const auto calls = scene.callsOfDownload();
   const std::string directory = downloadDirectoryIn(scene.library());
 
   constexpr std::size_t never = std::string::npos;
-  std::size_t firstClaim = never, lastPlaced = 0;
-  for (std::size_t i = 0; i < calls.size(); ++i)
-    if (firstClaim == never && calls[i].kind == "write!" && calls[i].path.find("/halvix.db") != never)
-      firstClaim = i;
-  ASSERT_NE(firstClaim, never);
-
   auto find = [&](std::size_t from, char mark, const std::string& kind, auto matches) {
     for (std::size_t i = from; i < calls.size(); ++i)
       if (calls[i].mark == mark && calls[i].kind == kind && matches(calls[i]))
         return i;
     return never;
   };
+  const std::size_t firstClaim =
+      find(0, '<', "write!", [](const LoggedCall& call) { return call.path.find("/halvix.db") != never; });
+  ASSERT_NE(firstClaim, never);
+  std::size_t lastPlaced = 0;
   auto placed = scene.presentation.files();
   placed.emplace("manifest.mpd", "");
   for (const auto& [name, content] : placed) {
