@@ -4,6 +4,7 @@
 #include "tests/adapters/AdapterFixture.h"
 
 #include "platform/concurrency/Queue.h"
+#include "platform/foundation/FileManager.h"
 
 #include <filesystem>
 
@@ -34,9 +35,9 @@ protected:
   std::shared_ptr<Download> create(const std::string& address = url) {
     return Adapter::create(address, ContentType::mp4);
   }
-  halvix::QVErrorRef prepare(const std::string& uuid, const std::string& length) {
+  halvix::QVErrorRef prepare(const std::string& uuid, const platform::HTTPHeaders& told) {
     return Adapter::prepare(uuid, [&] {
-      service->dataTasks().back()->answer(200, "", {{"Content-Length", length}});
+      service->dataTasks().back()->answer(200, "", told);
       settle();
     });
   }
@@ -192,19 +193,27 @@ TEST_F(FileAdapter, AFileInPlaceWithoutARecordOfItsEndCountsWhenTheServerAgrees)
   const std::string uuid = started()->uuid();
   adapter->storeItems();
   open();
-  directory.write("FileDownloader/" + uuid + "/Holiday.mp4", "0123456789"); // as the server called it then
   auto download = adapter->findDownload(uuid);
-  for (const char* length : {"11", "10"}) {
-    EXPECT_EQ(prepare(uuid, length), nullptr);
+  const std::string file = directory.write("FileDownloader/" + uuid + "/Holiday.mp4",
+                                           "0123456789"); // as the server called it then
+  const std::string date = "Sun, 06 Nov 1994 08:49:37 GMT", later = "Sun, 06 Nov 1994 08:49:38 GMT";
+  ASSERT_EQ(platform::FileManager::setModifiedSeconds(784'111'777, file), nullptr);
+  // Each outcome before the next: what the server does not agree to is fetched, and stopped here.
+  const std::tuple<const char*, std::string, bool> answers[] = {
+      {"11", date, false}, {"10", later, false}, {"10", date, true}};
+  for (const auto& [length, modified, counts] : answers) {
+    SCOPED_TRACE(length + (" " + modified));
+    EXPECT_EQ(prepare(uuid, {{"Content-Length", length}, {"Last-Modified", modified}}), nullptr);
     EXPECT_EQ(service->dataTasks().back()->request().HTTPMethod(), "HEAD");
-    if (std::string(length) == "11")
-      continue;
     EXPECT_EQ(adapter->startDownload(uuid, {}), nullptr);
-    EXPECT_TRUE(live().empty());
+    EXPECT_EQ(live().empty(), counts);
+    if (!counts) {
+      EXPECT_EQ(adapter->cancelDownload(uuid), nullptr);
+    }
     settle();
-    EXPECT_EQ(download->state(), DownloadState::success);
-    EXPECT_EQ(support::readFile(*download->localUrl()), "0123456789");
   }
+  EXPECT_EQ(download->state(), DownloadState::success);
+  EXPECT_EQ(support::readFile(*download->localUrl()), "0123456789");
 }
 
 TEST_F(FileAdapter, TheNameThatComesWithTheFileIsTakenWithoutAnotherRequest) {
@@ -215,7 +224,8 @@ TEST_F(FileAdapter, TheNameThatComesWithTheFileIsTakenWithoutAnotherRequest) {
   const std::string folder = "FileDownloader/" + download->uuid() + "/";
   directory.write(folder + "get.mp4", "old");
   directory.write(folder + "get.srt", "somebody's");
-  receiveHalf({{"Content-Disposition", "attachment; filename=\"../Holiday.mp4\""}});
+  receiveHalf({{"Content-Disposition", "attachment; filename=\"../Holiday.mp4\""},
+               {"Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT"}});
   settle();
   EXPECT_EQ(download->title(), "Holiday.mp4") << "while it is on its way";
   for (const auto& task : live())
@@ -226,6 +236,8 @@ TEST_F(FileAdapter, TheNameThatComesWithTheFileIsTakenWithoutAnotherRequest) {
   EXPECT_EQ(download->localRelativePath(), download->uuid() + "/Holiday.mp4");
   EXPECT_EQ(mine->localRelativePath(), mine->uuid() + "/Holiday.mp4");
   EXPECT_EQ(mine->title(), "Mine");
+  EXPECT_EQ(platform::FileManager::attributesOfItemAtPath(*mine->localUrl())->modifiedSeconds, 784'111'777)
+      << "the server's date";
   EXPECT_TRUE(service->dataTasks().empty());
   EXPECT_FALSE(std::filesystem::exists(directory / (folder + "get.mp4")));
   EXPECT_TRUE(std::filesystem::exists(directory / (folder + "get.srt")));
@@ -252,7 +264,7 @@ TEST_F(FileAdapter, WhatIsRemovedWhileItComesIntoItsPlaceLeavesNothing) {
   adapter->storeItems();
   directory.write("FileDownloader/" + uuid + "/movie.mp4", "0123456789");
   auto found = adapter->findDownload(uuid);
-  EXPECT_EQ(prepare(uuid, "10"), nullptr);
+  EXPECT_EQ(prepare(uuid, {{"Content-Length", "10"}}), nullptr);
   platform::MainQueue::shared().sync([&] {
     EXPECT_EQ(adapter->startDownload(uuid, {}), nullptr);
     platform::SerialQueue::background().sync([] {});

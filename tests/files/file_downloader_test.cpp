@@ -289,6 +289,9 @@ TEST_P(FileDownloaderTest, StopsAndResumesThroughItsProgress) {
     progress = downloader->downloadProgressForIdentifier("film");
     return progress && progress->receivedFileSize() >= 600'000;
   }));
+  const auto head = downloader->responseForIdentifier("film");
+  ASSERT_TRUE(head);
+  EXPECT_EQ(head->valueForHTTPHeaderField("ETag"), "\"1\"");
   EXPECT_EQ(progress->expectedFileSize(), std::int64_t(content.size()));
   EXPECT_FLOAT_EQ(progress->downloadProgress(), 600'000.0f / static_cast<float>(content.size()));
   EXPECT_EQ(progress->nativeProgress()->completedUnitCount(), progress->receivedFileSize());
