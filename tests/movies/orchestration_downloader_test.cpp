@@ -10,8 +10,6 @@
 #include "platform/foundation/StringHash.h"
 #include "tests/support/Expectation.h"
 
-#include <gmock/gmock.h>
-
 #include <atomic>
 #include <thread>
 
