@@ -14,9 +14,6 @@
 
 #include <gmock/gmock.h>
 
-#include <tuple>
-#include <utility>
-
 namespace binding {
 
 using namespace testing;

@@ -10,8 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <tuple>
-#include <utility>
 
 namespace {
 

@@ -10,12 +10,9 @@
 #include "qvc/xml/Parser.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <limits>
 #include <string>
-#include <tuple>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -146,13 +143,13 @@ TEST(SegmentTemplate, WithAConstantDuration) {
 }
 
 TEST(SegmentTemplate, Initialization) {
-  const auto init = [](const char* addressing) { return representation(addressing)->getInitialization(); };
-  EXPECT_EQ(init("<SegmentTemplate initialization='$RepresentationID$-$Bandwidth$-$Number$-$Time$'/>")
-                .reference.uri.get(),
+  const auto init = [](const char* addressing) {
+    return representation(addressing)->getInitialization().reference.uri.get();
+  };
+  EXPECT_EQ(init("<SegmentTemplate initialization='$RepresentationID$-$Bandwidth$-$Number$-$Time$'/>"),
             "v1-1000-0-0");
   // Without the attribute a single control character is the reference, even next to a stated initialization.
-  EXPECT_EQ(init("<SegmentTemplate><Initialization sourceURL='i'/></SegmentTemplate>").reference.uri.get(),
-            "\x01");
+  EXPECT_EQ(init("<SegmentTemplate><Initialization sourceURL='i'/></SegmentTemplate>"), "\x01");
   const auto broken = representation("<SegmentTemplate initialization='$Broken$' media='$x' duration='1'/>");
   EXPECT_THROW(broken->getInitialization(), ArgumentException) << "only when asked for";
   EXPECT_THROW(broken->getIndex().getSegmentURL(1), ArgumentException);
@@ -205,9 +202,9 @@ TEST(SegmentBase, SingleSegments) {
 }
 
 TEST(SegmentAddressing, TimescalesConvertInThreeWays) {
-  const auto timeUs = [](const char* timescale, const char* time) {
-    return representation(std::string("<SegmentTemplate timescale='") + timescale +
-                          "' presentationTimeOffset='" + time + "'/>")
+  const auto timeUs = [](const std::string& timescale, const std::string& time) {
+    return representation("<SegmentTemplate timescale='" + timescale + "' presentationTimeOffset='" + time +
+                          "'/>")
         ->getPresentationTimeOffsetUs();
   };
   EXPECT_EQ(timeUs("1000", "9007199254740993"), 9007199254740993000) << "exact";

@@ -4,12 +4,9 @@
 #include "mpl/hls/LineText.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <limits>
 #include <string>
-#include <tuple>
-#include <utility>
 #include <vector>
 
 namespace {

@@ -11,8 +11,6 @@
 
 #include <stdexcept>
 #include <string>
-#include <tuple>
-#include <utility>
 
 namespace {
 

@@ -4,7 +4,6 @@
 #include "tests/qvc/CapturedLog.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <unistd.h>
 

@@ -8,8 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <tuple>
-#include <utility>
 
 namespace qvc {
 namespace {
@@ -67,12 +65,14 @@ TEST_F(StreamTest, aFailedReaderKeepsWhatItReadAndLogsTwice) {
 
 TEST_F(StreamTest, shortReadsSucceedOnlyWhenTheCallerCanTell) {
   char buffer[10];
-  uint64_t done = 99;
   MemoryStream stream(bytes("01020304"));
-  EXPECT_EQ(stream.read(buffer, 10, &done), qvc_Success);
-  EXPECT_EQ(done, 4u);
-  EXPECT_EQ(stream.read(buffer, 10, &done), qvc_IOError) << "at the end";
-  EXPECT_EQ(done, 0u);
+  const auto read10 = [&] {
+    uint64_t done = 99;
+    const _qvc_Result result = stream.read(buffer, 10, &done);
+    return std::pair(result, done);
+  };
+  EXPECT_EQ(read10(), std::pair(_qvc_Result(qvc_Success), uint64_t{4}));
+  EXPECT_EQ(read10(), std::pair(_qvc_Result(qvc_IOError), uint64_t{0})) << "at the end";
   EXPECT_EQ(stream.read(buffer, 0), qvc_Success);
   stream.seek(0);
   EXPECT_EQ(stream.read(buffer, 10), qvc_IOError);
@@ -113,12 +113,12 @@ TEST_F(StreamTest, anOwnedBlockGrowsAndIsCut) {
 TEST_F(StreamTest, wrappedMemoryKeepsItsSize) {
   uint8_t memory[3] = {};
   MemoryStream stream(memory, sizeof memory);
-  uint64_t done = 0;
-  EXPECT_EQ(stream.write(bytes("01020304"), &done), qvc_Success);
-  EXPECT_EQ(done, 3u);
-  EXPECT_EQ(memory[2], 3);
-  EXPECT_EQ(stream.write(bytes("05"), &done), qvc_Success);
-  EXPECT_EQ(done, 0u);
+  for (const auto& [source, written] : {std::pair("01020304", 3u), std::pair("05", 0u)}) {
+    uint64_t done = 99;
+    EXPECT_EQ(stream.write(bytes(source), &done), qvc_Success);
+    EXPECT_EQ(done, written) << source;
+    EXPECT_EQ(memory[2], 3);
+  }
   EXPECT_EQ(stream.write(bytes("05")), qvc_PermissionDenied);
   EXPECT_EQ(stream.truncate(), qvc_PermissionDenied);
   EXPECT_EQ(stream.resize(9), qvc_PermissionDenied);

@@ -6,8 +6,6 @@
 #include <gmock/gmock.h>
 
 #include <stdexcept>
-#include <tuple>
-#include <utility>
 
 namespace qvc {
 namespace {

@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 
 #include <array>
-#include <utility>
 #include <vector>
 
 namespace qvc {
