@@ -1,7 +1,6 @@
 #include "tests/movies/binding_support.h"
 
 #include "platform/concurrency/Queue.h"
-#include "platform/foundation/URL.h"
 #include "platform/transfer/URLSession.h"
 #include "tests/support/ScriptedTransferService.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -1,13 +1,11 @@
 #include "tests/movies/orchestration_support.h"
 
 #include "TolvaneDownloader/DASHDownloader/Internal/QVMovieDownloader.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVMutableMovieDownloadProperties.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVResourceId.h"
 
 #include "platform/application/Application.h"
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/Exception.h"
-#include "platform/foundation/StringHash.h"
 #include "tests/support/Expectation.h"
 
 #include <atomic>
@@ -384,23 +382,22 @@ TEST_F(Downloader, HandsBackBackgroundHandlers) {
 
 TEST_F(Downloader, RefreshesRunningTasksInTheForeground) {
   const auto set = start(2);
-  auto& application = platform::Application::shared();
   auto& mainQueue = platform::MainQueue::shared();
   const auto first = task(1), second = task(2);
-  application.willEnterForeground();
+  platform::Application::shared().willEnterForeground();
   mainQueue.sync([] {});
   service->run();
   mainQueue.sync([] {});
   EXPECT_EQ(first->state(), URLSessionTaskState::Suspended);
   // Paused by its user meanwhile, of which the second is resumed again.
-  const auto& records = set->selectedQualitiesInfo().front()->resources();
-  records[0]->pause();
+  const auto& record = set->selectedQualitiesInfo().front()->resources()[0];
+  record->pause();
   support::Expectation later;
   mainQueue.after(std::chrono::milliseconds(1000), [&] { later.fulfil(); });
   ASSERT_TRUE(later.wait());
-  EXPECT_EQ(first->state(), URLSessionTaskState::Suspended);
-  EXPECT_EQ(second->state(), URLSessionTaskState::Running);
-  records[0]->resume();
+  EXPECT_EQ(std::tuple(first->state(), second->state()),
+            std::tuple(URLSessionTaskState::Suspended, URLSessionTaskState::Running));
+  record->resume();
 }
 
 TEST_F(Downloader, TakesEventsAndCommandsFromAnyThread) {

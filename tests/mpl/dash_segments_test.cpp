@@ -78,7 +78,7 @@ TEST(TemplateURI, Failures) {
   for (const std::string format : {"%5d", "%0d", "%05x", "%0-5d", "%", "%0999999999d"})
     faults.emplace_back("$Number" + format + "$", "Invalid template format: " + format);
   for (const auto& [text, message] : faults)
-    EXPECT_THAT([&] { TemplateURI::build(qvc::FastString(text), "id", 1, 1, 1); },
+    EXPECT_THAT([&text = text] { TemplateURI::build(qvc::FastString(text), "id", 1, 1, 1); },
                 testing::ThrowsMessage<ArgumentException>(message))
         << text.substr(0, 80);
 }
