@@ -32,8 +32,9 @@ TEST_F(StreamTest, readsIntegersInEitherOrder) {
   uint32_t unsigned24 = 0;
   int32_t signed24 = 0;
   uint64_t wide = 0;
-  EXPECT_EQ(stream.readUINT24(&unsigned24) | stream.readINT24(&signed24) | stream.readUINT64(&wide),
-            qvc_Success);
+  EXPECT_EQ(stream.readUINT24(&unsigned24), qvc_Success);
+  EXPECT_EQ(stream.readINT24(&signed24), qvc_Success);
+  EXPECT_EQ(stream.readUINT64(&wide), qvc_Success);
   EXPECT_EQ(std::tuple(unsigned24, signed24, wide), std::tuple(0x010203u, -2, 0x0102030405060708u));
 
   stream.setByteOrder(ByteOrder::LittleEndian);
