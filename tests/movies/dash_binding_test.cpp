@@ -1,36 +1,27 @@
-#include "TolvaneDownloader/DASHDownloader/Internal/QVAudioQuality.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVMovie.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylist.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVRangedURL.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVTrack.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVVideoQuality.h"
-#include "platform/foundation/Exception.h"
+#include "tests/movies/binding_support.h"
 
-#include <gmock/gmock.h>
-
-using namespace testing;
+using namespace binding;
 
 namespace {
 
 std::shared_ptr<QVPlaylist> parse(const std::string& text) {
-  return QVPlaylistFactory::dashGenerateWithData(platform::Data(text.begin(), text.end()));
+  return QVPlaylistFactory::dashGenerateWithData(data(text));
 }
 
 /// A static presentation of ten seconds with one video set.
-std::string mpd(const std::string& representations,
-                const std::string& attributes = "mediaPresentationDuration=\"PT10S\"") {
-  return "<MPD " + attributes + "><Period><AdaptationSet mimeType=\"video/mp4\">" + representations +
-         "</AdaptationSet></Period></MPD>";
+std::string mpd(const std::string& representations) {
+  return R"(<MPD mediaPresentationDuration="PT10S"><Period><AdaptationSet mimeType="video/mp4">)" +
+         representations + "</AdaptationSet></Period></MPD>";
 }
 
-std::shared_ptr<QVQuality> onlyQuality(const std::string& text) {
-  const auto playlist = parse(text);
-  return playlist->movies().at(0)->tracks().at(0)->qualities().at(0);
+std::shared_ptr<QVResourceListBuilder> onlyBuilder(const std::string& text) {
+  return parse(text)->movies().at(0)->tracks().at(0)->qualities().at(0)->resourceBuilder();
 }
 
-std::vector<std::string> texts(const QVResourceListRef& list) {
+/// What the one quality of a presentation lists.
+std::vector<std::string> listedBy(const std::string& text) {
   std::vector<std::string> result;
+  const auto list = onlyBuilder(text)->fillResourcesWithBaseURL("http://h/m");
   for (const auto& url : *list)
     result.push_back(
         url->referenceURL() +
@@ -38,23 +29,13 @@ std::vector<std::string> texts(const QVResourceListRef& list) {
   return result;
 }
 
-/// What one representation lists.
-std::vector<std::string> listed(const std::string& representation,
-                                const std::string& attributes = "mediaPresentationDuration=\"PT10S\"") {
-  return texts(onlyQuality(mpd(representation, attributes))
-                   ->resourceBuilder()
-                   ->fillResourcesWithBaseURL("http://h/m"));
+std::vector<std::string> listed(const std::string& representation) {
+  return listedBy(mpd(representation));
 }
 
 std::string reasonOfListing(const std::string& representation) {
-  const auto quality = onlyQuality(mpd(representation));
-  try {
-    quality->resourceBuilder()->fillResourcesWithBaseURL("http://h/m");
-  } catch (const platform::Exception& exception) {
-    EXPECT_EQ(exception.name(), "QVPlaylistFactoryException");
-    return exception.reason();
-  }
-  return "listed";
+  const auto builder = onlyBuilder(mpd(representation));
+  return reasonOf([&] { builder->fillResourcesWithBaseURL("http://h/m"); });
 }
 
 std::vector<double> durations(const std::string& attributes, const std::vector<std::string>& periods) {
@@ -63,8 +44,7 @@ std::vector<double> durations(const std::string& attributes, const std::vector<s
     text += "<Period " + period +
             "><AdaptationSet mimeType=\"video/mp4\"><Representation/></AdaptationSet></Period>";
   std::vector<double> result;
-  const auto playlist = parse(text + "</MPD>");
-  for (const auto& movie : playlist->movies())
+  for (const auto playlist = parse(text + "</MPD>"); const auto& movie : playlist->movies())
     result.push_back(movie->duration());
   return result;
 }
@@ -97,66 +77,52 @@ TEST(DASHBinding, Tree) {
   ASSERT_TRUE(playlist);
   EXPECT_EQ(playlist->url(), "");
   const auto movie = playlist->movies().at(0);
-  EXPECT_EQ(movie->name(), std::nullopt);
-  EXPECT_EQ(movie->parent(), playlist);
+  EXPECT_EQ(std::tuple(movie->name(), movie->parent()), std::tuple(std::nullopt, playlist));
   ASSERT_EQ(movie->tracks().size(), 3u) << "pictures of another kind are left out";
 
   const auto video = movie->tracks()[0];
-  EXPECT_EQ(video->name(), "7 [video/mp4]");
-  EXPECT_EQ(video->language(), std::nullopt);
-  EXPECT_EQ(video->duration(), 10);
-  EXPECT_EQ(video->parent(), movie);
+  EXPECT_EQ(std::tuple(video->name(), video->language(), video->duration(), video->parent()),
+            std::tuple("7 [video/mp4]", std::nullopt, 10, movie));
   ASSERT_EQ(video->qualities().size(), 2u);
   const auto first = std::dynamic_pointer_cast<QVVideoQuality>(video->qualities()[0]);
   ASSERT_TRUE(first);
-  EXPECT_EQ(first->parameters(), "640 x 360 @ 1000.0 kbps");
-  EXPECT_EQ(first->fourCC(), "avc1");
-  EXPECT_EQ(first->identifier(), "v1");
-  EXPECT_EQ(first->parent(), video);
+  EXPECT_EQ(std::tuple(first->parameters(), first->fourCC(), first->identifier(), first->parent()),
+            std::tuple("640 x 360 @ 1000.0 kbps", "avc1", "v1", video));
   const auto second = std::dynamic_pointer_cast<QVVideoQuality>(video->qualities()[1]);
   EXPECT_EQ(second->fourCC(), "vide") << "no sample entry of four characters";
-  EXPECT_EQ(second->bitrate(), 0u);
-  EXPECT_EQ(second->width(), 0u);
+  EXPECT_EQ(std::tuple(second->bitrate(), second->width()), std::tuple(0u, 0u));
 
   const auto audio = std::dynamic_pointer_cast<QVAudioQuality>(movie->tracks()[1]->qualities()[0]);
   ASSERT_TRUE(audio);
-  EXPECT_EQ(audio->parameters(), "German 48.0 kHZ, 2 ch @ 128.0 kbps\t");
-  EXPECT_EQ(audio->fourCC(), "audi");
-  EXPECT_EQ(movie->tracks()[1]->name(), "-1 [audio/mp4]");
-  EXPECT_EQ(movie->tracks()[2]->type(), QVMediaTypeText);
-  EXPECT_EQ(movie->tracks()[2]->qualities()[0]->fourCC(), "stpp");
+  EXPECT_EQ(std::tuple(audio->parameters(), audio->fourCC(), movie->tracks()[1]->name()),
+            std::tuple("German 48.0 kHZ, 2 ch @ 128.0 kbps\t", "audi", "-1 [audio/mp4]"));
+  const auto& subtitles = movie->tracks()[2];
+  EXPECT_EQ(std::tuple(subtitles->type(), subtitles->qualities()[0]->fourCC()),
+            std::tuple(QVMediaTypeText, "stpp"));
 }
 
 TEST(DASHBinding, NothingToDownloadIsNoPlaylist) {
-  EXPECT_EQ(parse(R"(<MPD mediaPresentationDuration="PT1S"><Period/></MPD>)"), nullptr);
-  EXPECT_EQ(
-      parse(
-          R"(<MPD mediaPresentationDuration="PT1S"><Period><AdaptationSet mimeType="video/mp4"/></Period></MPD>)"),
-      nullptr);
-  EXPECT_EQ(
-      parse(R"(<MPD mediaPresentationDuration="PT1S"><Period><AdaptationSet mimeType="application/mp4">)"
-            R"(<Representation/></AdaptationSet></Period></MPD>)"),
-      nullptr);
+  for (const std::string sets :
+       {"", R"(<AdaptationSet mimeType="video/mp4"/>)",
+        R"(<AdaptationSet mimeType="application/mp4"><Representation/></AdaptationSet>)"})
+    EXPECT_EQ(parse(R"(<MPD mediaPresentationDuration="PT1S"><Period>)" + sets + "</Period></MPD>"), nullptr)
+        << sets;
 }
 
 TEST(DASHListing, TemplateWithConstantDuration) {
   const std::string media = R"(<SegmentTemplate duration="4" media="$RepresentationID$/$Number%03d$.m4s")";
-  EXPECT_THAT(
-      listed(R"(<Representation id="v">)" + media + R"( initialization="init.mp4"/></Representation>)"),
-      ElementsAre("init.mp4", "v/001.m4s", "v/002.m4s", "v/003.m4s"));
-  EXPECT_THAT(listed(R"(<BaseURL>cdn/</BaseURL><Representation id="v">)" + media +
-                     R"( startNumber="9" initialization="i"/></Representation>)"),
+  const std::string open = R"(<Representation id="v">)" + media, close = "/></Representation>";
+  EXPECT_THAT(listed(open + R"( initialization="init.mp4")" + close),
+              ElementsAre("init.mp4", "v/001.m4s", "v/002.m4s", "v/003.m4s"));
+  EXPECT_THAT(listed("<BaseURL>cdn/</BaseURL>" + open + R"( startNumber="9" initialization="i")" + close),
               ElementsAre("cdn/i", "cdn/v/009.m4s", "cdn/v/010.m4s", "cdn/v/011.m4s"));
-  const auto live =
-      onlyQuality(R"(<MPD type="dynamic"><Period start="PT0S"><AdaptationSet mimeType="video/mp4">)"
-                  R"(<Representation id="v">)" +
-                  media + R"( initialization="i"/></Representation></AdaptationSet></Period></MPD>)");
-  EXPECT_THAT(texts(live->resourceBuilder()->fillResourcesWithBaseURL("http://h/m")), ElementsAre("i"))
+  EXPECT_THAT(listedBy(R"(<MPD type="dynamic"><Period start="PT0S"><AdaptationSet mimeType="video/mp4">)" +
+                       open + R"( initialization="i")" + close + "</AdaptationSet></Period></MPD>"),
+              ElementsAre("i"))
       << "an open end lists no segments";
   // Without a template for it, the initialization is a reference of one control character; it stays in the
   // list.
-  EXPECT_THAT(listed(R"(<Representation id="v">)" + media + "/></Representation>"),
-              ElementsAre("%01", "v/001.m4s", "v/002.m4s", "v/003.m4s"));
+  EXPECT_THAT(listed(open + close), ElementsAre("%01", "v/001.m4s", "v/002.m4s", "v/003.m4s"));
 }
 
 TEST(DASHListing, TemplateWithTimeline) {
@@ -186,32 +152,29 @@ TEST(DASHListing, ListAndSingleSegment) {
 }
 
 TEST(DASHListing, CacheByBase) {
-  const auto quality = onlyQuality(mpd(R"(<Representation><BaseURL>a.mp4</BaseURL></Representation>)"));
-  QVResourceListBuilder& builder = *quality->resourceBuilder();
-  const auto first = builder.fillResourcesWithBaseURL("http://h/m.mpd");
-  EXPECT_EQ(builder.fillResourcesWithBaseURL("http://h/m.mpd"), first);
-  EXPECT_EQ(first->at(0)->resolveURL()->absoluteString(), "http://h/a.mp4");
-  const auto second = builder.fillResourcesWithBaseURL("http://other/x/m.mpd");
+  const auto builder = onlyBuilder(mpd(R"(<Representation><BaseURL>a.mp4</BaseURL></Representation>)"));
+  const auto first = builder->fillResourcesWithBaseURL("http://h/m.mpd");
+  EXPECT_EQ(builder->fillResourcesWithBaseURL("http://h/m.mpd"), first);
+  EXPECT_EQ(resolved(first, 0), "http://h/a.mp4");
+  const auto second = builder->fillResourcesWithBaseURL("http://other/x/m.mpd");
   EXPECT_NE(second, first);
-  EXPECT_EQ(second->at(0)->resolveURL()->absoluteString(), "http://other/x/a.mp4");
-  EXPECT_EQ(first->at(0)->resolveURL()->absoluteString(), "http://h/a.mp4")
-      << "a list that is out stays as it was";
+  EXPECT_EQ(resolved(second, 0), "http://other/x/a.mp4");
+  EXPECT_EQ(resolved(first, 0), "http://h/a.mp4") << "a list that is out stays as it was";
 }
 
 TEST(DASHListing, WhatDoesNotWorkIsRaised) {
-  const auto withTemplate = [](const std::string& attributes) {
-    return "<Representation><SegmentTemplate initialization=\"i\" " + attributes + "/></Representation>";
+  const std::pair<const char*, const char*> faults[] = {
+      {R"(duration="4" media="$Number"/>)", "Mismatching $-tokens in template URI"},
+      {R"(duration="4" media="$Number%5d$"/>)", "Invalid template format: %5d"},
+      {R"(duration="0" media="$Number$"/>)", "Segment duration is zero"},
+      {R"(duration="1" timescale="1000000" media="$Number$"/>)", "Too many segments in representation"},
+      {R"(media="$Time$"><SegmentTimeline><S d="1" r="2147483646"/></SegmentTimeline></SegmentTemplate>)",
+       "Too many segments in representation"}};
+  const auto reason = [](const std::string& rest) {
+    return reasonOfListing(R"(<Representation><SegmentTemplate initialization="i" )" + rest +
+                           "</Representation>");
   };
-  EXPECT_EQ(reasonOfListing(withTemplate(R"(duration="4" media="$Number")")),
-            "Mismatching $-tokens in template URI");
-  EXPECT_EQ(reasonOfListing(withTemplate(R"(duration="4" media="$Number%5d$")")),
-            "Invalid template format: %5d");
-  EXPECT_EQ(reasonOfListing(withTemplate(R"(duration="0" media="$Number$")")), "Segment duration is zero");
-  EXPECT_THAT(reasonOfListing(withTemplate(R"(duration="4" timescale="0" media="$Number$")")), Not("listed"));
-  EXPECT_EQ(reasonOfListing(withTemplate(R"(duration="1" timescale="1000000" media="$Number$")")),
-            "Too many segments in representation");
-  EXPECT_EQ(reasonOfListing(
-                R"(<Representation><SegmentTemplate media="$Time$" initialization="i"><SegmentTimeline>)"
-                R"(<S d="1" r="2147483646"/></SegmentTimeline></SegmentTemplate></Representation>)"),
-            "Too many segments in representation");
+  for (const auto& [rest, message] : faults)
+    EXPECT_EQ(reason(rest), message) << rest;
+  EXPECT_NE(reason(R"(duration="4" timescale="0" media="$Number$"/>)"), "none");
 }

@@ -1,17 +1,11 @@
-#include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylist.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
+#include "tests/movies/binding_support.h"
+
 #include "platform/concurrency/Queue.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/URL.h"
 #include "platform/transfer/URLSession.h"
 #include "tests/support/ScriptedTransferService.h"
 #include "tests/support/TemporaryDirectory.h"
 
-#include <gmock/gmock.h>
-
-#include <utility>
-
-using namespace testing;
+using namespace binding;
 
 namespace {
 
@@ -39,6 +33,7 @@ struct Outcome {
   std::shared_ptr<QVPlaylist> playlist;
   platform::DataRef data;
   platform::ErrorRef error;
+  bool later = false; ///< It came on the background queue.
 };
 
 class Fetching : public Test {
@@ -47,21 +42,22 @@ protected:
   void TearDown() override { platform::TransferService::setDefaultService(nullptr); }
 
   void fetch(const std::string& target, const platform::HTTPHeaders& headers = {}) {
-    QVPlaylistFactory::generateWithURL(
-        target,
-        [this](std::shared_ptr<QVPlaylist> playlist, platform::DataRef data, platform::ErrorRef error) {
-          outcomes.push_back({std::move(playlist), std::move(data), std::move(error)});
-        },
-        headers);
+    const auto keep = [this](auto playlist, auto data, auto error) {
+      outcomes.push_back({playlist, data, error, platform::SerialQueue::background().isCurrent()});
+    };
+    QVPlaylistFactory::generateWithURL(target, keep, headers);
   }
-
+  /// The outcome of the one fetch since the last call.
+  Outcome outcome() {
+    EXPECT_EQ(outcomes.size(), 1u) << "one completion";
+    return std::exchange(outcomes, {}).at(0);
+  }
   /// Fetches what the server answers with `body`.
   Outcome fetched(int status, const std::string& body) {
     service->serveData(url, status, body);
     fetch(url);
     service->run();
-    EXPECT_EQ(outcomes.size(), 1u) << "one completion";
-    return std::exchange(outcomes, {}).at(0);
+    return outcome();
   }
 
   support::TemporaryDirectory directory;
@@ -73,53 +69,50 @@ protected:
 } // namespace
 
 TEST(PlaylistFactory, NoFormatFits) {
-  for (const std::string& text :
-       {std::string("\x7f\x00\xff\x13", 4), std::string(), std::string("<Other/>")}) {
+  const std::string noXML = "Failed to parse XML", noSmoothXML = "Can't parse SmoothStreaming XML";
+  const std::tuple<std::string, std::string, std::string> texts[] = {
+      {std::string("\x7f\x00\xff\x13", 4), noXML, noSmoothXML},
+      {"", noXML, noSmoothXML},
+      {"<Other/>", "Not a valid MPD",
+       "Passed invalid XML element. Expected tag SmoothStreamingMedia but got Other"}};
+  for (const auto& [text, dash, smooth] : texts)
     try {
-      QVPlaylistFactory::generateWithData(platform::Data(text.begin(), text.end()));
-      ADD_FAILURE() << "nothing was raised";
+      QVPlaylistFactory::generateWithData(data(text));
+      ADD_FAILURE() << "nothing was raised for " << text;
     } catch (const platform::Exception& exception) {
-      EXPECT_EQ(exception.name(), "QVPlaylistFactoryException");
-      EXPECT_EQ(exception.reason(), noFormat);
-      EXPECT_EQ(exception.userInfo().size(), 2u);
-      const auto inner = [&exception](const char* key) {
-        const auto found = std::any_cast<platform::Exception>(exception.userInfo().at(key));
-        EXPECT_EQ(found.name(), "QVPlaylistFactoryException");
-        return found.reason();
-      };
-      const std::string dash = inner("DASHGeneratorError");
-      EXPECT_EQ(dash, text == "<Other/>" ? "Not a valid MPD" : "Failed to parse XML");
-      const std::string smooth = inner("SmoothStreamingGeneratorError");
-      EXPECT_EQ(smooth, text == "<Other/>"
-                            ? "Passed invalid XML element. Expected tag SmoothStreamingMedia but got Other"
-                            : "Can't parse SmoothStreaming XML");
+      SCOPED_TRACE(text);
+      EXPECT_EQ(std::tuple(exception.name(), exception.reason(), exception.userInfo().size()),
+                std::tuple("QVPlaylistFactoryException", noFormat, 2u));
+      for (const auto& [key, reason] :
+           {std::pair("DASHGeneratorError", dash), std::pair("SmoothStreamingGeneratorError", smooth)}) {
+        const auto inner = std::any_cast<platform::Exception>(exception.userInfo().at(key));
+        EXPECT_EQ(std::tuple(inner.name(), inner.reason()), std::tuple("QVPlaylistFactoryException", reason));
+      }
 
       const auto error = QVPlaylistFactory::errorWithException(exception);
-      EXPECT_EQ(error->domain().text(), "NSErrorQVDownloader");
-      EXPECT_EQ(error->code(), -101);
-      EXPECT_EQ(error->userInfo().size(), 3u);
+      EXPECT_EQ(std::tuple(error->domain().text(), error->code(), error->userInfo().size()),
+                std::tuple("NSErrorQVDownloader", -101, 3u));
       for (const char* key :
            {"NSLocalizedDescription", "NSLocalizedFailureReason", "NSLocalizedRecoverySuggestion"})
         EXPECT_THAT(error->value<std::string>(key), Pointee(std::string(noFormat)));
       EXPECT_THAT(chain(error),
                   ElementsAre(noFormat, "as DASH: " + dash + "; as Smooth Streaming: " + smooth));
     }
-  }
 }
 
 TEST(PlaylistFactory, ADocumentIsJudgedAsWhatItsRootSays) {
-  const auto causeOf = [](const std::string& text) {
+  const std::string smooth = "<SmoothStreamingMedia MajorVersion='2'";
+  const std::pair<std::string, const char*> texts[] = {
+      {"<MPD mediaPresentationDuration='PT1S'/>", "as DASH: No Period found"},
+      {smooth + "/>", "as Smooth Streaming: Can't retrieve required value MinorVersion"}};
+  for (const auto& [text, cause] : texts)
     try {
-      QVPlaylistFactory::generateWithData(platform::Data(text.begin(), text.end()));
+      QVPlaylistFactory::generateWithData(data(text));
+      ADD_FAILURE() << text;
     } catch (const platform::Exception& exception) {
-      return chain(QVPlaylistFactory::errorWithException(exception)).back();
+      EXPECT_EQ(chain(QVPlaylistFactory::errorWithException(exception)).back(), cause);
     }
-    return std::string("parsed");
-  };
-  EXPECT_EQ(causeOf("<MPD mediaPresentationDuration='PT1S'/>"), "as DASH: No Period found");
-  EXPECT_EQ(causeOf("<SmoothStreamingMedia MajorVersion='2'/>"),
-            "as Smooth Streaming: Can't retrieve required value MinorVersion");
-  EXPECT_EQ(causeOf("<SmoothStreamingMedia MajorVersion='2' MinorVersion='0' Duration='1'/>"), "parsed");
+  EXPECT_NO_THROW(QVPlaylistFactory::generateWithData(data(smooth + " MinorVersion='0' Duration='1'/>")));
 }
 
 TEST(PlaylistFactory, Files) {
@@ -138,33 +131,27 @@ TEST(PlaylistFactory, Files) {
 }
 
 TEST_F(Fetching, Manifests) {
-  auto outcome = fetched(200, manifest);
-  EXPECT_TRUE(outcome.playlist);
-  EXPECT_EQ(outcome.playlist->url(), "");
-  EXPECT_EQ(textOf(outcome.data), manifest);
-  EXPECT_EQ(outcome.error, nullptr);
-
-  outcome = fetched(200, hollow);
-  EXPECT_EQ(outcome.playlist, nullptr);
-  EXPECT_EQ(textOf(outcome.data), hollow);
-  EXPECT_EQ(outcome.error, nullptr);
+  for (const std::string& text : {manifest, hollow}) {
+    const auto outcome = fetched(200, text);
+    EXPECT_EQ(textOf(outcome.data), text);
+    EXPECT_EQ(outcome.error, nullptr);
+    EXPECT_EQ(outcome.playlist ? outcome.playlist->url() : "none", text == manifest ? "" : "none");
+  }
 }
 
 TEST_F(Fetching, WhatIsNoManifestSaysWhy) {
-  auto outcome = fetched(200, "<html/>");
-  EXPECT_EQ(outcome.playlist, nullptr);
-  EXPECT_EQ(textOf(outcome.data), "<html/>");
-  EXPECT_THAT(chain(outcome.error), ElementsAre(noFormat, HasSubstr("Not a valid MPD")));
+  const auto page = fetched(200, "<html/>");
+  EXPECT_EQ(page.playlist, nullptr);
+  EXPECT_EQ(textOf(page.data), "<html/>");
+  EXPECT_THAT(chain(page.error), ElementsAre(noFormat, HasSubstr("Not a valid MPD")));
 
   for (const char* body : {"<html/>", ""}) {
-    outcome = fetched(404, body);
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.error->code(), -101);
-    EXPECT_EQ(outcome.error->userInfo().size(), 3u);
-    const auto cause = outcome.error->underlyingError();
-    ASSERT_TRUE(cause);
-    EXPECT_EQ(cause->domain().text(), "QVDownloadHTTPErrorDomain");
-    EXPECT_EQ(cause->code(), 404);
+    const auto error = fetched(404, body).error;
+    ASSERT_TRUE(error && error->underlyingError());
+    EXPECT_EQ(std::tuple(error->code(), error->userInfo().size()), std::tuple(-101, 3u));
+    const auto cause = error->underlyingError();
+    EXPECT_EQ(std::tuple(cause->domain().text(), cause->code()),
+              std::tuple("QVDownloadHTTPErrorDomain", 404));
     EXPECT_THAT(cause->value<std::string>("QVStatusMessage"),
                 Pointee(*platform::HTTPURLResponse::localizedStringForStatusCode(404)));
   }
@@ -180,9 +167,9 @@ TEST_F(Fetching, HeadersReachTheRequest) {
 
   EXPECT_TRUE(task->fail(platform::NSURLErrorTimedOut));
   service->run();
-  ASSERT_EQ(outcomes.size(), 1u);
-  EXPECT_EQ(outcomes[0].data, nullptr);
-  EXPECT_EQ(outcomes[0].error, task->error()) << "a transfer's own error is handed on";
+  const auto failed = outcome();
+  EXPECT_EQ(failed.data, nullptr);
+  EXPECT_EQ(failed.error, task->error()) << "a transfer's own error is handed on";
 }
 
 TEST_F(Fetching, WhatCannotBeFetchedFailsLater) {
@@ -191,19 +178,13 @@ TEST_F(Fetching, WhatCannotBeFetchedFailsLater) {
            {"", platform::NSURLErrorBadURL},
            {"movies/m.mpd", platform::NSURLErrorUnsupportedURL},
            {url, platform::NSURLErrorResourceUnavailable}}) {
-    bool later = false;
-    QVPlaylistFactory::generateWithURL(target, [&](auto playlist, auto data, auto error) {
-      later = platform::SerialQueue::background().isCurrent();
-      outcomes.push_back({playlist, data, error});
-    });
+    SCOPED_TRACE(target);
+    fetch(target);
     platform::SerialQueue::background().sync([] {});
-    EXPECT_TRUE(later);
-    ASSERT_EQ(outcomes.size(), 1u) << target;
-    const auto [playlist, data, error] = std::exchange(outcomes, {}).at(0);
-    EXPECT_EQ(playlist, nullptr);
-    EXPECT_EQ(data, nullptr);
-    ASSERT_TRUE(error) << target;
-    EXPECT_EQ(error->domain(), platform::NSURLErrorDomain);
-    EXPECT_EQ(error->code(), code) << target;
+    const auto failed = outcome();
+    EXPECT_TRUE(failed.later && !failed.playlist && !failed.data);
+    ASSERT_TRUE(failed.error);
+    EXPECT_EQ(std::tuple(failed.error->domain(), failed.error->code()),
+              std::tuple(platform::NSURLErrorDomain, code));
   }
 }

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <random>
 #include <thread>
 
@@ -61,33 +62,16 @@ protected:
           start(*owner, set);
         arrival->arrive(set);
       });
-      const unsigned choice = random() % 8;
-      if (choice == 0)
-        continue;
-      const Set set = arrival->wait().value_or(nullptr);
+      const std::size_t choice = random() % 8;
+      const Set set = choice == 0 ? nullptr : arrival->wait().value_or(nullptr);
       if (!set)
         continue;
-      switch (choice) {
-      case 1:
-        downloader->pause(set);
-        break;
-      case 2:
-        downloader->cancel(set);
-        break;
-      case 3:
-        downloader->remove(set);
-        break;
-      case 4:
-        downloader->pauseAll();
-        downloader->resumeAll();
-        break;
-      case 5:
-        downloader->cancelAll();
-        downloader->download(set);
-        break;
-      default:
-        break;
-      }
+      const std::function<void()> moves[] = {
+          [&] { downloader->pause(set); }, [&] { downloader->cancel(set); }, [&] { downloader->remove(set); },
+          [&] { downloader->pauseAll(), downloader->resumeAll(); },
+          [&] { downloader->cancelAll(), downloader->download(set); }};
+      if (choice <= std::size(moves))
+        moves[choice - 1]();
       EXPECT_EQ(set->_checkCounters(), "");
     }
   }
@@ -112,16 +96,13 @@ TEST_F(Churn, OverTheScriptedService) {
       directory.path(), support::ScriptedTransferService::Delivery::OnQueue);
   std::atomic<unsigned> starts = 0;
   scripted->onStart([&](support::ScriptedTask& task) {
-    switch (++starts % 7) {
-    case 0:
+    const unsigned turn = ++starts % 7;
+    if (turn == 0)
       task.fail(platform::NSURLErrorNetworkConnectionLost);
-      break;
-    case 1:
+    else if (turn == 1)
       task.write(3, 10); // and hangs
-      break;
-    default:
+    else
       task.finish("content");
-    }
   });
   scripted->serveData(url, 200, manifest);
   service = scripted;

@@ -1,16 +1,12 @@
 #include "tests/movies/orchestration_support.h"
 
 #include "TolvaneDownloader/DASHDownloader/Internal/QVMovieDownloader.h"
-#include "TolvaneDownloader/DASHDownloader/Internal/QVMutableMovieDownloadProperties.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVResourceId.h"
 
 #include "platform/application/Application.h"
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/Exception.h"
-#include "platform/foundation/StringHash.h"
 #include "tests/support/Expectation.h"
-
-#include <gmock/gmock.h>
 
 #include <atomic>
 #include <thread>
@@ -24,27 +20,23 @@ namespace {
 constexpr const char* segmentBase = "http://host/movie/";
 
 /// A manifest of `count` resources "s<n>.m4s" from 1, which is the initialization.
-std::string manifest(int count, std::string media = "s$Number$.m4s") {
-  std::string text =
-      R"(<MPD xmlns="urn:mpeg:dash:schema:mpd:2011" type="static" mediaPresentationDuration="PT@SECONDSS"
-              profiles="urn:mpeg:dash:profile:isoff-live:2011"><Period><AdaptationSet mimeType="video/mp4">
-         <SegmentTemplate timescale="1" duration="1" startNumber="2" initialization="@FIRST" media="@MEDIA"/>
+std::string manifest(int count, const std::string& media = "s$Number$.m4s") {
+  std::string first = media;
+  for (std::size_t at; (at = first.find("$Number$")) != std::string::npos;)
+    first.replace(at, 8, "1");
+  return R"(<MPD xmlns="urn:mpeg:dash:schema:mpd:2011" type="static" mediaPresentationDuration="PT)" +
+         std::to_string(count - 1) +
+         R"(S" profiles="urn:mpeg:dash:profile:isoff-live:2011"><Period><AdaptationSet mimeType="video/mp4">
+         <SegmentTemplate timescale="1" duration="1" startNumber="2" initialization=")" +
+         first + R"(" media=")" + media + R"("/>
          <Representation id="v" bandwidth="8000" codecs="avc1.4d401f" width="10" height="10"/>
          </AdaptationSet></Period></MPD>)";
-  const auto replace = [](std::string& where, const std::string& what, const std::string& with) {
-    for (std::size_t at; (at = where.find(what)) != std::string::npos;)
-      where.replace(at, what.size(), with);
-  };
-  replace(text, "@SECONDS", std::to_string(count - 1));
-  replace(text, "@MEDIA", media);
-  replace(media, "$Number$", "1");
-  replace(text, "@FIRST", media);
-  return text;
 }
 
+using Set = std::shared_ptr<QVMovieDownloadSet>;
 struct Outcome {
   int calls = 0;
-  std::shared_ptr<QVMovieDownloadSet> set;
+  Set set;
   platform::ErrorRef error;
 };
 
@@ -74,9 +66,7 @@ protected:
   Outcome fetch(const std::string& url = manifestURL) {
     auto outcome = std::make_shared<Outcome>();
     downloader->fetchDownloadSetForURL(url, [outcome](auto set, auto error) {
-      ++outcome->calls;
-      outcome->set = std::move(set);
-      outcome->error = std::move(error);
+      *outcome = {outcome->calls + 1, std::move(set), std::move(error)};
     });
     service->run();
     EXPECT_EQ(outcome->calls, 1);
@@ -84,7 +74,7 @@ protected:
     return *outcome;
   }
   /// A set of `count` segments that has started.
-  std::shared_ptr<QVMovieDownloadSet> start(int count, const std::string& media = "s$Number$.m4s") {
+  Set start(int count, const std::string& media = "s$Number$.m4s") {
     service->serveData(manifestURL, 200, manifest(count, media));
     const auto set = fetch().set;
     set->setDelegate(diary);
@@ -93,13 +83,26 @@ protected:
     service->run();
     return set;
   }
-  support::ScriptedTaskRef task(int number) {
-    return service->runningTask(segmentBase + std::string("s") + std::to_string(number) + ".m4s");
+  support::ScriptedTaskRef task(const std::string& name) { return service->runningTask(segmentBase + name); }
+  support::ScriptedTaskRef task(int number) { return task("s" + std::to_string(number) + ".m4s"); }
+  /// Each of these tells the running task of a segment how it goes on, and the downloader of it.
+  void finish(int number, const std::string& content) {
+    task(number)->finish(content);
+    service->run();
+  }
+  template <class Failure> void fail(int number, Failure&& failure) {
+    task(number)->fail(failure);
+    service->run();
   }
   std::string pathOf(const std::string& name, const std::string& url = manifestURL) {
     return directory / ("downloads/" + downloader->downloadIdWithURL(url) + "/" + name);
   }
   static bool exists(const std::string& path) { return std::filesystem::exists(path); }
+  /// What became of the resources of the quality "v" in the last run.
+  const QVResourceErrors& resourceErrors() const {
+    const auto& failed = diary->lastError->value<QVQualityErrors>("QVQualityErrors")->at("v");
+    return *failed->value<QVResourceErrors>("QVResourceErrors");
+  }
 
   support::TemporaryDirectory directory;
   std::shared_ptr<support::ScriptedTransferService> service =
@@ -126,15 +129,17 @@ TEST_F(Downloader, FindsTheStoredManifest) {
   directory.write("downloads/a/a.m4s", std::string("MPD\xff", 4));
   directory.write("downloads/a/late", std::string(1024, ' ') + "MPD");
   EXPECT_EQ(found("a"), "manifest.mpd");
-  directory.write("downloads/a/movie.MPD", std::string(1022, ' ').replace(0, 3, "MPD") + "\xe2\x82\xac");
-  EXPECT_EQ(found("a"), "movie.MPD");
-  directory.write("downloads/a/b.mpd", "");
-  EXPECT_EQ(found("a"), "b.mpd");
-  directory.write("downloads/a/QVMovieDownloadSetProperties.json",
-                  R"({"QVDownloadSetSourceURL":"u","QVDownloadSetManifestName":"late"})");
-  EXPECT_EQ(found("a"), "late");
-  directory.write("downloads/a/manifest.mpd", "");
-  EXPECT_EQ(found("a"), "manifest.mpd");
+  // Each of these is preferred to those before.
+  const std::tuple<const char*, std::string, const char*> files[] = {
+      {"movie.MPD", std::string(1022, ' ').replace(0, 3, "MPD") + "\xe2\x82\xac", "movie.MPD"},
+      {"b.mpd", "", "b.mpd"},
+      {"QVMovieDownloadSetProperties.json",
+       R"({"QVDownloadSetSourceURL":"u","QVDownloadSetManifestName":"late"})", "late"},
+      {"manifest.mpd", "", "manifest.mpd"}};
+  for (const auto& [name, content, preferred] : files) {
+    directory.write(std::string("downloads/a/") + name, content);
+    EXPECT_EQ(found("a"), preferred);
+  }
 }
 
 TEST_F(Downloader, FetchesAndStoresManifests) {
@@ -161,30 +166,25 @@ TEST_F(Downloader, FetchesAndStoresManifests) {
 }
 
 TEST_F(Downloader, ReportsEachFailedFetchOnce) {
-  service->serveData("http://host/garbage", 200, "garbage");
-  auto outcome = fetch("http://host/garbage");
-  EXPECT_EQ(outcome.error->code(), -101);
-  service->serveData("http://host/empty", 200,
-                     "<MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\" type=\"static\" profiles=\"x\"></MPD>");
-  outcome = fetch("http://host/empty");
-  EXPECT_EQ(outcome.error->code(), -101);
-  EXPECT_FALSE(exists(pathOf("", "http://host/empty")));
-
   // The template shows its fault only when the resources are listed, after the manifest was stored.
-  service->serveData("http://host/template", 200, manifest(2, "s$Number%999999d$.m4s"));
-  outcome = fetch("http://host/template");
-  EXPECT_EQ(outcome.error->code(), -101);
-  EXPECT_FALSE(exists(pathOf("", "http://host/template")));
-
+  for (const auto& [url, body] :
+       {std::pair<std::string, std::string>("http://host/garbage", "garbage"),
+        {"http://host/empty",
+         R"(<MPD xmlns="urn:mpeg:dash:schema:mpd:2011" type="static" profiles="x"></MPD>)"},
+        {"http://host/template", manifest(2, "s$Number%999999d$.m4s")}}) {
+    service->serveData(url, 200, body);
+    EXPECT_EQ(fetch(url).error->code(), -101) << url;
+    EXPECT_FALSE(exists(pathOf("", url))) << url;
+  }
   directory.write("downloads/" + downloader->downloadIdWithURL("http://host/stored") + "/manifest.mpd",
                   "garbage");
   EXPECT_EQ(fetch("http://host/stored").error->code(), -101);
 
   downloader->setDownloadPath(directory.write("file", ""));
   service->serveData(manifestURL, 200, manifest(2));
-  outcome = fetch();
-  EXPECT_EQ(outcome.error->localizedDescription(), "Failed to create download directory");
-  EXPECT_EQ(outcome.error->underlyingError()->domain(), platform::NSPOSIXErrorDomain);
+  const auto error = fetch().error;
+  EXPECT_EQ(error->localizedDescription(), "Failed to create download directory");
+  EXPECT_EQ(error->underlyingError()->domain(), platform::NSPOSIXErrorDomain);
   EXPECT_FALSE(downloader->activeDownloadSets());
 }
 
@@ -204,7 +204,7 @@ TEST_F(Downloader, PutsFilesIntoTheirPlace) {
   const auto set = start(5, "sub//s$Number$.m4s?q=$Number$");
   const auto running = [&](int number) {
     const std::string n = std::to_string(number);
-    return service->runningTask(segmentBase + ("sub//s" + n + ".m4s?q=" + n));
+    return task("sub//s" + n + ".m4s?q=" + n);
   };
   EXPECT_FALSE(running(5));
   directory.write("downloads/" + set->downloadId() + "/sub/s1.m4s?q=1", "old");
@@ -227,18 +227,13 @@ TEST_F(Downloader, NeverStoresARefusal) {
   refused->write(10);
   service->run();
   EXPECT_EQ(refused->state(), URLSessionTaskState::Completed);
-  auto empty = task(2); // its head and its end come at once
-  empty->respond(404);
-  empty->finish("");
-  service->run();
+  task(2)->respond(404); // its head and its end come at once
+  finish(2, "");
   task(3)->respond(206);
-  task(3)->finish("ok");
-  service->run();
+  finish(3, "ok");
   EXPECT_THAT(diary->take(), ElementsAre("status 2", "quality v failed", "status 0", "done -1002"));
-  const auto& failed = diary->lastError->value<QVQualityErrors>("QVQualityErrors")->at("v");
-  for (const auto& [index, error] : *failed->value<QVResourceErrors>("QVResourceErrors")) {
-    EXPECT_EQ(error->domain(), QVDownloadHTTPErrorDomain);
-    EXPECT_EQ(error->code(), 404);
+  for (const auto& [index, error] : resourceErrors()) {
+    EXPECT_EQ(std::tuple(error->domain(), error->code()), std::tuple(QVDownloadHTTPErrorDomain, 404));
     EXPECT_NE(*error->value<std::string>("QVStatusMessage"), "");
   }
   EXPECT_FALSE(exists(pathOf("s1.m4s")) || exists(pathOf("s2.m4s")));
@@ -256,41 +251,36 @@ TEST_F(Downloader, TellsAWholeFileFromTheRangeItAskedFor) {
   set->selectAllQualities();
   set->downloadWithAdditionalHeaders(std::nullopt);
   for (int round = 0; round < 5; ++round) // the range is asked for again, as after any failure
-    for (const char* name : {"all.mp4", "head.mp4", "part.mp4", "tail.mp4"})
-      if (const auto asked = service->runningTask(segmentBase + std::string(name))) {
+    for (const std::string name : {"all.mp4", "head.mp4", "part.mp4", "tail.mp4"})
+      if (const auto asked = task(name)) {
         asked->respond(200);
-        asked->finish(name == std::string("all.mp4") ? "01234" : "0123456789");
+        asked->finish(name == "all.mp4" ? "01234" : "0123456789");
         service->run();
       }
-  const auto& failed = diary->lastError->value<QVQualityErrors>("QVQualityErrors")->at("v");
-  const auto& errors = *failed->value<QVResourceErrors>("QVResourceErrors");
-  EXPECT_EQ(errors.size(), 3U);
-  EXPECT_EQ(errors.at(2)->code(), QVDownloadErrorResourceRange);
+  EXPECT_EQ(resourceErrors().size(), 3U);
+  EXPECT_EQ(resourceErrors().at(2)->code(), QVDownloadErrorResourceRange);
   EXPECT_EQ(support::readFile(directory / "set/all.mp4"), "01234");
   EXPECT_FALSE(exists(directory / "set/head.mp4") || exists(directory / "set/tail.mp4"));
 }
 
 TEST_F(Downloader, RetriesFailedTransfersAndIgnoresItsOwnCancels) {
   const auto set = start(2);
-  task(1)->fail(platform::NSURLErrorTimedOut);
-  service->run();
-  const auto second = task(1);
-  ASSERT_TRUE(second);
-  second->fail(platform::NSURLErrorCancelled);
-  service->run();
+  const auto reactivations = [&] {
+    return set->selectedQualitiesInfo().front()->resources().front()->reactivations();
+  };
+  fail(1, platform::NSURLErrorTimedOut);
+  ASSERT_TRUE(task(1));
+  fail(1, platform::NSURLErrorCancelled);
   EXPECT_EQ(set->status(), QVDownloadStatusDownloading);
-  EXPECT_TRUE(downloader->cancel(set));
-  EXPECT_TRUE(downloader->download(set));
+  EXPECT_TRUE(downloader->cancel(set) && downloader->download(set));
   // Equal to the constant, but not the constant.
-  task(1)->fail(platform::makeError(platform::ErrorDomain("NSURLErrorDomain"), -999));
-  service->run();
-  EXPECT_EQ(set->selectedQualitiesInfo().front()->resources().front()->reactivations(), 2U);
+  fail(1, platform::makeError(platform::ErrorDomain("NSURLErrorDomain"), -999));
+  EXPECT_EQ(reactivations(), 2U);
 
   // Nothing can be moved to where a directory stands.
   directory.write("downloads/" + set->downloadId() + "/s1.m4s/other", "");
-  task(1)->finish("x");
-  service->run();
-  EXPECT_EQ(set->selectedQualitiesInfo().front()->resources().front()->reactivations(), 3U);
+  finish(1, "x");
+  EXPECT_EQ(reactivations(), 3U);
   EXPECT_TRUE(exists(pathOf("s1.m4s/other")));
 }
 
@@ -300,8 +290,7 @@ TEST_F(Downloader, CancelledByItsDelegateWithTheLastByte) {
     if (exists(pathOf("s1.m4s")))
       downloader->cancel(told);
   };
-  task(1)->finish("x");
-  service->run();
+  finish(1, "x");
   EXPECT_THAT(diary->take(), ElementsAre("status 2", "status 0"));
   EXPECT_EQ(set->_checkCounters(), "");
   EXPECT_TRUE(downloader->download(set));
@@ -312,8 +301,7 @@ TEST_F(Downloader, CommandsAnswerWhetherTheyHold) {
   const auto set = start(2);
   const auto open = [&] { return application.openBackgroundTasks().size(); };
   const std::size_t before = open();
-  EXPECT_TRUE(downloader->resume(set));
-  EXPECT_TRUE(downloader->pause(set));
+  EXPECT_TRUE(downloader->resume(set) && downloader->pause(set));
   EXPECT_EQ(open(), before + 1); // the resumption that had nothing to do
   EXPECT_TRUE(downloader->pause(set));
   EXPECT_EQ(open(), before + 2);
@@ -333,8 +321,8 @@ TEST_F(Downloader, CommandsAnswerWhetherTheyHold) {
     downloader->download(set);
     ADD_FAILURE();
   } catch (const platform::Exception& exception) {
-    EXPECT_EQ(exception.name(), "QVMovieDownloaderException");
-    EXPECT_EQ(exception.reason(), "DownloadSet is not owned by this instance");
+    EXPECT_EQ(std::tuple(exception.name(), exception.reason()),
+              std::tuple("QVMovieDownloaderException", "DownloadSet is not owned by this instance"));
   }
   start(2);
   downloader->removeAll();
@@ -344,8 +332,7 @@ TEST_F(Downloader, CommandsAnswerWhetherTheyHold) {
 
 TEST_F(Downloader, TakesOverTheTasksOfAnEarlierProcess) {
   const auto set = start(6);
-  task(1)->finish("1");
-  service->run();
+  finish(1, "1");
   task(2)->write(10, 100);
   service->run();
   downloader->pause(set);
@@ -362,59 +349,55 @@ TEST_F(Downloader, TakesOverTheTasksOfAnEarlierProcess) {
   ASSERT_TRUE(again);
   again->setDelegate(diary);
   diary->take();
-  EXPECT_EQ(again->status(), QVDownloadStatusDownloading);
   EXPECT_EQ(again->_checkCounters(), "");
-  EXPECT_EQ(again->selectedQualitiesInfo().front()->numActive(), 4U);
+  EXPECT_EQ(std::tuple(again->status(), again->selectedQualitiesInfo().front()->numActive()),
+            std::tuple(QVDownloadStatusDownloading, 4U));
   for (const auto& survivor : service->tasks())
     if (survivor->request().url().absoluteString() == "http://host/stray") {
       EXPECT_EQ(survivor->state(), URLSessionTaskState::Completed);
       EXPECT_FALSE(survivor->taskDescription());
     }
   for (int number = 2; number <= 6; ++number)
-    task(number)->finish("x"), service->run();
+    finish(number, "x");
   EXPECT_THAT(diary->take(), ElementsAre("quality v ok", "status 0", "done ok"));
 }
 
 TEST_F(Downloader, HandsBackBackgroundHandlers) {
   start(2);
   support::Expectation called(3);
-  const auto handler = [&] { called.fulfil(); };
   downloader->handleBackgroundEventsWithCompletionHandler(nullptr);
   for (int n = 0; n < 3; ++n)
-    downloader->handleBackgroundEventsWithCompletionHandler(handler);
-  const auto finishEvents = [&] {
+    downloader->handleBackgroundEventsWithCompletionHandler([&] { called.fulfil(); });
+  const auto countAfterEvents = [&] {
     service->session("session")->finishEvents();
     service->run();
     platform::MainQueue::shared().sync([] {});
+    return called.count();
   };
-  finishEvents();
-  EXPECT_EQ(called.count(), 1U);
+  EXPECT_EQ(countAfterEvents(), 1U);
   downloader->cancelAll();
-  finishEvents();
-  EXPECT_EQ(called.count(), 3U);
-  finishEvents();
-  EXPECT_EQ(called.count(), 3U);
+  EXPECT_EQ(countAfterEvents(), 3U);
+  EXPECT_EQ(countAfterEvents(), 3U);
 }
 
 TEST_F(Downloader, RefreshesRunningTasksInTheForeground) {
   const auto set = start(2);
-  auto& application = platform::Application::shared();
   auto& mainQueue = platform::MainQueue::shared();
   const auto first = task(1), second = task(2);
-  application.willEnterForeground();
+  platform::Application::shared().willEnterForeground();
   mainQueue.sync([] {});
   service->run();
   mainQueue.sync([] {});
   EXPECT_EQ(first->state(), URLSessionTaskState::Suspended);
   // Paused by its user meanwhile, of which the second is resumed again.
-  const auto& records = set->selectedQualitiesInfo().front()->resources();
-  records[0]->pause();
+  const auto& record = set->selectedQualitiesInfo().front()->resources()[0];
+  record->pause();
   support::Expectation later;
   mainQueue.after(std::chrono::milliseconds(1000), [&] { later.fulfil(); });
   ASSERT_TRUE(later.wait());
-  EXPECT_EQ(first->state(), URLSessionTaskState::Suspended);
-  EXPECT_EQ(second->state(), URLSessionTaskState::Running);
-  records[0]->resume();
+  EXPECT_EQ(std::tuple(first->state(), second->state()),
+            std::tuple(URLSessionTaskState::Suspended, URLSessionTaskState::Running));
+  record->resume();
 }
 
 TEST_F(Downloader, TakesEventsAndCommandsFromAnyThread) {
@@ -431,13 +414,11 @@ TEST_F(Downloader, TakesEventsAndCommandsFromAnyThread) {
   open();
 
   struct Listener final : QVMovieDownloadSetDelegate {
-    void movieDownloadSetDidUpdateProgress(const std::shared_ptr<QVMovieDownloadSet>& set,
-                                           QVDownloadProgress) override {
+    void movieDownloadSetDidUpdateProgress(const Set& set, QVDownloadProgress) override {
       const auto active = owner->activeDownloadSets();
       EXPECT_TRUE(active && active->front() == set);
     }
-    void movieDownloadSetDidCompleteWithError(const std::shared_ptr<QVMovieDownloadSet>&,
-                                              const platform::ErrorRef& error) override {
+    void movieDownloadSetDidCompleteWithError(const Set&, const platform::ErrorRef& error) override {
       done.arrive(error);
     }
     QVMovieDownloader* owner = nullptr;
@@ -446,32 +427,26 @@ TEST_F(Downloader, TakesEventsAndCommandsFromAnyThread) {
   const auto listener = std::make_shared<Listener>();
   listener->owner = downloader.get();
   service->serveData(manifestURL, 200, manifest(60));
-  support::Arrival<std::shared_ptr<QVMovieDownloadSet>> fetched;
+  support::Arrival<Set> fetched;
   downloader->fetchDownloadSetForURL(manifestURL, [&](auto set, auto) { fetched.arrive(set); });
   const auto set = fetched.wait().value_or(nullptr);
   ASSERT_TRUE(set);
   set->setDelegate(listener);
   set->selectAllQualities();
   ASSERT_TRUE(downloader->download(set));
-  std::vector<std::jthread> users;
-  for (int user = 0; user < 2; ++user)
-    users.emplace_back([&, user] {
-      while (!listener->done.hasArrived()) {
-        if (user == 0) {
-          downloader->pause(set);
-          downloader->resume(set);
-        } else { // past the downloader
-          set->pause();
-          set->progress();
-          set->resume();
-        }
-        std::this_thread::yield();
-      }
+  const auto keepDoing = [&](const std::function<void()>& commands) {
+    return std::jthread([&listener, commands] {
+      for (; !listener->done.hasArrived(); std::this_thread::yield())
+        commands();
     });
+  };
+  std::jthread user = keepDoing([&] { downloader->pause(set), downloader->resume(set); });
+  std::jthread pastTheDownloader = keepDoing([&] { set->pause(), set->progress(), set->resume(); });
   const auto error = listener->done.wait();
   ASSERT_TRUE(error);
   EXPECT_FALSE(*error) << (*error)->localizedDescription();
-  users.clear();
+  user.join();
+  pastTheDownloader.join();
   EXPECT_EQ(set->_checkCounters(), "");
   for (int number = 1; number <= 60; ++number)
     EXPECT_EQ(support::readFile(pathOf("s" + std::to_string(number) + ".m4s")), "content");
@@ -479,12 +454,9 @@ TEST_F(Downloader, TakesEventsAndCommandsFromAnyThread) {
 
 TEST_F(Downloader, WithoutASessionOnlyStartsNothing) {
   service->serveData(manifestURL, 200, manifest(2));
-  const auto owner = downloader;
+  const auto owner = downloader; // of the session that the next one asks for
   fetch();
-  auto configuration =
-      platform::URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("session");
-  configuration.service = service;
-  downloader = QVMovieDownloader::downloaderWithConfiguration(configuration, directory / "downloads");
+  open();
   EXPECT_FALSE(downloader->downloadSession());
   ASSERT_TRUE(downloader->sessionError());
   EXPECT_EQ(fetch("http://host/new").error, downloader->sessionError());

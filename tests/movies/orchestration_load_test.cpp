@@ -2,8 +2,6 @@
 
 #include "tests/movies/orchestration_support.h"
 
-#include <gtest/gtest.h>
-
 #include <random>
 
 using namespace orchestration;
@@ -13,7 +11,7 @@ namespace {
 TEST(Load, FortyThousandResourcesInOneRun) {
   Stage stage({{"a", 10000}, {"b", 10000}, {"c", 10000}, {"d", 10000}});
   stage.set->setParallelDownloads(7);
-  ASSERT_TRUE(stage.set->downloadWithAdditionalHeaders(std::nullopt));
+  ASSERT_TRUE(stage.download());
   std::size_t events = 0;
   while (!stage.controller->attached.empty()) {
     const auto record = stage.controller->oldest();
@@ -46,48 +44,32 @@ TEST(Load, CountersHoldUnderAnyOrderOfEvents) {
       auto& attached = stage.controller->attached;
       if (!attached.empty() && below(4) != 0) {
         const auto record = std::next(attached.begin(), static_cast<long>(below(attached.size())))->second;
-        switch (below(4)) {
-        case 0:
+        const std::size_t event = below(4);
+        if (event == 0)
           set.resourceBytesDownloaded(record, static_cast<std::int64_t>(below(1000)),
                                       static_cast<std::int64_t>(below(1000)) - 1);
-          break;
-        case 1:
+        else if (event == 1)
           stage.finish(record);
-          break;
-        case 2:
-          stage.fail(record, 503);
-          break;
-        default:
-          stage.fail(record, below(3) == 0 ? 404 : 500);
-        }
+        else
+          stage.fail(record, event == 2 ? 503 : below(3) == 0 ? 404 : 500);
       } else {
         const bool idle = set.status() == QVDownloadStatusInactive;
-        switch (below(8)) {
-        case 0:
+        const std::size_t command = below(8);
+        if (command == 0)
           set.pause();
-          break;
-        case 1:
+        else if (command == 1)
           set.resume();
-          break;
-        case 2:
-          if (below(4) == 0)
-            set.cancel();
-          break;
-        case 3:
-          if (idle)
-            set.selectQuality(stage.quality(below(3)));
-          break;
-        case 4:
-          if (idle && below(3) == 0)
-            set.deselectQuality(stage.quality(below(3)));
-          break;
-        case 5:
-          if (idle)
-            set.removeDownloadedQuality(stage.quality(below(3)));
-          break;
-        default:
+        else if (command == 2 && below(4) == 0)
+          set.cancel();
+        else if (command == 3 && idle)
+          set.selectQuality(stage.quality(below(3)));
+        else if (command == 4 && idle && below(3) == 0)
+          set.deselectQuality(stage.quality(below(3)));
+        else if (command == 5 && idle)
+          set.removeDownloadedQuality(stage.quality(below(3)));
+        else if (command > 5) {
           set.setParallelDownloads(1 + below(5));
-          set.downloadWithAdditionalHeaders(std::nullopt);
+          stage.download();
         }
       }
       ASSERT_EQ(set._checkCounters(), "") << "round " << round << ", step " << step;

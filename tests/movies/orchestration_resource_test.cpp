@@ -2,8 +2,6 @@
 
 #include "TolvaneDownloader/DASHDownloader/Internal/QVResourceId.h"
 
-#include <gmock/gmock.h>
-
 using namespace orchestration;
 
 namespace {
@@ -13,29 +11,26 @@ TEST(ResourcePath, StaysBelowItsDirectory) {
   const std::pair<const char*, const char*> places[] = {
       {"a/b.m4s", "a/b.m4s"},
       {"/rooted/b.m4s", "rooted/b.m4s"},
-      {"http://host//a/b.m4s?x=1&y=..", "http:/host/a/b.m4s?x=1&y=.."},
       {"./a/../b//c/.", "b/c"},
       {"a/..b/...", "a/..b/..."},
       {"manifest.mpd2", "manifest.mpd2"},
       {"sub/manifest.mpd", "sub/manifest.mpd"},
-  };
+      {"http://host//a/b.m4s?x=1&y=..", "http:/host/a/b.m4s?x=1&y=.."}};
   for (const auto& [reference, place] : places)
     EXPECT_EQ(directory.relativePath(reference), place) << reference;
 
-  const std::string_view refused[] = {
-      "..",
-      "../x",
-      "a/../../x",
-      "",
-      ".",
-      "a/..",
-      "manifest.mpd",
-      "./movie.mpd",
-      "movie.mpd/x",
-      "x/../properties.json",
-      {"a\0b", 3},
-      "/",
-  };
+  const std::string_view refused[] = {"..",
+                                      "../x",
+                                      "a/../../x",
+                                      "",
+                                      ".",
+                                      "a/..",
+                                      "manifest.mpd",
+                                      "./movie.mpd",
+                                      "movie.mpd/x",
+                                      "x/../properties.json",
+                                      std::string_view("a\0b", 3),
+                                      "/"};
   for (const auto& reference : refused) {
     std::string reason;
     EXPECT_FALSE(directory.relativePath(reference, &reason)) << reference;
@@ -63,21 +58,19 @@ TEST(ResourcePath, ShortensLongComponentsInOneWay) {
 }
 
 TEST(ResourceId, SurvivesTheDescriptionOfATask) {
+  const auto read = [](const std::string& text) { return QVResourceId::resourceIdWithJSONString(text); };
   Stage stage({{"v \"1\"", 3}});
   const auto& record = stage.set->selectedQualitiesInfo().front()->resources()[2];
-  const auto id =
-      QVResourceId::resourceIdWithJSONString(QVResourceId::resourceIdWithResource(*record).serializeToJSON());
-  EXPECT_EQ(id.manifestURL(), manifestURL);
-  EXPECT_EQ(id.qualityId(), "v \"1\"");
-  EXPECT_EQ(id.resourceIndex(), 2U);
-  EXPECT_EQ(id.status(), 0U);
+  const auto id = read(QVResourceId::resourceIdWithResource(*record).serializeToJSON());
+  EXPECT_EQ(std::tuple(id.manifestURL(), id.qualityId(), id.resourceIndex(), id.status()),
+            std::tuple(manifestURL, "v \"1\"", 2U, 0U));
 
   for (const char* text : {"", "no JSON", "[1]", R"({"QVManifestURL":1,"QVResourceIndex":"x"})"}) {
-    const auto garbled = QVResourceId::resourceIdWithJSONString(text);
+    const auto garbled = read(text);
     EXPECT_FALSE(garbled.manifestURL() || garbled.qualityId()) << text;
     EXPECT_EQ(garbled.resourceIndex() + garbled.status(), 0U) << text;
   }
-  EXPECT_GT(QVResourceId::resourceIdWithJSONString(R"({"QVResourceIndex":-1})").resourceIndex(), 1U << 30);
+  EXPECT_GT(read(R"({"QVResourceIndex":-1})").resourceIndex(), 1U << 30);
 }
 
 class Record : public testing::Test {
@@ -86,9 +79,6 @@ protected:
                                                QVDownloadSize expected = QVDownloadSizeUnknown) {
     return QVResourceDownloadInfo::infoWithResource(std::move(resource), directory, {}, 7, expected,
                                                     controller);
-  }
-  static std::uint64_t describedStatus(const platform::URLSessionTask& task) {
-    return QVResourceId::resourceIdWithJSONString(task.taskDescription().value_or("")).status();
   }
 
   std::shared_ptr<Controller> controller = std::make_shared<Controller>();
@@ -114,23 +104,24 @@ TEST_F(Record, DescribesItsStatusInItsTask) {
   EXPECT_FALSE(record->activate());
   const auto task = controller->service->task(0);
   EXPECT_EQ(task->request().valueForHTTPHeaderField("Cookie"), "1");
-  EXPECT_EQ(task->request().valueForHTTPHeaderField("Range"), "bytes=0-1"); // the given headers win
-  EXPECT_EQ(describedStatus(*task), 1U);
+  EXPECT_EQ(task->request().valueForHTTPHeaderField("Range"), "bytes=0-1") << "the given headers win";
+  const auto describedStatus = [&] {
+    return QVResourceId::resourceIdWithJSONString(task->taskDescription().value_or("")).status();
+  };
+  EXPECT_EQ(describedStatus(), 1U);
   EXPECT_FALSE(record->pause());
   EXPECT_EQ(task->calls().descriptions.size(), 1U);
   EXPECT_TRUE(record->resume());
-  EXPECT_EQ(describedStatus(*task), 2U);
+  EXPECT_EQ(describedStatus(), 2U);
   EXPECT_TRUE(record->pause());
   EXPECT_EQ(task->state(), platform::URLSessionTaskState::Suspended);
   EXPECT_EQ(controller->attached.size(), 1U);
 
   record->bytesDownloaded(5, 20);
   EXPECT_TRUE(record->cancel());
-  EXPECT_FALSE(record->cancel());
-  EXPECT_EQ(record->downloadedBytes(), 0);
-  EXPECT_EQ(task->calls().cancelled, 1);
-  EXPECT_FALSE(task->taskDescription());
-  EXPECT_TRUE(controller->attached.empty());
+  EXPECT_FALSE(record->cancel() || task->taskDescription());
+  EXPECT_EQ(std::tuple(record->downloadedBytes(), task->calls().cancelled, controller->attached.size()),
+            std::tuple(0, 1, 0U));
   EXPECT_TRUE(record->activate());
 }
 
@@ -140,8 +131,7 @@ TEST_F(Record, HasFourRestarts) {
   const auto error = platform::makeError(platform::NSURLErrorDomain, platform::NSURLErrorTimedOut);
   for (int restart = 0; restart < 4; ++restart) {
     record->completeWithError(error);
-    EXPECT_TRUE(record->failed());
-    EXPECT_TRUE(record->reactivate());
+    EXPECT_TRUE(record->failed() && record->reactivate()) << restart;
     EXPECT_EQ(record->status(), QVDownloadStatusPaused);
   }
   record->completeWithError(error);
@@ -168,9 +158,8 @@ TEST_F(Record, TakesOverATaskOfAnEarlierProcess) {
   const auto record = make(resourceAt("x"));
   ASSERT_TRUE(record->reattachWithStatus(2, task));
   EXPECT_FALSE(record->reattachWithStatus(2, task));
-  EXPECT_EQ(record->status(), QVDownloadStatusDownloading);
-  EXPECT_EQ(record->downloadedBytes(), 30);
-  EXPECT_EQ(record->expectedBytes(), (QVDownloadSize{90, false}));
+  EXPECT_EQ(std::tuple(record->status(), record->downloadedBytes(), record->expectedBytes()),
+            std::tuple(QVDownloadStatusDownloading, 30, QVDownloadSize{90, false}));
 
   const auto strange = make(resourceAt("x"));
   EXPECT_TRUE(strange->reattachWithStatus(77, task)); // the task itself knows
@@ -190,9 +179,7 @@ TEST_F(Record, ThatMayNotStandWhereItWouldIsNeverFetched) {
     EXPECT_EQ(record->error()->code(), QVDownloadErrorResourcePath);
     EXPECT_THAT(record->error()->localizedDescription(), testing::HasSubstr("../other/manifest.mpd"));
     EXPECT_EQ(record->resourcePath(), "");
-    EXPECT_FALSE(record->clear());
-    EXPECT_FALSE(record->activate());
-    EXPECT_FALSE(record->reactivate());
+    EXPECT_FALSE(record->clear() || record->activate() || record->reactivate());
     record->reset();
     record->completeWithBytesPreloaded(5);
   }

@@ -5,73 +5,65 @@
 
 #include "platform/foundation/Exception.h"
 
-#include <gmock/gmock.h>
-
 using namespace orchestration;
 using testing::ElementsAre;
 
 namespace {
 
-std::string raised(const std::function<void()>& misuse) {
-  try {
-    misuse();
-  } catch (const platform::Exception& exception) {
-    EXPECT_EQ(exception.name(), "QVMovieDownloadSetException");
-    return exception.reason();
-  }
-  return {};
-}
-
 TEST(Set, FollowsARunToItsEnd) {
   Stage stage({{"v", 2}, {.identifier = "a", .count = 1, .type = QVMediaTypeAudio}});
   auto& set = *stage.set;
-  EXPECT_EQ(set.baseURL(), "http://host/movie/");
-  EXPECT_EQ(set.uuid(), "id");
-  EXPECT_EQ(set.numberOfSelectedQualities(), 2U);
+  EXPECT_EQ(std::tuple(set.baseURL(), set.uuid(), set.numberOfSelectedQualities()),
+            std::tuple("http://host/movie/", "id", 2U));
   set.setAdditionalHeaders(platform::HTTPHeaders{{"cookie", "set"}});
   ASSERT_TRUE(set.downloadWithAdditionalHeaders(platform::HTTPHeaders{{"Cookie", "given"}, {"A", "1"}}));
-  EXPECT_FALSE(set.downloadWithAdditionalHeaders(std::nullopt));
-  const auto first = stage.controller->service->task(0);
-  EXPECT_EQ(first->request().valueForHTTPHeaderField("Cookie"), "set");
-  EXPECT_EQ(first->request().valueForHTTPHeaderField("A"), "1");
-  EXPECT_EQ(first->request().url().absoluteString(), "http://host/movie/v/0.m4s");
+  EXPECT_FALSE(stage.download());
+  const auto& request = stage.controller->service->task(0)->request();
+  EXPECT_EQ(request.valueForHTTPHeaderField("Cookie"), "set");
+  EXPECT_EQ(request.valueForHTTPHeaderField("A"), "1");
+  EXPECT_EQ(request.url().absoluteString(), "http://host/movie/v/0.m4s");
 
-  EXPECT_EQ(raised([&] { set.selectAllQualities(); }), "Can't select quality in non-idle state");
-  EXPECT_EQ(raised([&] { set.deselectQuality(stage.quality(0)); }),
-            "Can't deselect quality in non-idle state");
-  EXPECT_EQ(raised([&] { set.removeDownloadedQuality(stage.quality(0)); }),
-            "Can't remove quality in non-idle state");
-  EXPECT_EQ(raised([&] { set.removeAllDownloadedQualities(); }), "Can't remove qualities in non-idle state");
-  EXPECT_EQ(raised([&] { set.isQualitySelected(nullptr); }), "Quality not available in movie");
+  const std::pair<std::string, std::function<void()>> misuses[] = {
+      {"Can't select quality in non-idle state", [&] { set.selectAllQualities(); }},
+      {"Can't deselect quality in non-idle state", [&] { set.deselectQuality(stage.quality(0)); }},
+      {"Can't remove quality in non-idle state", [&] { set.removeDownloadedQuality(stage.quality(0)); }},
+      {"Can't remove qualities in non-idle state", [&] { set.removeAllDownloadedQualities(); }},
+      {"Quality not available in movie", [&] { set.isQualitySelected(nullptr); }}};
+  for (const auto& [reason, misuse] : misuses)
+    try {
+      misuse();
+      ADD_FAILURE() << reason;
+    } catch (const platform::Exception& exception) {
+      EXPECT_EQ(std::tuple(exception.name(), exception.reason()),
+                std::tuple("QVMovieDownloadSetException", reason));
+    }
 
-  set.pause();
-  set.pause();
+  for (int times = 0; times < 2; ++times)
+    set.pause();
   EXPECT_EQ(set.status(), QVDownloadStatusPaused);
-  set.resume();
-  set.resume();
-  EXPECT_THAT(stage.diary->take(), ElementsAre("status 2", "status 1", "status 2"));
+  for (int times = 0; times < 2; ++times)
+    set.resume();
+  EXPECT_THAT(stage.told(), ElementsAre("status 2", "status 1", "status 2"));
 
   stage.finishAll();
-  EXPECT_THAT(stage.diary->take(), ElementsAre("quality v ok", "quality a ok", "status 0", "done ok"));
-  EXPECT_EQ(set._checkCounters(), "");
+  EXPECT_THAT(stage.told(), ElementsAre("quality v ok", "quality a ok", "status 0", "done ok"));
   EXPECT_EQ(set.status(), QVDownloadStatusInactive);
   EXPECT_FALSE(set.selectedQualities());
   // The list is walked from its end.
   EXPECT_THAT(*set.downloadedQualities(), ElementsAre(stage.quality(1), stage.quality(0)));
   EXPECT_EQ(set.properties()->numberOfDownloadedAudioQualities(), 1U);
   EXPECT_THAT(*set.properties()->downloadedQualityIdentifiers(), ElementsAre("a", "v"));
-  EXPECT_FALSE(set.downloadWithAdditionalHeaders(std::nullopt));
+  EXPECT_FALSE(stage.download());
 }
 
 TEST(Set, EndsWithTheErrorsOfTheFailedQualities) {
   Stage stage({{"v", 3}, {"w", 1}, {.identifier = "x", .resources = {resourceAt("../x")}}});
   auto& set = *stage.set;
-  EXPECT_EQ(set._checkCounters(), "");
-  ASSERT_TRUE(set.downloadWithAdditionalHeaders(std::nullopt));
+  ASSERT_TRUE(stage.download());
   stage.fail(stage.controller->oldest());
   EXPECT_EQ(set._checkCounters(), "");
   stage.finishAll();
-  EXPECT_THAT(stage.diary->take(),
+  EXPECT_THAT(stage.told(),
               ElementsAre("status 2", "quality v failed", "quality w ok", "status 0", "done -1002"));
   const auto& error = stage.diary->lastError;
   const auto* errors = error->value<QVQualityErrors>("QVQualityErrors");
@@ -82,16 +74,14 @@ TEST(Set, EndsWithTheErrorsOfTheFailedQualities) {
   EXPECT_EQ(*error->value<std::shared_ptr<QVMovie>>("QVMovie"), set.movie());
   EXPECT_EQ(error->underlyingError(), errors->at("v"));
   EXPECT_TRUE(set.isQualitySelected(stage.quality(0)) && set.isQualityDownloaded(stage.quality(1)));
-  EXPECT_EQ(set._checkCounters(), "");
 
   // The failed resource alone is fetched again; what can never be fetched is named again.
-  ASSERT_TRUE(set.downloadWithAdditionalHeaders(std::nullopt));
+  ASSERT_TRUE(stage.download());
   EXPECT_EQ(stage.controller->attached.size(), 1U);
   stage.finishAll();
-  EXPECT_THAT(stage.diary->take(), ElementsAre("status 2", "quality v ok", "status 0", "done -1002"));
-  EXPECT_FALSE(set.downloadWithAdditionalHeaders(std::nullopt));
+  EXPECT_THAT(stage.told(), ElementsAre("status 2", "quality v ok", "status 0", "done -1002"));
+  EXPECT_FALSE(stage.download());
   set.deselectAllQualities();
-  EXPECT_EQ(set._checkCounters(), "");
 }
 
 TEST(Set, CountsBytesAndProgress) {
@@ -101,7 +91,7 @@ TEST(Set, CountsBytesAndProgress) {
   EXPECT_GT(onDisk, 0);
   EXPECT_EQ(set.expectedBytes(), (QVDownloadSize{1000, true})); // w has no bit rate: its sizes are 0
   EXPECT_EQ(set.totalSize(), (QVDownloadSize{1000, true}));
-  set.downloadWithAdditionalHeaders(std::nullopt);
+  stage.download();
   const auto record = stage.controller->oldest();
   set.resourceBytesDownloaded(record, 200, 400);
   EXPECT_EQ(set._checkCounters(), "");
@@ -109,12 +99,10 @@ TEST(Set, CountsBytesAndProgress) {
   EXPECT_FLOAT_EQ(stage.diary->lastProgress, static_cast<float>(onDisk + 200) / 900);
   EXPECT_EQ(set.downloadedBytesForQuality(stage.quality(0)), 200);
   stage.fail(record, 500); // its bytes are gone; it starts again
-  EXPECT_EQ(set.downloadedBytes(), onDisk);
-  EXPECT_EQ(set._checkCounters(), "");
+  EXPECT_EQ(std::tuple(set.downloadedBytes(), set._checkCounters()), std::tuple(onDisk, ""));
   set.resourceBytesDownloaded(record, 100, 400);
   set.cancel();
   EXPECT_EQ(set.downloadedBytes(), onDisk);
-  EXPECT_EQ(set._checkCounters(), "");
 
   Stage unknown({{"v", 1}, {"w", 1}, {"x", 1}});
   EXPECT_EQ(unknown.set->expectedBytes(), (QVDownloadSize{-3, true}));
@@ -122,7 +110,7 @@ TEST(Set, CountsBytesAndProgress) {
   EXPECT_EQ(unknown.set->totalSize(), QVDownloadSizeUnknown);
   const auto infos = unknown.set->selectedQualitiesInfo();
   EXPECT_EQ(QVMovieDownloadSet::expectedBytesFor(infos), QVDownloadSizeUnknown);
-  unknown.set->downloadWithAdditionalHeaders(std::nullopt);
+  unknown.download();
   unknown.set->resourceBytesDownloaded(infos[0]->resources()[0], 1, 101);
   unknown.set->resourceBytesDownloaded(infos[2]->resources()[0], 1, 201);
   EXPECT_EQ(QVMovieDownloadSet::expectedBytesFor(infos), (QVDownloadSize{450, true}));
@@ -130,10 +118,10 @@ TEST(Set, CountsBytesAndProgress) {
 
 TEST(Set, FindsWhatIsOnDisk) {
   Stage stage({{"v", 2}, {"w", 2}, {"x", 1}, {"none", 0}});
-  stage.controller->directory.write("set/v/0.m4s", "12345");
-  stage.controller->directory.write("set/v/1.m4s", "123");
-  stage.controller->directory.write("set/w/1.m4s", "1");
-  stage.controller->directory.write("set/x/0.m4s/file", "a directory is no resource");
+  for (const auto& [name, content] :
+       {std::pair("v/0.m4s", "12345"), std::pair("v/1.m4s", "123"), std::pair("w/1.m4s", "1"),
+        std::pair("x/0.m4s/file", "a directory is no resource")})
+    stage.controller->directory.write(std::string("set/") + name, content);
   stage.open();
   auto& set = *stage.set;
   EXPECT_THAT(*set.downloadedQualities(), ElementsAre(stage.quality(0), stage.quality(3)));
@@ -143,7 +131,7 @@ TEST(Set, FindsWhatIsOnDisk) {
   EXPECT_EQ(set.expectedBytesForQuality(stage.quality(0)), (QVDownloadSize{7, true}));
 
   set.selectQuality(stage.quality(0)); // stays downloaded
-  set.downloadWithAdditionalHeaders(std::nullopt);
+  stage.download();
   EXPECT_EQ(stage.controller->attached.size(), 1U);
   EXPECT_EQ(stage.controller->oldest()->index(), 0U);
   set.cancel();
@@ -153,72 +141,65 @@ TEST(Set, FindsWhatIsOnDisk) {
   EXPECT_EQ(support::readFile(stage.path() + "/v/0.m4s"), "");
   EXPECT_EQ(set._checkCounters(), "");
   set.selectQuality(stage.quality(0));
-  EXPECT_TRUE(set.downloadWithAdditionalHeaders(std::nullopt));
+  EXPECT_TRUE(stage.download());
   EXPECT_EQ(stage.controller->attached.size(), 3U);
 }
 
 TEST(Set, KeepsItsCountWhenARunIsCancelledHalfway) {
   Stage stage({{"v", 1}, {"w", 1}});
-  auto& set = *stage.set;
-  set.downloadWithAdditionalHeaders(std::nullopt);
+  stage.download();
   stage.finish(stage.controller->oldest());
-  set.cancel();
-  set.cancel();
-  EXPECT_THAT(stage.diary->take(), ElementsAre("status 2", "quality v ok", "status 0"));
-  set.deselectQuality(stage.quality(0));
-  EXPECT_EQ(set._checkCounters(), "");
-  set.downloadWithAdditionalHeaders(std::nullopt);
+  for (int times = 0; times < 2; ++times)
+    stage.set->cancel();
+  EXPECT_THAT(stage.told(), ElementsAre("status 2", "quality v ok", "status 0"));
+  stage.set->deselectQuality(stage.quality(0));
+  EXPECT_EQ(stage.set->_checkCounters(), "");
+  stage.download();
   stage.finishAll();
-  EXPECT_THAT(stage.diary->take(), ElementsAre("status 2", "quality w ok", "status 0", "done ok"));
+  EXPECT_THAT(stage.told(), ElementsAre("status 2", "quality w ok", "status 0", "done ok"));
 }
 
 TEST(Set, TakesOverTasksWithoutTelling) {
   Stage stage({{"v", 3}, {"w", 1}});
   auto& set = *stage.set;
   set.deselectAllQualities();
-  const auto task = [&](const char* id) {
-    auto made = stage.controller->session->downloadTaskWithRequest(*resourceAt("v")->prepareRequest());
-    return set.reattachResource(QVResourceId::resourceIdWithJSONString(id), made);
-  };
-  EXPECT_FALSE(task(R"({"QVQualityId":"z","QVStatus":2})"));
-  EXPECT_FALSE(task(R"({"QVQualityId":"v","QVResourceIndex":3,"QVStatus":2})"));
-  EXPECT_EQ(set.status(), QVDownloadStatusInactive);
-  EXPECT_TRUE(task(R"({"QVQualityId":"v","QVResourceIndex":1,"QVStatus":1})"));
-  EXPECT_EQ(set.status(), QVDownloadStatusPaused);
-  EXPECT_TRUE(task(R"({"QVQualityId":"v","QVResourceIndex":2,"QVStatus":2})"));
-  EXPECT_EQ(set.status(), QVDownloadStatusDownloading);
-  EXPECT_EQ(set._checkCounters(), "");
-  EXPECT_TRUE(task(R"({"QVQualityId":"w","QVStatus":1})"));
-  EXPECT_TRUE(stage.diary->take().empty());
+  const std::tuple<const char*, bool, QVDownloadStatus> tasks[] = {
+      {R"({"QVQualityId":"z","QVStatus":2})", false, QVDownloadStatusInactive},
+      {R"({"QVQualityId":"v","QVResourceIndex":3,"QVStatus":2})", false, QVDownloadStatusInactive},
+      {R"({"QVQualityId":"v","QVResourceIndex":1,"QVStatus":1})", true, QVDownloadStatusPaused},
+      {R"({"QVQualityId":"v","QVResourceIndex":2,"QVStatus":2})", true, QVDownloadStatusDownloading},
+      {R"({"QVQualityId":"w","QVStatus":1})", true, QVDownloadStatusDownloading}};
+  for (const auto& [id, taken, status] : tasks) {
+    const auto task = stage.controller->session->downloadTaskWithRequest(*resourceAt("v")->prepareRequest());
+    EXPECT_EQ(set.reattachResource(QVResourceId::resourceIdWithJSONString(id), task), taken) << id;
+    EXPECT_EQ(set.status(), status) << id;
+    EXPECT_THAT(stage.told(), testing::IsEmpty()) << id;
+  }
   set.resume();
   EXPECT_EQ(set._checkCounters(), "");
   stage.finishAll();
-  EXPECT_THAT(stage.diary->take(),
-              ElementsAre("status 2", "quality w ok", "quality v ok", "status 0", "done ok"));
+  EXPECT_THAT(stage.told(), ElementsAre("status 2", "quality w ok", "quality v ok", "status 0", "done ok"));
 }
 
 TEST(Set, MayBeUsedByItsDelegate) {
   Stage stage({{.identifier = "v", .count = 8, .bitrate = 8000}}, 10);
   Stage other({{"o", 1}});
-  auto& diary = *stage.diary;
-  diary.onProgress = [&](const auto& set) {
+  stage.diary->onProgress = [&](const auto& set) {
     EXPECT_EQ(other.set->status(), QVDownloadStatusInactive); // another set's lock
     set->cancel();
   };
-  bool again = true;
-  diary.onStatus = [&](const auto& set, QVDownloadStatus status) {
+  stage.diary->onStatus = [&, again = true](const auto& set, QVDownloadStatus status) mutable {
     if (status == QVDownloadStatusInactive && std::exchange(again, false)) {
       set->downloadWithAdditionalHeaders(std::nullopt);
       throw std::runtime_error("a delegate's own fault");
     }
   };
-  stage.set->downloadWithAdditionalHeaders(std::nullopt);
+  stage.download();
   stage.set->resourceBytesDownloaded(stage.controller->oldest(), 5, 10);
-  EXPECT_EQ(diary.progressEvents, 1);
-  EXPECT_THAT(diary.take(), ElementsAre("status 2", "status 0", "status 2"));
-  EXPECT_EQ(stage.set->_checkCounters(), "");
+  EXPECT_EQ(stage.diary->progressEvents, 1);
+  EXPECT_THAT(stage.told(), ElementsAre("status 2", "status 0", "status 2"));
   stage.finishAll();
-  EXPECT_THAT(diary.take(), ElementsAre("quality v ok", "status 0", "done ok"));
+  EXPECT_THAT(stage.told(), ElementsAre("quality v ok", "status 0", "done ok"));
 }
 
 } // namespace

@@ -18,6 +18,8 @@
 #include "tests/support/ScriptedTransferService.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <gmock/gmock.h>
+
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -75,66 +77,64 @@ inline std::shared_ptr<QVPlaylist> playlistOf(std::vector<Wanted> qualities, dou
 /// A downloader without files: tests play the session's part themselves.
 class Controller final : public QVDownloadController {
 public:
+  using Resource = std::shared_ptr<QVResourceDownloadInfo>;
+
   Controller() : session(service->openSession({}, {}, nullptr, nullptr)) {}
 
   std::shared_ptr<platform::URLSession> downloadSession() const override { return session; }
-  void resourceAttachTask(const std::shared_ptr<QVResourceDownloadInfo>& resource,
-                          const platform::DownloadTaskRef& task) override {
+  void resourceAttachTask(const Resource& resource, const platform::DownloadTaskRef& task) override {
     attached[task->taskIdentifier()] = resource;
   }
-  void resourceDetachTask(const std::shared_ptr<QVResourceDownloadInfo>&,
-                          const platform::DownloadTaskRef& task) override {
+  void resourceDetachTask(const Resource&, const platform::DownloadTaskRef& task) override {
     attached.erase(task->taskIdentifier());
   }
   platform::OrderedRecursiveMutex& controllerLock() override { return lock; }
 
   /// The resource whose task is the oldest.
-  std::shared_ptr<QVResourceDownloadInfo> oldest() const { return attached.begin()->second; }
+  Resource oldest() const { return attached.begin()->second; }
 
   support::TemporaryDirectory directory;
   std::shared_ptr<support::ScriptedTransferService> service =
       std::make_shared<support::ScriptedTransferService>(directory.path());
   std::shared_ptr<platform::URLSession> session;
-  std::map<std::uint64_t, std::shared_ptr<QVResourceDownloadInfo>> attached;
+  std::map<std::uint64_t, Resource> attached;
   platform::OrderedRecursiveMutex lock{1, "test controller"};
 };
 
 /// Writes down what a set tells: "status 2", "quality v ok", "done -1002", "progress v 0.5" (if wanted).
 class Diary final : public QVMovieDownloadSetDelegate {
 public:
-  void movieDownloadSetDidChangeStatus(const std::shared_ptr<QVMovieDownloadSet>& set,
-                                       QVDownloadStatus status) override {
+  using Set = std::shared_ptr<QVMovieDownloadSet>;
+  using Quality = std::shared_ptr<QVQuality>;
+
+  void movieDownloadSetDidChangeStatus(const Set& set, QVDownloadStatus status) override {
     lines.push_back("status " + std::to_string(status));
     if (onStatus)
       onStatus(set, status);
   }
-  void movieDownloadSetDidUpdateProgressForQuality(const std::shared_ptr<QVMovieDownloadSet>&,
-                                                   QVDownloadProgress progress,
-                                                   const std::shared_ptr<QVQuality>& quality) override {
+  void movieDownloadSetDidUpdateProgressForQuality(const Set&, QVDownloadProgress progress,
+                                                   const Quality& quality) override {
     qualityProgress[quality->identifier()] = progress.value;
   }
-  void movieDownloadSetDidUpdateProgress(const std::shared_ptr<QVMovieDownloadSet>& set,
-                                         QVDownloadProgress progress) override {
+  void movieDownloadSetDidUpdateProgress(const Set& set, QVDownloadProgress progress) override {
     ++progressEvents;
     lastProgress = progress.value;
     if (onProgress)
       onProgress(set);
   }
-  void movieDownloadSetDidCompleteQuality(const std::shared_ptr<QVMovieDownloadSet>&,
-                                          const std::shared_ptr<QVQuality>& quality,
+  void movieDownloadSetDidCompleteQuality(const Set&, const Quality& quality,
                                           const platform::ErrorRef& error) override {
     lines.push_back("quality " + quality->identifier() + (error ? " failed" : " ok"));
   }
-  void movieDownloadSetDidCompleteWithError(const std::shared_ptr<QVMovieDownloadSet>&,
-                                            const platform::ErrorRef& error) override {
+  void movieDownloadSetDidCompleteWithError(const Set&, const platform::ErrorRef& error) override {
     lines.push_back("done " + (error ? std::to_string(error->code()) : "ok"));
     lastError = error;
   }
 
   std::vector<std::string> take() { return std::exchange(lines, {}); }
 
-  std::function<void(const std::shared_ptr<QVMovieDownloadSet>&, QVDownloadStatus)> onStatus;
-  std::function<void(const std::shared_ptr<QVMovieDownloadSet>&)> onProgress;
+  std::function<void(const Set&, QVDownloadStatus)> onStatus;
+  std::function<void(const Set&)> onProgress;
   std::vector<std::string> lines;
   std::map<std::string, float> qualityProgress;
   int progressEvents = 0;
@@ -149,6 +149,7 @@ struct Stage {
     open();
     set->selectAllQualities();
   }
+  ~Stage() { EXPECT_EQ(set->_checkCounters(), ""); }
 
   /// The set as the next process finds it.
   void open() {
@@ -163,10 +164,14 @@ struct Stage {
     return playlist->movies().front()->tracks()[index]->qualities().front();
   }
 
-  void finish(const std::shared_ptr<QVResourceDownloadInfo>& resource) {
-    set->resourceCompleteWithError(resource, nullptr);
+  bool download() { return set->downloadWithAdditionalHeaders(std::nullopt); }
+  /// What the set told since the last time; by then its counters agree with a recount.
+  std::vector<std::string> told() {
+    EXPECT_EQ(set->_checkCounters(), "");
+    return diary->take();
   }
-  void fail(const std::shared_ptr<QVResourceDownloadInfo>& resource, int status = 404) {
+  void finish(const Controller::Resource& resource) { set->resourceCompleteWithError(resource, nullptr); }
+  void fail(const Controller::Resource& resource, int status = 404) {
     set->resourceCompleteWithError(resource, platform::makeError(QVDownloadHTTPErrorDomain, status));
   }
   void finishAll() {

@@ -26,6 +26,11 @@ protected:
     return QVMovieDownloadProperties::propertiesWithLocalPath(directory, jsonName);
   }
 
+  /// All, video, audio and text qualities.
+  static std::vector<std::size_t> counts(const QVMovieDownloadProperties& properties) {
+    return {properties.numberOfDownloadedQualities(), properties.numberOfDownloadedVideoQualities(),
+            properties.numberOfDownloadedAudioQualities(), properties.numberOfDownloadedTextQualities()};
+  }
   void store(const std::string& text) { temporary.write(jsonName, text); }
   std::string stored() { return support::readFile(temporary / jsonName); }
 
@@ -52,7 +57,7 @@ TEST_F(Properties, EverySetterIsOnDiskAtOnce) {
             R"({"QVDownloadSetManifestName":"manifest.mpd","QVDownloadSetSourceURL":"http://h/m.mpd"})");
   EXPECT_EQ(properties->sourceURL(), "http://h/m.mpd");
   EXPECT_EQ(properties->localURL(), "file://" + directory + "/manifest.mpd");
-  EXPECT_EQ(read()->numberOfDownloadedQualities(), 0u);
+  EXPECT_THAT(counts(*read()), Each(0u));
   EXPECT_EQ(read()->downloadedQualityIdentifiers(), std::nullopt);
 
   properties->setTitle("Ein Titel – \"✓\"");
@@ -63,10 +68,7 @@ TEST_F(Properties, EverySetterIsOnDiskAtOnce) {
   properties->setObject({{"kept", true}}, "Other");
   properties->setDownloadedQualities(6, 1, 2, 3, {"b", "a"});
   const auto again = read();
-  EXPECT_EQ(again->numberOfDownloadedQualities(), 6u);
-  EXPECT_EQ(again->numberOfDownloadedVideoQualities(), 1u);
-  EXPECT_EQ(again->numberOfDownloadedAudioQualities(), 2u);
-  EXPECT_EQ(again->numberOfDownloadedTextQualities(), 3u);
+  EXPECT_THAT(counts(*again), ElementsAre(6, 1, 2, 3));
   EXPECT_THAT(*again->downloadedQualityIdentifiers(), ElementsAre("b", "a"));
   EXPECT_EQ(again->objectForKey("Other")->dump(), R"({"kept":true})");
   EXPECT_EQ(again->objectForKey("Missing"), std::nullopt);
@@ -79,26 +81,22 @@ TEST_F(Properties, UnusableFiles) {
 
   const std::string url = R"("QVDownloadSetSourceURL":"http://h/")";
   const std::string manifest = R"("QVDownloadSetManifestName":)";
-  const std::pair<std::string, std::string> faults[] = {
-      {"", "Error: Failed to read JSON file: "},
-      {"{" + url, "Error: Failed to read JSON file: "},
-      {std::string(100'000, '['), "Error: Failed to read JSON file: "},
-      {"[1]", "Error: Failed to read JSON file: "},
-      {"null", "Error: Failed to read JSON file: "},
-      {"{" + manifest + R"("m.mpd"})", "Error: No source URL in JSON file"},
-      {R"({"QVDownloadSetSourceURL":7,)" + manifest + R"("m.mpd"})", "Error: No source URL in JSON file"},
-      {"{" + url + "}", "Error: No manifest name in JSON file"},
-      {"{" + url + "," + manifest + "{}}", "Error: No manifest name in JSON file"},
-      {"{" + url + "," + manifest + R"("../../etc/passwd"})", "Error: No manifest name in JSON file"},
-      {"{" + url + "," + manifest + R"(".."})", "Error: No manifest name in JSON file"},
-  };
-  for (const auto& [text, message] : faults) {
-    store(text);
-    EXPECT_EQ(read(), nullptr) << text.substr(0, 80);
-    EXPECT_EQ(create(), nullptr) << text.substr(0, 80);
-    EXPECT_THAT(logged(), ElementsAre(StartsWith(message), StartsWith(message))) << text.substr(0, 80);
-    EXPECT_EQ(stored(), text) << "an unreadable file is left alone";
-  }
+  const std::pair<const char*, std::vector<std::string>> faults[] = {
+      {"Error: Failed to read JSON file: ", {"", "{" + url, std::string(100'000, '['), "[1]", "null"}},
+      {"Error: No source URL in JSON file",
+       {"{" + manifest + R"("m.mpd"})", R"({"QVDownloadSetSourceURL":7,)" + manifest + R"("m.mpd"})"}},
+      {"Error: No manifest name in JSON file",
+       {"{" + url + "}", "{" + url + "," + manifest + "{}}",
+        "{" + url + "," + manifest + R"("../../etc/passwd"})", "{" + url + "," + manifest + R"(".."})"}}};
+  for (const auto& [message, texts] : faults)
+    for (const std::string& text : texts) {
+      SCOPED_TRACE(text.substr(0, 80));
+      store(text);
+      EXPECT_EQ(read(), nullptr);
+      EXPECT_EQ(create(), nullptr);
+      EXPECT_THAT(logged(), ElementsAre(StartsWith(message), StartsWith(message)));
+      EXPECT_EQ(stored(), text) << "an unreadable file is left alone";
+    }
 }
 
 TEST_F(Properties, MembersOfAWrongTypeCountAsAbsent) {
@@ -109,9 +107,7 @@ TEST_F(Properties, MembersOfAWrongTypeCountAsAbsent) {
   const auto properties = read();
   ASSERT_TRUE(properties);
   EXPECT_EQ(properties->title(), std::nullopt);
-  EXPECT_EQ(properties->numberOfDownloadedQualities(), 0u);
-  EXPECT_EQ(properties->numberOfDownloadedVideoQualities(), 0u);
-  EXPECT_EQ(properties->numberOfDownloadedAudioQualities(), 0u);
+  EXPECT_THAT(counts(*properties), Each(0u));
   EXPECT_EQ(properties->downloadedQualityIdentifiers(), std::nullopt);
 }
 

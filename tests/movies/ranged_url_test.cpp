@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
+
 using namespace testing;
 
 namespace {
@@ -47,35 +49,31 @@ TEST(RangedURL, Requests) {
 }
 
 TEST(RangedURL, Resolution) {
-  const auto resolved = [](const char* reference, const char* base) {
-    const auto request = QVRangedURL::rangedURLWithReferenceURL(
-                             reference, base ? std::make_shared<const std::string>(base) : nullptr)
-                             ->prepareRequest();
-    return request ? request->url().absoluteString() : "unresolvable";
-  };
-  EXPECT_EQ(resolved("seg-1.m4s", "http://h/dir/manifest.mpd?x=1"), "http://h/dir/seg-1.m4s");
-  EXPECT_EQ(resolved("../v/1.m4s", "http://h/a/b/m.mpd"), "http://h/a/v/1.m4s");
-  EXPECT_EQ(resolved("https://cdn/x", "http://h/dir/manifest.mpd"), "https://cdn/x");
-  EXPECT_EQ(resolved("seg.m4s", nullptr), "unresolvable");
+  const std::array<const char*, 3> references[] = {
+      {"seg-1.m4s", "http://h/dir/manifest.mpd?x=1", "http://h/dir/seg-1.m4s"},
+      {"../v/1.m4s", "http://h/a/b/m.mpd", "http://h/a/v/1.m4s"},
+      {"https://cdn/x", "http://h/dir/manifest.mpd", "https://cdn/x"}};
+  for (const auto& [reference, base, resolved] : references)
+    EXPECT_EQ(QVRangedURL::rangedURLWithReferenceURL(reference, std::make_shared<const std::string>(base))
+                  ->prepareRequest()
+                  ->url()
+                  .absoluteString(),
+              resolved);
+  EXPECT_FALSE(QVRangedURL::rangedURLWithReferenceURL("seg.m4s", nullptr)->prepareRequest());
 }
 
 TEST(ResourceMerging, Table) {
-  const auto merge = [](std::uint64_t offsetA, std::uint64_t lengthA, std::uint64_t offsetB,
-                        std::uint64_t lengthB) {
-    return text(
-        QVResourceListBuilder::mergeURLWithURL(resource(offsetA, lengthA), resource(offsetB, lengthB)));
-  };
-  EXPECT_EQ(merge(0, 862, 0, 0), "a.mp4 0+0");
-  EXPECT_EQ(merge(0, 0, 0, 862), "a.mp4 0+0");
-  EXPECT_EQ(merge(0, 100, 500, 100), "a.mp4 0+600") << "gap included";
-  EXPECT_EQ(merge(500, 100, 0, 100), "a.mp4 0+600");
-  EXPECT_EQ(merge(500, 100, 0, 1000), "a.mp4 0+1000");
-  EXPECT_EQ(merge(0, 1000, 500, 100), "a.mp4 0+1000");
-  EXPECT_EQ(merge(500, 0, 100, 50), "a.mp4 100+0") << "an open end stays open";
-  EXPECT_EQ(merge(100, 50, 500, 0), "a.mp4 100+0");
-  EXPECT_EQ(merge(100, 50, 100, 80), "a.mp4 100+80");
-  EXPECT_EQ(merge(10, maximum, 5, 10), "a.mp4 5+0") << "an end beyond 64 bits is the end of the resource";
-  EXPECT_EQ(merge(0, 10, maximum, 10), "a.mp4 0+0");
+  // Gaps are included, an open end stays open, and an end beyond 64 bits is the end of the resource.
+  const std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t, const char*> rows[] = {
+      {0, 862, 0, 0, "0+0"},       {0, 0, 0, 862, "0+0"},         {0, 100, 500, 100, "0+600"},
+      {500, 100, 0, 100, "0+600"}, {500, 100, 0, 1000, "0+1000"}, {0, 1000, 500, 100, "0+1000"},
+      {500, 0, 100, 50, "100+0"},  {100, 50, 500, 0, "100+0"},    {100, 50, 100, 80, "100+80"},
+      {10, maximum, 5, 10, "5+0"}, {0, 10, maximum, 10, "0+0"}};
+  for (const auto& [offsetA, lengthA, offsetB, lengthB, merged] : rows) {
+    const auto first = resource(offsetA, lengthA), second = resource(offsetB, lengthB);
+    EXPECT_EQ(text(QVResourceListBuilder::mergeURLWithURL(first, second)), std::string("a.mp4 ") + merged)
+        << text(first) << " with " << text(second);
+  }
   EXPECT_EQ(QVResourceListBuilder::mergeURLWithURL(resource(0, 1), resource(0, 1, "b.mp4")), nullptr);
 
   const auto covering = resource(0, 0);

@@ -42,15 +42,12 @@ std::string failureOfSet(const std::string& set) {
 }
 
 TEST(Values, Ranges) {
-  const auto range = [](const char* text, Range fallback = {}) {
-    return Range::parse(text, nullptr, true, fallback);
-  };
-  EXPECT_EQ(range("500-999"), (Range{500, 500}));
-  EXPECT_EQ(range("500-"), (Range{500, -1}));
-  EXPECT_EQ(range("-999", {10, 5}), (Range{10, 990}));
-  EXPECT_EQ(range("3-", {10, 5}), (Range{3, 12}));
-  EXPECT_EQ(range("999-500"), (Range{999, -1}));
-  EXPECT_EQ(range("0-99999999999999999999"), (Range{0, INT64_MAX}));
+  for (const auto& [text, fallback, wanted] :
+       {std::tuple("500-999", Range{}, Range{500, 500}), std::tuple("500-", Range{}, Range{500, -1}),
+        std::tuple("-999", Range{10, 5}, Range{10, 990}), std::tuple("3-", Range{10, 5}, Range{3, 12}),
+        std::tuple("999-500", Range{}, Range{999, -1}),
+        std::tuple("0-99999999999999999999", Range{}, Range{0, INT64_MAX})})
+    EXPECT_EQ(Range::parse(text, nullptr, true, fallback), wanted) << text;
   EXPECT_EQ(Range::parse("5-9", nullptr, false, {}), (Range{5, 4}));
   for (const char* text : {"", "500", "x-y"}) {
     const char* end = nullptr;
@@ -66,17 +63,14 @@ TEST(Manifest, PresentationValues) {
             "<UTCTiming schemeIdUri='a' value='b'/><UTCTiming schemeIdUri='c'/>"
             "<Location>x</Location><Location>y</Location>"
             "<Period id='lost'/><Period id='p' start='PT3S' duration='PT4S'/></MPD>");
-  EXPECT_EQ(mpd->availabilityStartTime(), 1412164800500);
-  EXPECT_EQ(mpd->minBufferTime(), 1500);
   EXPECT_TRUE(mpd->isDynamic());
-  EXPECT_EQ(mpd->minimumUpdatePeriod(), 5000);
-  EXPECT_EQ(mpd->timeShiftBufferDepth(), -1);
-  EXPECT_EQ(mpd->utcTiming().schemeIdUri, "c");
-  EXPECT_EQ(mpd->utcTiming().value, "");
-  EXPECT_EQ(mpd->location(), "y");
+  EXPECT_EQ(std::tuple(mpd->availabilityStartTime(), mpd->minBufferTime(), mpd->minimumUpdatePeriod(),
+                       mpd->timeShiftBufferDepth(), mpd->mediaPresentationDuration()),
+            std::tuple(1412164800500, 1500, 5000, -1, 7000));
+  EXPECT_EQ(std::tuple(mpd->utcTiming().schemeIdUri, mpd->utcTiming().value, mpd->location()),
+            std::tuple("c", "", "y"));
   ASSERT_EQ(mpd->periods().size(), 1u) << "a period of unknown start is dropped";
   EXPECT_EQ(mpd->periods()[0]->id(), "p");
-  EXPECT_EQ(mpd->mediaPresentationDuration(), 7000);
 
   const auto fixed =
       parse("<MPD type='Dynamic' minimumUpdatePeriod='PT5S' mediaPresentationDuration='-PT1.25S' "
@@ -90,18 +84,19 @@ TEST(Manifest, PresentationValues) {
 TEST(Manifest, PeriodsFollowEachOther) {
   const auto mpd = parse(
       "<MPD><Period duration='PT2S'/><Period duration='PT3S'/><Period start='PT9S' duration='PT1S'/></MPD>");
-  EXPECT_EQ(mpd->periods()[1]->start(), 2000);
-  EXPECT_EQ(mpd->periods()[2]->start(), 9000);
-  EXPECT_EQ(mpd->mediaPresentationDuration(), 10000);
-  EXPECT_EQ(failure<ParseException>("<MPD><Period duration='PT2S'/><Period/></MPD>"),
-            "Unable to determine duration of static MPD");
-  EXPECT_EQ(failure<ParseException>("<MPD><Period/><Period/></MPD>"),
-            "Unable to determine start time of Period");
-  EXPECT_EQ(failure<ParseException>("<MPD/>"), "No Period found");
-  EXPECT_EQ(failure<ParseException>("<MPD type='dynamic'><Period/></MPD>"), "No Period found");
-  EXPECT_EQ(failure<ParseException>("<SmoothStreamingMedia/>"), "Not a valid MPD");
+  EXPECT_EQ(
+      std::tuple(mpd->periods()[1]->start(), mpd->periods()[2]->start(), mpd->mediaPresentationDuration()),
+      std::tuple(2000, 9000, 10000));
   qvc::debug::CapturedLog log;
-  EXPECT_EQ(failure<ParseException>("<MPD>"), "Failed to parse XML");
+  const std::pair<const char*, const char*> faults[] = {
+      {"<MPD><Period duration='PT2S'/><Period/></MPD>", "Unable to determine duration of static MPD"},
+      {"<MPD><Period/><Period/></MPD>", "Unable to determine start time of Period"},
+      {"<MPD/>", "No Period found"},
+      {"<MPD type='dynamic'><Period/></MPD>", "No Period found"},
+      {"<SmoothStreamingMedia/>", "Not a valid MPD"},
+      {"<MPD>", "Failed to parse XML"}};
+  for (const auto& [text, message] : faults)
+    EXPECT_EQ(failure<ParseException>(text), message) << text;
   EXPECT_THROW(MediaPresentationDescription::parse(nullptr, 0, ""), std::runtime_error);
 }
 
@@ -119,35 +114,32 @@ TEST(Manifest, FormatIsInherited) {
   EXPECT_EQ(set.id(), 7);
   EXPECT_EQ(set.contentType(), ContentType::Video);
   const Format& first = set.representations()[0]->format();
-  EXPECT_EQ(first.id.get(), "a");
-  EXPECT_EQ(first.bandwidth, INT32_MAX);
-  EXPECT_EQ(first.width, 640);
-  EXPECT_EQ(first.height, 720);
+  EXPECT_EQ(std::tuple(first.id.get(), first.bandwidth, first.width, first.height),
+            std::tuple("a", INT32_MAX, 640, 720));
   EXPECT_EQ(first.frameRate, (FrameRate{30000, 1001})) << "a plain number is no frame rate";
   EXPECT_EQ(first.lang.get(), "de") << "the set's";
   EXPECT_EQ(first.audioChannels, -1) << "the configuration comes later";
   const Format& second = set.representations()[1]->format();
-  EXPECT_EQ(second.mimeType.get(), "video/webm");
-  EXPECT_EQ(second.codecs.get(), "vp9");
-  EXPECT_EQ(second.audioChannels, 2);
-  EXPECT_EQ(second.audioSamplingRate, 48000);
-  EXPECT_EQ(second.bandwidth, -1);
+  EXPECT_EQ(std::tuple(second.mimeType.get(), second.codecs.get(), second.audioChannels,
+                       second.audioSamplingRate, second.bandwidth),
+            std::tuple("video/webm", "vp9", 2, 48000, -1));
   EXPECT_EQ(second.width, 640) << "no number is no value";
   EXPECT_EQ(set.representations()[2]->format().audioChannels, -1);
 }
 
 TEST(Manifest, ContentTypesAndLanguagesMustAgree) {
-  const auto typeOf = [](const char* attributes) {
-    return setOf(*withSet(std::string("<AdaptationSet><Representation ") + attributes + "/></AdaptationSet>"))
-        .contentType();
-  };
-  EXPECT_EQ(typeOf("mimeType='audio/mp4'"), ContentType::Audio);
-  EXPECT_EQ(typeOf("mimeType='text/vtt'"), ContentType::Text);
-  EXPECT_EQ(typeOf("mimeType='application/ttml+xml'"), ContentType::Text);
-  EXPECT_EQ(typeOf("mimeType='application/mp4' codecs='wvtt'"), ContentType::Text);
-  EXPECT_EQ(typeOf("mimeType='application/mp4' codecs='stpp.ttml'"), ContentType::Unknown);
-  EXPECT_EQ(typeOf("mimeType='Video/mp4'"), ContentType::Unknown);
-
+  const std::pair<const char*, ContentType> types[] = {
+      {"mimeType='audio/mp4'", ContentType::Audio},
+      {"mimeType='text/vtt'", ContentType::Text},
+      {"mimeType='application/ttml+xml'", ContentType::Text},
+      {"mimeType='application/mp4' codecs='wvtt'", ContentType::Text},
+      {"mimeType='application/mp4' codecs='stpp.ttml'", ContentType::Unknown},
+      {"mimeType='Video/mp4'", ContentType::Unknown}};
+  for (const auto& [attributes, type] : types) {
+    const auto mpd =
+        withSet(std::string("<AdaptationSet><Representation ") + attributes + "/></AdaptationSet>");
+    EXPECT_EQ(setOf(*mpd).contentType(), type) << attributes;
+  }
   EXPECT_EQ(failureOfSet(
                 "<AdaptationSet contentType='audio'><Representation mimeType='video/mp4'/></AdaptationSet>"),
             "Found content-type inconsistency");
@@ -155,21 +147,19 @@ TEST(Manifest, ContentTypesAndLanguagesMustAgree) {
             "Found language inconsistency");
   const auto merged = withSet(
       "<AdaptationSet><ContentComponent lang='de' contentType='text'/><Representation/></AdaptationSet>");
-  EXPECT_EQ(setOf(*merged).lang().get(), "de");
-  EXPECT_EQ(setOf(*merged).contentType(), ContentType::Text);
-  EXPECT_EQ(setOf(*merged).representations()[0]->format().lang.get(), "de");
+  const AdaptationSet& set = setOf(*merged);
+  EXPECT_EQ(std::tuple(set.lang().get(), set.contentType(), set.representations()[0]->format().lang.get()),
+            std::tuple("de", ContentType::Text, "de"));
 }
 
 TEST(Manifest, BaseUrlsApplyToWhatFollows) {
   const auto urls = [](const std::string& body) {
     std::string result;
     const auto mpd = parse("<MPD>" + body + "</MPD>");
-    for (const auto& each : mpd->periods()[0]->adaptationSets())
-      result += dynamic_cast<const SingleSegmentRepresentation&>(*each->representations()[0])
-                    .uri()
-                    .get()
-                    .toStdString() +
-                " ";
+    for (const auto& each : mpd->periods()[0]->adaptationSets()) {
+      const auto& single = dynamic_cast<const SingleSegmentRepresentation&>(*each->representations()[0]);
+      result += single.uri().get().toStdString() + " ";
+    }
     return result;
   };
   EXPECT_EQ(
@@ -200,10 +190,10 @@ TEST(Manifest, ProtectionsAreMergedPerSet) {
                            "</Representation></AdaptationSet>");
   const auto& protections = setOf(*mpd).contentProtections();
   ASSERT_EQ(protections.size(), 3u);
-  EXPECT_EQ(protections[1]->schemeIdUri, "b");
-  EXPECT_EQ(protections[1]->systemId.toString(), "10101010-1010-1010-1010-101010101002");
-  EXPECT_EQ(protections[1]->schemeInitData.mimeType, "video/mp4");
-  EXPECT_EQ(protections[1]->schemeInitData.data.size(), 36u);
+  const auto& second = *protections[1];
+  EXPECT_EQ(std::tuple(second.schemeIdUri, second.systemId.toString(), second.schemeInitData.mimeType,
+                       second.schemeInitData.data.size()),
+            std::tuple("b", "10101010-1010-1010-1010-101010101002", "video/mp4", 36u));
   EXPECT_EQ(failureOfSet("<AdaptationSet>" + protection("a", 1) + "<Representation>" + protection("a", 2) +
                          "</Representation></AdaptationSet>"),
             "Conflicting schemeId URIs");

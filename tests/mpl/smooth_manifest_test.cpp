@@ -72,23 +72,18 @@ std::vector<std::string> listed(const StreamElement& stream, const std::string& 
 } // namespace
 
 TEST(SmoothMedia, AttributesAndDefaults) {
+  const auto numbers = [](const Media& media) {
+    return std::tuple(media.version(), media.timeScale(), media.duration(), media.isLive(),
+                      media.lookaheadCount(), media.DVRWindowLength());
+  };
   const auto plain = withRoot("");
-  EXPECT_EQ(plain->version(), std::pair(2, 1));
-  EXPECT_EQ(plain->timeScale(), 10'000'000);
-  EXPECT_EQ(plain->duration(), 70);
-  EXPECT_FALSE(plain->isLive());
-  EXPECT_EQ(plain->lookaheadCount(), 0);
-  EXPECT_EQ(plain->DVRWindowLength(), 0);
-  EXPECT_TRUE(plain->streamElements().empty());
-  EXPECT_EQ(plain->protection(), nullptr);
+  EXPECT_EQ(numbers(*plain), std::tuple(std::pair(2, 1), 10'000'000, 70, false, 0, 0));
+  EXPECT_TRUE(plain->streamElements().empty() && !plain->protection());
 
   const auto full = withRoot("TimeScale='90' IsLive='TRUE' LookaheadCount='-2' DVRWindowLength='5'",
                              "<Protection><ProtectionHeader SystemID='{9A04}'> AB==</ProtectionHeader>"
                              "<Other/><ProtectionHeader SystemID='b'/></Protection><Protection/>");
-  EXPECT_EQ(full->timeScale(), 90);
-  EXPECT_TRUE(full->isLive());
-  EXPECT_EQ(full->lookaheadCount(), -2);
-  EXPECT_EQ(full->DVRWindowLength(), 5);
+  EXPECT_EQ(numbers(*full), std::tuple(std::pair(2, 1), 90, 70, true, -2, 5));
   const auto& headers = full->protection()->protectionHeaders();
   ASSERT_EQ(headers.size(), 2u);
   EXPECT_EQ(headers[0]->systemID(), "{9A04}");
@@ -96,12 +91,13 @@ TEST(SmoothMedia, AttributesAndDefaults) {
 }
 
 TEST(SmoothMedia, Faults) {
-  EXPECT_EQ(failure([] { parse("<MPD/>"); }),
-            "Passed invalid XML element. Expected tag SmoothStreamingMedia but got MPD");
-  EXPECT_EQ(failure([] { parse("<SmoothStreamingMedia/>"); }), "Can't retrieve required value MajorVersion");
-  EXPECT_EQ(failure([] { parse("<SmoothStreamingMedia MajorVersion='2' MinorVersion='0' Duration=''/>"); }),
-            "Can't retrieve required value Duration")
-      << "empty is absent";
+  const std::pair<const char*, const char*> faults[] = {
+      {"<MPD/>", "Passed invalid XML element. Expected tag SmoothStreamingMedia but got MPD"},
+      {"<SmoothStreamingMedia/>", "Can't retrieve required value MajorVersion"},
+      {"<SmoothStreamingMedia MajorVersion='2' MinorVersion='0' Duration=''/>",
+       "Can't retrieve required value Duration"}};
+  for (const auto& [text, message] : faults)
+    EXPECT_EQ(failure([text = text] { parse(text); }), message);
   EXPECT_EQ(failure([] { withRoot("", "<Protection><ProtectionHeader/></Protection>"); }),
             "Can't retrieve required value SystemID");
   EXPECT_EQ(failure([] { withRoot("TimeScale='99999999999999999999'"); }),
@@ -111,25 +107,19 @@ TEST(SmoothMedia, Faults) {
 
 TEST(SmoothStream, AttributesAndDefaults) {
   const auto stream = audio("");
-  EXPECT_EQ(stream->type(), Stream::Type::Audio);
+  EXPECT_EQ(std::tuple(stream->type(), stream->subType(), stream->maxWidth(), stream->numberOfTracks(),
+                       stream->manifestOutput()),
+            std::tuple(Stream::Type::Audio, StreamElement::Subtype::SCMD, 0u, 1u, false));
   EXPECT_EQ(stream->timeScale(), 100'000'000u) << "not the presentation's";
-  EXPECT_EQ(stream->subType(), StreamElement::Subtype::SCMD);
-  EXPECT_EQ(stream->maxWidth(), 0u);
-  EXPECT_EQ(stream->numberOfTracks(), 1u);
-  EXPECT_FALSE(stream->manifestOutput());
 
   const auto video = streamOf("Type='video' Chunks='4294967296' QualityLevels='7' Url='u' Name='n' "
                               "ParentStream='p' TimeScale='50' Subtype='XYZ' ManifestOutput='true' " +
                               videoSizes);
-  EXPECT_EQ(video->numberOfFragments(), 4'294'967'296u);
-  EXPECT_EQ(video->declaredNumberOfTracks(), 7u);
+  EXPECT_EQ(std::tuple(video->numberOfFragments(), video->declaredNumberOfTracks(), video->name(),
+                       video->parentStream(), video->timeScale(), video->displayWidth(),
+                       video->displayHeight(), video->subType()),
+            std::tuple(4'294'967'296u, 7u, "n", "p", 50u, 60u, 30u, StreamElement::Subtype::SCMD));
   EXPECT_EQ(video->numberOfTracks(), 0u) << "those that are there";
-  EXPECT_EQ(video->name(), "n");
-  EXPECT_EQ(video->parentStream(), "p");
-  EXPECT_EQ(video->timeScale(), 50u);
-  EXPECT_EQ(video->displayWidth(), 60u);
-  EXPECT_EQ(video->displayHeight(), 30u);
-  EXPECT_EQ(video->subType(), StreamElement::Subtype::SCMD);
   EXPECT_FALSE(video->manifestOutput()) << "true itself does not set it";
 
   const std::string text = "Type='text' Chunks='1' QualityLevels='1' Url='u' Subtype='";
@@ -139,16 +129,17 @@ TEST(SmoothStream, AttributesAndDefaults) {
 }
 
 TEST(SmoothStream, TheFirstFaultInOrderIsReported) {
-  EXPECT_EQ(failureOfStream(""), "Can't retrieve required value Type");
-  EXPECT_EQ(failureOfStream("Type='Video'"), "Unsupported Type value");
-  EXPECT_EQ(failureOfStream("Type='audio' Url='u'"), "Can't retrieve required value Chunks");
-  EXPECT_EQ(failureOfStream("Type='video' Chunks='1' QualityLevels='1' Url='u' DisplayWidth='1'"),
-            "Can't retrieve required value MaxWidth");
-  EXPECT_EQ(failureOfStream("Type='text' Chunks='1' QualityLevels='1' Url='u'"),
-            "Can't retrieve required value Subtype");
-  EXPECT_EQ(
-      failureOfStream("Type='audio' Chunks='1' QualityLevels='1' Url='u'", "<c/><QualityLevel Bitrate='1'/>"),
-      "Can't retrieve required value SamplingRate")
+  const std::string counts = " Chunks='1' QualityLevels='1' Url='u'";
+  const std::pair<std::string, const char*> faults[] = {
+      {"", "Can't retrieve required value Type"},
+      {"Type='Video'", "Unsupported Type value"},
+      {"Type='audio' Url='u'", "Can't retrieve required value Chunks"},
+      {"Type='video' DisplayWidth='1'" + counts, "Can't retrieve required value MaxWidth"},
+      {"Type='text'" + counts, "Can't retrieve required value Subtype"}};
+  for (const auto& [attributes, message] : faults)
+    EXPECT_EQ(failureOfStream(attributes), message) << attributes;
+  EXPECT_EQ(failureOfStream("Type='audio'" + counts, "<c/><QualityLevel Bitrate='1'/>"),
+            "Can't retrieve required value SamplingRate")
       << "qualities before fragments";
 }
 
@@ -158,25 +149,20 @@ TEST(SmoothTrack, AttributesAndDefaults) {
                                    videoAttributes + " NALUnitLengthField='2'/>");
   const TrackElement& first = *stream->trackElements().at(0);
   EXPECT_EQ(first.parentStream(), stream.get());
-  EXPECT_EQ(first.index(), 3u);
-  EXPECT_EQ(first.bitrate(), 350'000u);
-  EXPECT_EQ(first.maxWidth(), 64u);
-  EXPECT_EQ(first.samplingRate(), 0u);
+  EXPECT_EQ(std::tuple(first.index(), first.bitrate(), first.maxWidth(), first.samplingRate(), first.fourCC(),
+                       first.NALUnitLengthField()),
+            std::tuple(3u, 350'000u, 64u, 0u, "H264", 4u));
   EXPECT_THAT(first.codecPrivateData().toStdVector(), ElementsAre(0x01, 0xff));
-  EXPECT_EQ(first.fourCC(), "H264");
-  EXPECT_EQ(first.NALUnitLengthField(), 4u);
-  EXPECT_EQ(stream->trackElements().at(1)->index(), 0u);
-  EXPECT_EQ(stream->trackElements().at(1)->NALUnitLengthField(), 2u);
+  const TrackElement& second = *stream->trackElements().at(1);
+  EXPECT_EQ(std::tuple(second.index(), second.NALUnitLengthField()), std::tuple(0u, 2u));
 
   const auto codeOf = [](const std::string& code) {
     std::string attributes = audioAttributes;
     attributes.replace(attributes.find("AACL"), 4, code);
-    const auto track =
-        streamOf("Type='audio' Chunks='1' QualityLevels='1' Url='u'", "<QualityLevel " + attributes + "/>")
-            ->trackElements()
-            .at(0);
-    EXPECT_EQ(track->NALUnitLengthField(), 0u);
-    return track->fourCC().toStdString();
+    const auto sound =
+        streamOf("Type='audio' Chunks='1' QualityLevels='1' Url='u'", "<QualityLevel " + attributes + "/>");
+    EXPECT_EQ(sound->trackElements().at(0)->NALUnitLengthField(), 0u);
+    return sound->trackElements().at(0)->fourCC().toStdString();
   };
   EXPECT_EQ(codeOf("H264x"), "H264");
   EXPECT_EQ(codeOf("AC"), std::string("AC\0\0", 4));

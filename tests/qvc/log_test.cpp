@@ -4,7 +4,6 @@
 #include "tests/qvc/CapturedLog.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <unistd.h>
 
@@ -27,19 +26,16 @@ using testing::MatchesRegex;
 struct Recorder : LogOutputAdapter {
   void printString(const FastString& text, const LogEntry&) override {
     lines.push_back(text.toStdString());
-    if (onPrint)
-      onPrint();
+    onPrint();
   }
   void onBecomeIdle() override {
     ++idleCalls;
-    if (onIdle)
-      onIdle();
+    onIdle();
   }
   bool printLogStartTime() override { return false; }
 
   std::vector<std::string> lines;
-  std::function<void()> onPrint;
-  std::function<void()> onIdle;
+  std::function<void()> onPrint = [] {}, onIdle = [] {};
   std::atomic<int> idleCalls = 0;
 };
 
@@ -98,15 +94,15 @@ TEST_F(LogTest, backgroundAdaptersKeepTheOrderAndLoseNothing) {
       write("from the log thread");
   };
   ASSERT_EQ(log.addOutputAdapter(recorder, true), qvc_Success);
-  std::vector<std::thread> writers;
   constexpr size_t PerWriter = 200;
-  for (char name : {'a', 'b', 'c'})
-    writers.emplace_back([this, name] {
-      for (size_t i = 0; i < PerWriter; ++i)
-        log.log(MessageSeverity::INFO, FastString::format("%c%03zu", name, i), qvc_Success, "u", "f", 1);
-    });
-  for (std::thread& writer : writers)
-    writer.join();
+  {
+    std::vector<std::jthread> writers;
+    for (char name : {'a', 'b', 'c'})
+      writers.emplace_back([this, name] {
+        for (size_t i = 0; i < PerWriter; ++i)
+          log.log(MessageSeverity::INFO, FastString::format("%c%03zu", name, i), qvc_Success, "u", "f", 1);
+      });
+  }
   log.removeAllOutputAdapters();
 
   std::map<char, std::vector<std::string>> messages;
@@ -136,8 +132,7 @@ TEST_F(LogTest, aQuietLogThreadBecomesIdleAndWakesAgain) {
 }
 
 TEST_F(LogTest, appendsToAFile) {
-  const std::filesystem::path path =
-      std::filesystem::temp_directory_path() / ("qvc_log_test." + std::to_string(getpid()));
+  const auto path = std::filesystem::temp_directory_path() / ("qvc_log_test." + std::to_string(getpid()));
   std::ofstream(path) << "before\n";
   const auto file = std::make_shared<LogFileOutputAdapter>(path.string());
   file->unicodeOutput = false;

@@ -3,19 +3,19 @@
 #include "qvc/FastString.h"
 #include "qvc/ParserHelpers.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <map>
 #include <stdexcept>
 
 namespace qvc {
 namespace {
 
 TEST(FastString, compareCountsACommonPartOfExactlyMaxLenAsEqual) {
-  EXPECT_EQ(FastString("abc").compare("abcd", true, 3), 0);
-  EXPECT_EQ(FastString("abcd").compare("abc", true, 3), 0);
-  EXPECT_EQ(FastString("abcx").compare("abcd", true, 3), 1) << "maxLen must not shorten the comparison";
-  EXPECT_EQ(FastString("abc").compare("abcd", true, 2), -1);
+  // A maxLen below the common part must not shorten the comparison.
+  const std::tuple<const char*, const char*, size_t, int> limited[] = {
+      {"abc", "abcd", 3, 0}, {"abcd", "abc", 3, 0}, {"abcx", "abcd", 3, 1}, {"abc", "abcd", 2, -1}};
+  for (const auto& [text, other, maxLen, order] : limited)
+    EXPECT_EQ(FastString(text).compare(other, true, maxLen), order) << text << " and " << other;
   EXPECT_EQ(FastString("abc").compare("abcd"), -1);
   EXPECT_EQ(FastString("").compare("a"), -1);
   EXPECT_EQ(FastString("a").compare(static_cast<const char*>(nullptr)), 1);
@@ -45,33 +45,33 @@ TEST(FastString, aZeroByteEndsTheOtherOperandOfEqualityButNotOfOrder) {
 
 TEST(FastString, readsLeadingIntegers) {
   size_t consumed = 99;
-  EXPECT_EQ(FastString("-5").toUInt(10, &consumed), 0u);
-  EXPECT_EQ(consumed, 0u);
-  EXPECT_EQ(FastString("-5").toInt(10, &consumed), -5);
-  EXPECT_EQ(consumed, 2u);
-  EXPECT_EQ(FastString(" 42px").toUInt(10, &consumed), 42u);
-  EXPECT_EQ(consumed, 3u);
+  const std::tuple<const char*, uint64_t, size_t> unsignedTexts[] = {
+      {"-5", 0, 0}, {" 42px", 42, 3}, {"18446744073709551615", UINT64_MAX, 20}};
+  for (const auto& [text, value, length] : unsignedTexts) {
+    EXPECT_EQ(FastString(text).toUInt(10, &consumed), value) << text;
+    EXPECT_EQ(consumed, length) << text;
+  }
+  for (const auto& [text, value, length] : {std::tuple("-5", -5, 2u), std::tuple("x", 0, 0u)}) {
+    EXPECT_EQ(FastString(text).toInt(10, &consumed), value) << text;
+    EXPECT_EQ(consumed, length) << text;
+  }
   EXPECT_EQ(FastString("0x1F").toUInt(16), 31u);
-  EXPECT_EQ(FastString("x").toInt(10, &consumed), 0);
-  EXPECT_EQ(consumed, 0u);
   EXPECT_EQ(FastString("").toInt(), 0);
-  EXPECT_EQ(FastString("18446744073709551615").toUInt(), UINT64_MAX);
   EXPECT_THROW(FastString("99999999999999999999").toInt(), std::out_of_range);
   EXPECT_THROW(FastString("99999999999999999999").toUInt(), std::out_of_range);
 }
 
 TEST(FastString, readsDoublesIndependentlyOfTheLocale) {
   size_t consumed = 99;
-  EXPECT_EQ(FastString("1,5").toDouble(10, true, &consumed), 1.5);
-  EXPECT_EQ(consumed, 3u);
-  EXPECT_EQ(FastString("1,5").toDouble(10, false, &consumed), 1.0);
-  EXPECT_EQ(consumed, 1u);
-  EXPECT_EQ(FastString(" 2.5e1;").toDouble(10, false, &consumed), 25.0);
-  EXPECT_EQ(consumed, 6u);
-  EXPECT_EQ(FastString("abc").toDouble(10, false, &consumed), 0.0);
-  EXPECT_EQ(consumed, 0u);
-  EXPECT_EQ(FastString("1e999").toDouble(10, false, &consumed), 0.0);
-  EXPECT_EQ(consumed, 0u);
+  const std::tuple<const char*, bool, double, size_t> texts[] = {{"1,5", true, 1.5, 3},
+                                                                 {"1,5", false, 1.0, 1},
+                                                                 {" 2.5e1;", false, 25.0, 6},
+                                                                 {"abc", false, 0.0, 0},
+                                                                 {"1e999", false, 0.0, 0}};
+  for (const auto& [text, commas, value, length] : texts) {
+    EXPECT_EQ(FastString(text).toDouble(10, commas, &consumed), value) << text;
+    EXPECT_EQ(consumed, length) << text;
+  }
   EXPECT_EQ(parserhelpers::_parse<float>(".5S", &consumed), 0.5f);
   EXPECT_EQ(consumed, 2u);
 }
@@ -120,19 +120,13 @@ TEST(FastString, convertsHexadecimal) {
   EXPECT_TRUE("\x0A\xFF\x07" == FastString::hexToArray("0aFF7"));
   EXPECT_EQ(FastString::charToHex(5), "05");
   EXPECT_EQ(FastString::hexToChar("fe"), 0xFE);
-  try {
-    FastString::hexToArray("00zz");
-    FAIL();
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "stream decode failure");
-  }
+  EXPECT_THAT([] { FastString::hexToArray("00zz"); },
+              testing::ThrowsMessage<std::runtime_error>("stream decode failure"));
 }
 
 TEST(ByteArray, editsWithinItsBounds) {
   ByteArray bytes("abcabc");
-  EXPECT_TRUE("bc" == bytes.subArray(1, 2));
-  EXPECT_TRUE("bc" == bytes.subArrayRange(4));
-  EXPECT_TRUE(bytes.subArray(9).isEmpty());
+  EXPECT_TRUE("bc" == bytes.subArray(1, 2) && "bc" == bytes.subArrayRange(4) && bytes.subArray(9).isEmpty());
   bytes.removeAll('b');
   bytes.pushFront('x', 2);
   bytes.pushBack('y');
@@ -150,23 +144,24 @@ TEST(ByteArray, editsWithinItsBounds) {
 }
 
 TEST(Base64, roundTripsEveryRemainder) {
-  for (const auto& [plain, encoded] : std::map<std::string, const char*>{{"", ""},
-                                                                         {"f", "Zg=="},
-                                                                         {"fo", "Zm8="},
-                                                                         {"foo", "Zm9v"},
-                                                                         {"foob", "Zm9vYg=="},
-                                                                         {"\xFB\xFF", "+/8="}}) {
+  const std::pair<const char*, const char*> texts[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"\xFB\xFF", "+/8="}};
+  for (const auto& [plain, encoded] : texts) {
     EXPECT_EQ(Base64::byteArrayToBase64(ByteArray(plain)), encoded);
     EXPECT_EQ(Base64::base64ToByteArray(encoded).toStdString(), plain);
   }
 }
 
 TEST(Base64, skipsWhatIsNotInTheAlphabet) {
-  EXPECT_TRUE("Hello" == Base64::base64ToByteArray("SGVs\nbG8="));
-  EXPECT_TRUE("Hello" == Base64::base64ToByteArray(" S-G_Vs\x80"
-                                                   "bG8"));
-  EXPECT_TRUE("foo" == Base64::base64ToByteArray("Zm9vY")) << "a lone character yields nothing";
-  EXPECT_TRUE(Base64::base64ToByteArray("====").isEmpty());
+  // A lone character at the end yields nothing.
+  const std::pair<const char*, const char*> texts[] = {{"SGVs\nbG8=", "Hello"},
+                                                       {" S-G_Vs\x80"
+                                                        "bG8",
+                                                        "Hello"},
+                                                       {"Zm9vY", "foo"},
+                                                       {"====", ""}};
+  for (const auto& [encoded, plain] : texts)
+    EXPECT_EQ(Base64::base64ToByteArray(encoded).toStdString(), plain) << encoded;
 }
 
 } // namespace
