@@ -47,6 +47,18 @@ protected:
 
 } // namespace
 
+TEST_F(Library, ManifestsOfSeveralURLsAreAskedForAtOnce) {
+  server.serve("/other.mpd",
+               dashEntity(dashManifest(R"(<SegmentList><SegmentURL media="0.m4s"/></SegmentList>)")));
+  for (const char* name : {"/movie.mpd", "/other.mpd"})
+    server.once(name, stallingAfter(10, gate));
+  auto process = start({"download", server.url("/movie.mpd"), server.url("/other.mpd")});
+  EXPECT_TRUE(gate->waitUntilReached(2)) << "neither has ended";
+  gate->open();
+  EXPECT_EQ(process->wait(), 0) << errors();
+  EXPECT_EQ(list().size(), 2u);
+}
+
 TEST_F(Library, AnInterruptKeepsEverythingAndResumeGoesOn) {
   auto process = startAndHold();
   EXPECT_EQ(end(*process, SIGINT), 130) << errors();
