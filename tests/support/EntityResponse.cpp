@@ -47,9 +47,7 @@ RangeKind parseRange(const ServerRequest& request, const Entity& entity, ByteRan
 }
 
 bool sendBody(ServerConnection& connection, std::string_view body, const Fault& fault) {
-  std::size_t limit = body.size();
-  if (fault.cutAfter)
-    limit = std::min(limit, *fault.cutAfter);
+  const std::size_t limit = std::min(body.size(), fault.cutAfter.value_or(body.size()));
   const auto sendPart = [&](std::string_view part) {
     return part.empty() || (fault.chunked ? connection.sendChunk(part) : connection.send(part));
   };
@@ -59,17 +57,7 @@ bool sendBody(ServerConnection& connection, std::string_view body, const Fault& 
     if (!sendPart(body.substr(0, sent)) || !connection.wait(*fault.gate))
       return false;
   }
-  while (sent < limit) {
-    const std::size_t step = fault.dripBytes != 0 ? std::min(fault.dripBytes, limit - sent) : limit - sent;
-    if (fault.dripBytes != 0 && !connection.wait(*fault.gate))
-      return false;
-    if (!sendPart(body.substr(sent, step)))
-      return false;
-    sent += step;
-  }
-  if (fault.cutAfter)
-    return false;
-  if (fault.extraBytes != 0 && !sendPart(std::string(fault.extraBytes, 'X')))
+  if (!sendPart(body.substr(sent, limit - sent)) || fault.cutAfter)
     return false;
   return !fault.chunked || connection.sendChunk({});
 }
@@ -110,7 +98,7 @@ void serveEntity(const Entity& entity, const Fault& fault, const ServerRequest& 
     return;
   const bool whole =
       sendBody(connection, std::string_view(entity.content).substr(range.first, range.length), fault);
-  if (whole && !fault.closeAfter && fault.extraBytes == 0)
+  if (whole && !fault.closeAfter)
     return;
   if (fault.cutAfter && fault.cut == Fault::Cut::Reset)
     connection.reset();

@@ -1,7 +1,6 @@
 #include "tests/support/FaultServer.h"
 
 #include "tests/support/EntityResponse.h"
-#include "tests/support/Expectation.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -67,7 +66,6 @@ struct FaultServer::State {
   std::list<std::thread> threads;
   std::size_t accepted = 0;
   std::size_t open = 0;
-  std::size_t peakOpen = 0;
   std::size_t answering = 0;
   std::size_t peakAnswering = 0;
 
@@ -114,7 +112,7 @@ void FaultServer::State::accept() {
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     Lock lock(mutex);
     ++accepted;
-    peakOpen = std::max(peakOpen, ++open);
+    ++open;
     threads.emplace_back([this, socket, number = accepted] {
       converse(socket, number);
       ::close(socket);
@@ -219,10 +217,6 @@ std::uint16_t FaultServer::port() const {
 
 std::string FaultServer::url(std::string_view path, std::string_view host) const {
   return "http://" + std::string(host) + ":" + std::to_string(_state->port) + std::string(path);
-}
-
-void FaultServer::serve(const std::string& path, Entity entity) {
-  serve(path, std::move(entity), {});
 }
 
 void FaultServer::serve(const std::string& path, Entity entity, Fault fault) {
@@ -333,11 +327,6 @@ std::size_t FaultServer::connections() const {
 std::size_t FaultServer::openConnections() const {
   Lock lock(_state->mutex);
   return _state->open;
-}
-
-std::size_t FaultServer::peakConnections() const {
-  Lock lock(_state->mutex);
-  return _state->peakOpen;
 }
 
 std::size_t FaultServer::peakRequests() const {

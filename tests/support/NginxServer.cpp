@@ -117,7 +117,7 @@ std::string NginxServer::configuration(const std::string& documentRoot, const Ng
   text << "  default_type application/octet-stream;\n  sendfile on;\n  keepalive_requests "
        << options.keepaliveRequests
        << ";\n  log_format fields \"$connection\\t$request_method\\t$request_uri\\t"
-       << "$http_range\\t$status\\t$body_bytes_sent\\t$server_protocol\";\n"
+       << "$body_bytes_sent\\t$server_protocol\";\n"
        << "  server {\n    listen 127.0.0.1:" << _port << (_tls ? " ssl http2" : "") << ";\n    root \""
        << documentRoot << "\";\n    access_log " << _directory / "access.log"
        << " fields;\n";
@@ -161,11 +161,10 @@ std::vector<AccessLogEntry> NginxServer::accessLog() const {
   std::istringstream lines(readFile(_directory / "access.log"));
   for (std::string line; std::getline(lines, line);) {
     std::istringstream fields(line);
-    std::array<std::string, 7> field;
+    std::array<std::string, 5> field;
     for (auto& text : field)
       std::getline(fields, text, '\t');
-    entries.push_back({std::stoull(field[0]), field[1], field[2], field[3] == "-" ? "" : field[3],
-                       std::stoi(field[4]), std::stoll(field[5]), field[6]});
+    entries.push_back({std::stoull(field[0]), field[1], field[2], std::stoll(field[3]), field[4]});
   }
   return entries;
 }

@@ -12,7 +12,7 @@ using Lock = std::lock_guard<std::mutex>;
 namespace scripted {
 
 void Core::tellLocked(const SessionState& session,
-                      std::function<void(ScriptedSession&, URLSessionDelegate*)> tell) {
+                      std::function<void(ScriptedSession&, URLSessionDelegate&)> tell) {
   postLocked(session, {session.self, std::move(tell), nullptr});
 }
 
@@ -43,8 +43,9 @@ void Core::perform(const Event& event) {
     return;
   }
   if (auto session = event.session.lock()) {
-    auto delegate = session->_state->delegate.lock();
-    event.tell(*session, delegate.get());
+    URLSessionDelegate nobody;
+    const auto delegate = session->_state->delegate.lock();
+    event.tell(*session, delegate ? *delegate : nobody);
   }
 }
 
@@ -77,15 +78,14 @@ bool Core::deliverOne() {
 void Core::removedFromSessionLocked(SessionState& session) {
   if (!session.invalidating || !session.live.empty() || !session.liveData.empty())
     return;
-  tellLocked(session, [this](ScriptedSession& invalid, URLSessionDelegate* delegate) {
+  tellLocked(session, [this](ScriptedSession& invalid, URLSessionDelegate& delegate) {
     std::shared_ptr<ScriptedSession> kept; // the last reference may be this one
     {
       Lock lock(mutex);
       kept.swap(invalid._state->keptUntilInvalid);
       openSessions.erase(invalid._configuration.identifier);
     }
-    if (delegate)
-      delegate->URLSessionDidBecomeInvalidWithError(invalid, nullptr);
+    delegate.URLSessionDidBecomeInvalidWithError(invalid, nullptr);
   });
 }
 

@@ -2,8 +2,6 @@
 
 #include "tests/support/ScriptedCore.h"
 
-#include <filesystem>
-
 namespace support {
 
 using namespace platform;
@@ -74,13 +72,10 @@ std::shared_ptr<URLSession> ScriptedTransferService::openSession(const URLSessio
         task->_received = record.survivor.bytesReceived;
         task->_expected = record.survivor.bytesExpected;
         state->live.emplace(record.identifier, task);
-        if (record.survivor.finishedContent || record.finishedFile) {
+        if (record.survivor.finishedContent) {
           task->respondLocked(200, {});
-          task->_file = record.finishedFile;
-          if (record.survivor.finishedContent)
-            task->_content = std::move(*record.survivor.finishedContent);
-          task->finishLocked(task->_file ? static_cast<std::int64_t>(std::filesystem::file_size(*task->_file))
-                                         : static_cast<std::int64_t>(task->_content.size()));
+          task->_content = std::move(*record.survivor.finishedContent);
+          task->finishLocked(static_cast<std::int64_t>(task->_content.size()));
         } else if (record.failure) {
           task->endLocked(record.failure);
         } else if (task->_state == State::Running) {
@@ -120,23 +115,10 @@ void ScriptedTransferService::shutdown() {
       const bool journaled = !identifier.empty() && !state.invalidating;
       if (journaled)
         _core->journals[identifier].nextIdentifier = state.nextIdentifier;
-      for (const auto& [taskIdentifier, task] : state.live) {
-        if (task->_ended)
-          continue;
-        if (journaled)
-          session->journalLocked(*task);
-        task->_state = State::Canceling;
-        task->endLocked(scripted::cancelledError(task->_request));
-      }
-      for (const auto& [taskIdentifier, task] : state.liveData)
-        task->endLocked(scripted::cancelledError(task->_request));
+      session->cancelLocked(journaled);
     }
   }
   run();
-}
-
-bool ScriptedTransferService::deliver() {
-  return _core->deliverOne();
 }
 
 std::size_t ScriptedTransferService::run() {
@@ -208,7 +190,7 @@ std::uint64_t ScriptedTransferService::addSurvivor(const std::string& sessionIde
   Lock lock(_core->mutex);
   auto& journal = _core->journals[sessionIdentifier];
   const std::uint64_t identifier = journal.nextIdentifier++;
-  journal.records.push_back({identifier, std::move(survivor), std::nullopt, nullptr});
+  journal.records.push_back({identifier, std::move(survivor), nullptr});
   return identifier;
 }
 
