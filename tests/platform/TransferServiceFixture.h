@@ -70,9 +70,42 @@ protected:
     return made;
   }
 
-  DownloadTaskRef start(const std::string& path, const std::string& range = {}) {
-    auto task = session->downloadTaskWithRequest(request(path, range));
+  /// The service anew, with trust in the server's certificate, and a session of it.
+  void openTrusting(const NginxServer& secure) {
+    session.reset();
+    if (service)
+      service->shutdown();
+    auto trusting = optionsFor(directory / "service");
+    trusting.certificateAuthorityFile = secure.certificateFile();
+    service = makeHTTPTransferService(trusting);
+    open();
+  }
+
+  /// Serves a body that can be gone on with; answers it.
+  std::string serveRandom(const std::string& path, std::size_t count) {
+    auto content = randomBytes(count);
+    server.serve(path, {content, "\"1\"", OldDate});
+    return content;
+  }
+
+  static DownloadTaskRef started(DownloadTaskRef task) {
     task->resume();
+    return task;
+  }
+  DownloadTaskRef start(const std::string& path, const std::string& range = {}) {
+    return started(session->downloadTaskWithRequest(request(path, range)));
+  }
+  DownloadTaskRef startURL(const std::string& url) {
+    return started(session->downloadTaskWithRequest(URLRequest(*URL::URLWithString(url))));
+  }
+  DownloadTaskRef startWith(const Data& resumeData) {
+    return started(session->downloadTaskWithResumeData(resumeData));
+  }
+  /// One whose response stopped after so many bytes.
+  DownloadTaskRef startStalled(const std::string& path, std::size_t bytes) {
+    server.once(path, stallingAfter(bytes, stalled));
+    auto task = start(path);
+    EXPECT_TRUE(delegate->waitForProgress(task->taskIdentifier(), static_cast<std::int64_t>(bytes)));
     return task;
   }
 
@@ -111,21 +144,32 @@ protected:
     return count;
   }
 
+  void waitForOpenConnections(std::size_t most) const {
+    while (server.openConnections() > most)
+      std::this_thread::yield();
+  }
+
+  std::string rangeAskedLast(const std::string& path = "/a") const {
+    return server.requests(path).back().header("Range");
+  }
+
   /// Downloads until `held` bytes have come, then breaks the connection for good; answers the resume data.
-  DataRef breakAt(const std::string& path, std::size_t held, const std::string& range = {}) {
+  Data breakAt(const std::string& path, std::size_t held, const std::string& range = {}) {
     configuration.retryLimit = 0;
     if (!session)
       open();
-    Fault cut;
-    cut.cutAfter = held;
-    server.once(path, cut);
+    server.once(path, cuttingAfter(held));
     auto record = finish(start(path, range));
     expectError(record, NSURLErrorNetworkConnectionLost);
-    return resumeDataOf(record);
+    const auto data = resumeDataOf(record);
+    if (!data)
+      throw std::runtime_error("no resume data after " + std::to_string(held) + " bytes of " + path);
+    return *data;
   }
 
   TemporaryDirectory directory;
   FaultServer server;
+  GateRef stalled = makeGate(); ///< never opened
   std::shared_ptr<TransferService> service;
   URLSessionConfiguration configuration;
   std::shared_ptr<RecordingSessionDelegate> delegate;

@@ -1,23 +1,15 @@
 // What outlives the process: the journal, the partial files, the locks.
 
 #include "tests/platform/ChildProcess.h"
-#include "tests/support/Expectation.h"
-#include "tests/support/FaultServer.h"
-#include "tests/support/RecordingSessionDelegate.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/platform/TransferServiceFixture.h"
 
-#include "platform/transfer/TransferService.h"
 #include "platform/transfer/internal/DiskPool.h"
 #include "platform/transfer/internal/Journal.h"
 #include "platform/transfer/internal/PartialStore.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sched.h>
@@ -27,14 +19,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-using namespace platform;
 using namespace platform::transfer;
-using namespace support;
-using testing::SizeIs;
+using namespace transfer_tests;
 
 namespace {
-
-constexpr const char* OldDate = "Mon, 05 Jan 2015 10:00:00 GMT";
 
 class StoreTest : public testing::Test {
 protected:
@@ -241,7 +229,7 @@ TEST_F(StoreTest, RefusesANewerJournalAndSetsAGarbledOneAside) {
   ErrorRef error;
   EXPECT_FALSE(Journal::open(path, &error));
   ASSERT_TRUE(error);
-  EXPECT_THAT(error->localizedDescription(), testing::HasSubstr("version 7"));
+  EXPECT_THAT(error->localizedDescription(), HasSubstr("version 7"));
   EXPECT_EQ(readFile(path), before);
 
   const std::string garbage = "this is no database, however long one looks at it";
@@ -256,24 +244,46 @@ TEST_F(StoreTest, RefusesANewerJournalAndSetsAGarbledOneAside) {
 
 // ---- Processes that die
 
-HTTPTransferServiceOptions optionsFor(const std::string& directory) {
-  HTTPTransferServiceOptions options;
-  options.directory = directory;
-  options.retryDelay = std::chrono::milliseconds(1);
-  return options;
-}
+/// Downloads of a session whose first process dies, and of the next one.
+class KilledTest : public StoreTest {
+protected:
+  ~KilledTest() override {
+    session.reset();
+    if (service)
+      service->shutdown();
+  }
+  /// As the next process; answers whether the session could be opened.
+  bool open() {
+    if (!service)
+      service = makeHTTPTransferService(optionsFor(directory.path()));
+    configuration.service = service;
+    session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
+    return session != nullptr;
+  }
+  /// What the only task was told, after its end.
+  RecordingSessionDelegate::TaskRecord record() {
+    EXPECT_TRUE(delegate->waitForCompletions(1));
+    const auto tasks = delegate->tasks();
+    EXPECT_THAT(tasks, SizeIs(1));
+    const auto record = tasks.begin()->second;
+    EXPECT_FALSE(record.completions.at(0));
+    EXPECT_TRUE(record.content == content);
+    return record;
+  }
 
-TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
-  auto configuration = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
+  URLSessionConfiguration configuration =
+      URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
+  const std::string content = std::string(600'000, 'x');
+  std::shared_ptr<RecordingSessionDelegate> delegate = std::make_shared<RecordingSessionDelegate>();
+  std::shared_ptr<TransferService> service;
+  std::shared_ptr<URLSession> session;
+  ErrorRef error;
+};
+
+TEST_F(KilledTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
   ChildProcess child([&](const URLRequest& request) {
-    configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
-    auto session = URLSession::sessionWithConfiguration(configuration, {}, nullptr);
-    auto task = session->downloadTaskWithRequest(request);
-    task->setTaskDescription("kept");
-    task->resume();
-    ::pause();
+    downloadUntilKilled(configuration, optionsFor(directory.path()), request);
   });
-  const std::string content(600'000, 'x');
   FaultServer server;
   auto gate = makeGate();
   server.serve("/a", {content, "\"1\"", OldDate});
@@ -291,24 +301,15 @@ TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
   while (!described())
     ::sched_yield();
 
-  auto service = makeHTTPTransferService(optionsFor(directory.path()));
-  configuration.service = service;
-  auto delegate = std::make_shared<RecordingSessionDelegate>();
-  ErrorRef error;
-  EXPECT_FALSE(URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error));
+  EXPECT_FALSE(open());
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), NSURLErrorBackgroundSessionInUseByAnotherProcess);
-  EXPECT_THAT(error->localizedDescription(), testing::HasSubstr(std::to_string(child.process())));
+  EXPECT_THAT(error->localizedDescription(), HasSubstr(std::to_string(child.process())));
 
   child.kill();
-  auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
-  ASSERT_TRUE(session) << error->localizedDescription();
-  ASSERT_TRUE(delegate->waitForCompletions(1));
-  auto record = delegate->tasks().begin()->second;
-  EXPECT_FALSE(record.completions.at(0));
-  EXPECT_TRUE(record.content == content);
+  ASSERT_TRUE(open()) << error->localizedDescription();
+  record();
   EXPECT_EQ(server.requests("/a").back().header("Range"), "bytes=400000-");
-  service->shutdown();
 }
 
 int finishedRows(const std::string& journal) {
@@ -339,19 +340,11 @@ private:
   const std::string _mark;
 };
 
-TEST_F(StoreTest, AFinishedBodyIsToldAgainWhenTheProcessDiedInTheTelling) {
-  auto configuration = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
+TEST_F(KilledTest, AFinishedBodyIsToldAgainWhenTheProcessDiedInTheTelling) {
   const std::string mark = directory / "mark";
   ChildProcess child([&](const URLRequest& request) {
-    configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
-    auto delegate = std::make_shared<Stuck>(mark);
-    auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr);
-    auto task = session->downloadTaskWithRequest(request);
-    task->setTaskDescription("kept");
-    task->resume();
-    ::pause();
+    downloadUntilKilled(configuration, optionsFor(directory.path()), request, std::make_shared<Stuck>(mark));
   });
-  const std::string content(600'000, 'x');
   FaultServer server;
   server.serve("/a", {content, "\"1\"", OldDate});
   child.start(server.url("/a"));
@@ -360,20 +353,10 @@ TEST_F(StoreTest, AFinishedBodyIsToldAgainWhenTheProcessDiedInTheTelling) {
     ::sched_yield();
   child.kill();
 
-  auto service = makeHTTPTransferService(optionsFor(directory.path()));
-  configuration.service = service;
-  auto delegate = std::make_shared<RecordingSessionDelegate>();
-  ErrorRef error;
-  auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
-  ASSERT_TRUE(session) << error->localizedDescription();
+  ASSERT_TRUE(open()) << error->localizedDescription();
   ASSERT_TRUE(delegate->waitForCompletions(1));
   ASSERT_TRUE(delegate->waitForFinishedEvents());
-  auto tasks = delegate->tasks();
-  ASSERT_THAT(tasks, SizeIs(1));
-  auto record = tasks.begin()->second;
-  EXPECT_FALSE(record.completions.at(0));
-  EXPECT_THAT(record.order, testing::EndsWith("fc"));
-  EXPECT_TRUE(record.content == content);
+  EXPECT_THAT(record().order, EndsWith("fc"));
   EXPECT_THAT(server.requests("/a"), SizeIs(1)) << "nothing is fetched again";
   session.reset();
   service->shutdown();
