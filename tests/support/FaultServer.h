@@ -122,6 +122,9 @@ inline std::string randomBytes(std::size_t count, unsigned seed = 1) {
   return text;
 }
 
+/// A socket that listens on a free port of 127.0.0.1; raises std::runtime_error when there is none.
+int listenOnFreePort(std::uint16_t& port);
+
 /// A scripted HTTP/1.1 server on 127.0.0.1 for what a well-behaved server never does.
 ///
 /// A path has a lasting handler (`serve`, `handle`) and a queue of handlers for one request each (`once`),

@@ -1,6 +1,7 @@
 #include "tests/support/NginxServer.h"
 
 #include "tests/support/Command.h"
+#include "tests/support/FaultServer.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -19,21 +20,6 @@ namespace support {
 
 namespace {
 
-/// A listening socket on a free port. The server inherits it, so no other process can take the port between.
-int listenOnFreePort(std::uint16_t& port) {
-  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  auto* plain = reinterpret_cast<sockaddr*>(&address);
-  if (socket < 0 || ::bind(socket, plain, length) != 0 || ::listen(socket, 511) != 0 ||
-      ::getsockname(socket, plain, &length) != 0)
-    throw std::runtime_error("cannot listen on 127.0.0.1");
-  port = ntohs(address.sin_port);
-  return socket;
-}
-
 constexpr int FirstInherited = 200; // above what the child has open for itself
 
 } // namespace
@@ -51,6 +37,7 @@ NginxServer::NginxServer(const std::string& documentRoot, const NginxOptions& op
                 "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
                 "subjectAltName=IP:127.0.0.1,DNS:localhost", "-keyout", "key.pem", "-out", "certificate.pem"},
                _directory.path());
+  // The server inherits them, so no other process can take their ports between.
   const std::array<int, 2> sockets{listenOnFreePort(_port), listenOnFreePort(_controlPort)};
   const std::string configurationFile = _directory.write("nginx.conf", configuration(documentRoot, options));
 

@@ -1,8 +1,7 @@
 #include "tests/support/ScriptedCore.h"
 
-#include <fcntl.h>
+#include <fstream>
 #include <stdexcept>
-#include <unistd.h>
 
 namespace support {
 
@@ -10,15 +9,6 @@ using namespace platform;
 using Lock = std::lock_guard<std::mutex>;
 
 namespace scripted {
-
-void Core::tellLocked(const SessionState& session,
-                      std::function<void(ScriptedSession&, URLSessionDelegate&)> tell) {
-  postLocked(session, {session.self, std::move(tell), nullptr});
-}
-
-void Core::callLocked(const SessionState& session, std::function<void()> call) {
-  postLocked(session, {{}, nullptr, std::move(call)});
-}
 
 void Core::postLocked(const SessionState& session, Event event) {
   if (!session.queue) {
@@ -92,15 +82,7 @@ void Core::removedFromSessionLocked(SessionState& session) {
 std::string writeTemporaryFile(Core& core, const std::string& content) {
   const std::string path =
       core.directory + "/scripted-" + std::to_string(core.nextFile.fetch_add(1)) + ".tmp";
-  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  std::size_t written = 0;
-  while (file >= 0 && written < content.size()) {
-    const ssize_t count = ::write(file, content.data() + written, content.size() - written);
-    if (count <= 0)
-      break;
-    written += static_cast<std::size_t>(count);
-  }
-  if (file < 0 || ::close(file) != 0 || written < content.size())
+  if (!(std::ofstream(path, std::ios::binary) << content).flush())
     throw std::runtime_error("cannot write " + path);
   return path;
 }

@@ -81,8 +81,12 @@ struct Core : std::enable_shared_from_this<Core> {
 
   // With the lock held:
   void tellLocked(const SessionState& session,
-                  std::function<void(ScriptedSession&, platform::URLSessionDelegate&)> tell);
-  void callLocked(const SessionState& session, std::function<void()> call);
+                  std::function<void(ScriptedSession&, platform::URLSessionDelegate&)> tell) {
+    postLocked(session, {session.self, std::move(tell), nullptr});
+  }
+  void callLocked(const SessionState& session, std::function<void()> call) {
+    postLocked(session, {{}, nullptr, std::move(call)});
+  }
   void removedFromSessionLocked(SessionState& session);
 
   // Without it:

@@ -2,6 +2,9 @@
 
 #include "tests/support/ScriptedCore.h"
 
+#include <tuple>
+#include <utility>
+
 namespace support {
 
 using namespace platform;
@@ -13,28 +16,19 @@ ScriptedTransferService::ScriptedTransferService(std::string directory, Delivery
 
 ScriptedTransferService::~ScriptedTransferService() {
   // Tasks and events refer to the core: dropping them here breaks the circle.
-  decltype(_core->events) events;
-  decltype(_core->tasks) tasks;
-  decltype(_core->dataTasks) dataTasks;
-  decltype(_core->tasksByURL) byURL;
-  std::shared_ptr<ScriptedSession> shared;
-  decltype(_core->startHandler) start;
-  decltype(_core->dataStartHandler) dataStart;
-  std::vector<std::shared_ptr<ScriptedSession>> sessions;
-  Lock lock(_core->mutex);
+  std::unique_lock lock(_core->mutex);
   _core->closed = _core->gone = true;
+  std::vector<std::shared_ptr<ScriptedSession>> sessions;
   for (const auto& weak : _core->allSessions)
     if (auto session = weak.lock()) {
       session->_state->keptUntilInvalid.reset(); // not the last reference: `session` is one
       sessions.push_back(std::move(session));
     }
-  events.swap(_core->events);
-  tasks.swap(_core->tasks);
-  dataTasks.swap(_core->dataTasks);
-  byURL.swap(_core->tasksByURL);
-  shared.swap(_core->shared);
-  start.swap(_core->startHandler);
-  dataStart.swap(_core->dataStartHandler);
+  const auto dropped = std::tuple(std::exchange(_core->events, {}), std::exchange(_core->tasks, {}),
+                                  std::exchange(_core->dataTasks, {}), std::exchange(_core->tasksByURL, {}),
+                                  std::exchange(_core->shared, {}), std::exchange(_core->startHandler, {}),
+                                  std::exchange(_core->dataStartHandler, {}));
+  lock.unlock(); // what goes now may ask for it
 }
 
 std::shared_ptr<URLSession> ScriptedTransferService::openSession(const URLSessionConfiguration& configuration,
