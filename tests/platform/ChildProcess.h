@@ -30,6 +30,8 @@ public:
     ::close(ends[0]);
     _input = ends[1];
   }
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
   ~ChildProcess() {
     kill();
     ::close(_input);

@@ -33,31 +33,46 @@ inline HTTPTransferServiceOptions optionsFor(const std::string& directory) {
   return options;
 }
 
-/// A service in a directory of its own, a session of it, and a scripted server.
-class TransferServiceTest : public testing::Test {
+/// A service in a directory of its own and a session of it.
+class SessionTest : public testing::Test {
 protected:
-  ~TransferServiceTest() override {
+  ~SessionTest() override { close(); }
+
+  bool tryOpen(const std::string& identifier = {}) {
+    if (!service)
+      service = makeHTTPTransferService(optionsFor(folder));
+    configuration.identifier = identifier;
+    configuration.service = service;
+    delegate = std::make_shared<RecordingSessionDelegate>();
+    session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
+    return session != nullptr;
+  }
+  void open(const std::string& identifier = {}) {
+    ASSERT_TRUE(tryOpen(identifier)) << error->localizedDescription();
+  }
+  void close() {
     session.reset();
     if (service)
       service->shutdown();
   }
 
-  void open(const std::string& identifier = {}) {
-    if (!service)
-      service = makeHTTPTransferService(optionsFor(directory / "service"));
-    ASSERT_TRUE(service);
-    configuration.identifier = identifier;
-    configuration.service = service;
-    delegate = std::make_shared<RecordingSessionDelegate>();
-    ErrorRef error;
-    session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
-    ASSERT_TRUE(session) << error->localizedDescription();
-  }
+  TemporaryDirectory directory;
+  const std::string folder = directory / "service";
+  std::shared_ptr<TransferService> service;
+  URLSessionConfiguration configuration;
+  std::shared_ptr<RecordingSessionDelegate> delegate;
+  std::shared_ptr<URLSession> session;
+  ErrorRef error;
+};
+
+/// One with a scripted server.
+class TransferServiceTest : public SessionTest {
+protected:
+  ~TransferServiceTest() override { close(); } // before the server
 
   /// What a new process finds: the service and its session are gone, the directory is not.
   void restart(const std::string& identifier = {}) {
-    session.reset();
-    service->shutdown();
+    close();
     service.reset();
     configuration.service.reset();
     open(identifier);
@@ -72,10 +87,8 @@ protected:
 
   /// The service anew, with trust in the server's certificate, and a session of it.
   void openTrusting(const NginxServer& secure) {
-    session.reset();
-    if (service)
-      service->shutdown();
-    auto trusting = optionsFor(directory / "service");
+    close();
+    auto trusting = optionsFor(folder);
     trusting.certificateAuthorityFile = secure.certificateFile();
     service = makeHTTPTransferService(trusting);
     open();
@@ -139,7 +152,7 @@ protected:
 
   std::size_t filesBelow(const std::string& name) const {
     std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(directory / "service/" + name))
+    for (const auto& entry : std::filesystem::directory_iterator(folder + "/" + name))
       count += entry.is_regular_file();
     return count;
   }
@@ -167,13 +180,8 @@ protected:
     return *data;
   }
 
-  TemporaryDirectory directory;
   FaultServer server;
   GateRef stalled = makeGate(); ///< never opened
-  std::shared_ptr<TransferService> service;
-  URLSessionConfiguration configuration;
-  std::shared_ptr<RecordingSessionDelegate> delegate;
-  std::shared_ptr<URLSession> session;
   std::size_t awaited = 0;
 };
 

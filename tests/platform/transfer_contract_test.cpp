@@ -240,6 +240,8 @@ TEST_P(TransferContract, ContinuesFromResumeData) {
   ASSERT_TRUE(isOrder(second.order, "rwfc")) << second.order << " " << textOf(second);
   EXPECT_EQ(second.resumedAt.front(), std::make_pair(std::int64_t(1000), std::int64_t(content.size())));
   EXPECT_EQ(second.progress.front().written, second.progress.front().total);
+  listTasks();
+  EXPECT_EQ(delegate->completions(), 2U);
 }
 
 TEST_P(TransferContract, HasNoResumeDataWhereThereIsNothingToResume) {
@@ -336,6 +338,8 @@ TEST_P(TransferContract, InvalidatesWithAndWithoutCancelling) {
   auto late = makeTask("/a");
   ASSERT_TRUE(completed(3));
   EXPECT_TRUE(isURLError(late->error(), NSURLErrorCancelled));
+  for (const auto& [identifier, told] : delegate->tasks())
+    EXPECT_EQ(told.order.find_first_of("fc"), told.order.size() - 1) << told.order;
 
   openAnew("films");
   EXPECT_THAT(listTasks(), testing::IsEmpty());

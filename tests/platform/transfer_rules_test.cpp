@@ -91,7 +91,7 @@ TEST(ResponsePolicy, Table) {
   };
   using enum Verdict;
   auto dated = askedFor(100);
-  dated.validators.lastModified = "Mon, 05 Jan 2015 10:00:00 GMT";
+  const std::string old = dated.validators.lastModified = "Mon, 05 Jan 2015 10:00:00 GMT";
   auto head = askedFor(0);
   head.method = "HEAD";
   const HTTPHeaders rest{{"Content-Range", "bytes 100-999/1000"}, {"Content-Length", "900"}};
@@ -99,14 +99,12 @@ TEST(ResponsePolicy, Table) {
     headers[name] = value;
     return headers;
   };
-  const ResponseHead part{206, rest}, seven{200, {{"Content-Length", "7"}}};
+  const ResponseHead part{206, rest}, seven{200, {{"Content-Length", "7"}}},
+      all{200, {{"Content-Length", "1000"}}};
   const std::vector<Case> cases{
       {"whole", askedFor(0), seven, FromZero, 7, 7},
       {"no length", askedFor(0), {200, {}}, FromZero},
-      {"length beside chunks",
-       askedFor(0),
-       {200, {{"Content-Length", "7"}, {"Transfer-Encoding", "chunked"}}},
-       FromZero},
+      {"chunks", askedFor(0), {200, {{"Content-Length", "7"}, {"Transfer-Encoding", "chunked"}}}, FromZero},
       {"head", head, seven, FromZero, 0, 0},
       {"rest", askedFor(100), part, Append, 900, 1000},
       {"rest, other tag", askedFor(100), {206, with(rest, "ETag", "\"2\"")}, Restart},
@@ -121,20 +119,12 @@ TEST(ResponsePolicy, Table) {
       {"own range, too much", askedFor(0, "bytes=100-200"), part, Restart},
       {"own suffix", askedFor(0, "bytes=-900"), part, FromZero, 900, 900},
       {"own ranges", askedFor(0, "bytes=0-1,5-6"), {206, {{"Content-Length", "300"}}}, FromZero, 300, 300},
-      {"own range ignored",
-       askedFor(0, "bytes=100-"),
-       {200, {{"Content-Length", "1000"}}},
-       FromZero,
-       1000,
-       1000},
+      {"own range ignored", askedFor(0, "bytes=100-"), all, FromZero, 1000, 1000},
       {"changed", askedFor(100), {200, {{"ETag", "\"2\""}}}, FromZero},
       {"unchanged, no date", askedFor(100), {200, {{"ETag", "\"1\""}}}, FromZero},
-      {"unchanged",
-       dated,
-       {200, {{"ETag", "\"1\""}, {"Last-Modified", dated.validators.lastModified}}},
-       AskByDate},
+      {"unchanged", dated, {200, {{"ETag", "\"1\""}, {"Last-Modified", old}}}, AskByDate},
       {"held all", askedFor(1000), {416, {{"Content-Range", "bytes */1000"}}}, HoldsAll, 0, 1000},
-      {"held all, other tag",
+      {"held, other tag",
        askedFor(1000),
        {416, {{"Content-Range", "bytes */1000"}, {"ETag", "\"2\""}}},
        Restart},

@@ -290,14 +290,13 @@ HeldRanges mapped(const std::string& partials) {
   return held;
 }
 
-TEST(SplitCrash, AKilledProcessLeavesAMapOfWhatItHeld) {
-  TemporaryDirectory directory;
-  URLSessionConfiguration configuration;
+class SplitCrash : public SessionTest {};
+
+TEST_F(SplitCrash, AKilledProcessLeavesAMapOfWhatItHeld) {
   configuration.HTTPMaximumConnectionsPerHost = 4;
   // Made while this process has a single thread.
-  ChildProcess child([&](const URLRequest& request) {
-    downloadUntilKilled(configuration, optionsFor(directory.path()), request);
-  });
+  ChildProcess child(
+      [&](const URLRequest& request) { downloadUntilKilled(configuration, optionsFor(folder), request); });
   const auto content = randomBytes(Large);
   FaultServer server;
   const Fault stall = stallingAfter(3 * Mega, makeGate());
@@ -305,18 +304,15 @@ TEST(SplitCrash, AKilledProcessLeavesAMapOfWhatItHeld) {
   child.start(server.url("/a"));
   ASSERT_TRUE(stall.gate->waitUntilReached(4));
   constexpr std::int64_t Sent = 12 * Mega, Lost = 1LL << 20;
-  while (mapped(directory / "partials").total() < Sent - Lost)
+  while (mapped(folder + "/partials").total() < Sent - Lost)
     std::this_thread::yield();
   child.kill();
-  const auto held = mapped(directory / "partials");
+  const auto held = mapped(folder + "/partials");
   EXPECT_GE(held.spans().size(), 4u);
 
   server.serve("/a", {content, "\"1\"", OldDate});
   const auto before = server.requests().size();
-  auto service = makeHTTPTransferService(optionsFor(directory.path()));
-  configuration.service = service;
-  auto delegate = std::make_shared<RecordingSessionDelegate>();
-  auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr);
+  open();
   auto task = session->downloadTaskWithRequest(URLRequest(*URL::URLWithString(server.url("/a"))));
   task->resume();
   ASSERT_TRUE(delegate->waitForCompletions(1));
@@ -330,9 +326,8 @@ TEST(SplitCrash, AKilledProcessLeavesAMapOfWhatItHeld) {
     ASSERT_GT(std::sscanf(requests[i].header("Range").c_str(), "bytes=%lld-%lld", &first, &last), 0);
     EXPECT_EQ(held.hole(first, last + 1), (Span{first, last + 1})) << requests[i].header("Range");
   }
-  session.reset();
-  service->shutdown();
-  EXPECT_TRUE(std::filesystem::is_empty(directory / "partials"));
+  close();
+  EXPECT_TRUE(std::filesystem::is_empty(folder + "/partials"));
 }
 
 } // namespace

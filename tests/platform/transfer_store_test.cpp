@@ -245,21 +245,8 @@ TEST_F(StoreTest, RefusesANewerJournalAndSetsAGarbledOneAside) {
 // ---- Processes that die
 
 /// Downloads of a session whose first process dies, and of the next one.
-class KilledTest : public StoreTest {
+class KilledTest : public SessionTest {
 protected:
-  ~KilledTest() override {
-    session.reset();
-    if (service)
-      service->shutdown();
-  }
-  /// As the next process; answers whether the session could be opened.
-  bool open() {
-    if (!service)
-      service = makeHTTPTransferService(optionsFor(directory.path()));
-    configuration.service = service;
-    session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
-    return session != nullptr;
-  }
   /// What the only task was told, after its end.
   RecordingSessionDelegate::TaskRecord record() {
     EXPECT_TRUE(delegate->waitForCompletions(1));
@@ -271,19 +258,19 @@ protected:
     return record;
   }
 
-  URLSessionConfiguration configuration =
-      URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
+  /// To be made while this process has a single thread.
+  ChildProcess firstProcess(std::shared_ptr<URLSessionDelegate> told = nullptr) {
+    configuration.identifier = "films";
+    return ChildProcess([&](const URLRequest& request) {
+      downloadUntilKilled(configuration, optionsFor(folder), request, told);
+    });
+  }
+
   const std::string content = std::string(600'000, 'x');
-  std::shared_ptr<RecordingSessionDelegate> delegate = std::make_shared<RecordingSessionDelegate>();
-  std::shared_ptr<TransferService> service;
-  std::shared_ptr<URLSession> session;
-  ErrorRef error;
 };
 
 TEST_F(KilledTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
-  ChildProcess child([&](const URLRequest& request) {
-    downloadUntilKilled(configuration, optionsFor(directory.path()), request);
-  });
+  auto child = firstProcess();
   FaultServer server;
   auto gate = makeGate();
   server.serve("/a", {content, "\"1\"", OldDate});
@@ -292,7 +279,7 @@ TEST_F(KilledTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) 
   ASSERT_TRUE(gate->waitUntilReached(1));
   // The description of what is held is written a moment after the bytes.
   auto described = [&] {
-    for (const auto& entry : std::filesystem::directory_iterator(directory / "partials"))
+    for (const auto& entry : std::filesystem::directory_iterator(folder + "/partials"))
       if (entry.path().extension() == ".json" &&
           readFile(entry.path()).find("[[0,400000]]") != std::string::npos)
         return true;
@@ -301,13 +288,13 @@ TEST_F(KilledTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) 
   while (!described())
     ::sched_yield();
 
-  EXPECT_FALSE(open());
+  EXPECT_FALSE(tryOpen("films"));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), NSURLErrorBackgroundSessionInUseByAnotherProcess);
   EXPECT_THAT(error->localizedDescription(), HasSubstr(std::to_string(child.process())));
 
   child.kill();
-  ASSERT_TRUE(open()) << error->localizedDescription();
+  open("films");
   record();
   EXPECT_EQ(server.requests("/a").back().header("Range"), "bytes=400000-");
 }
@@ -342,25 +329,22 @@ private:
 
 TEST_F(KilledTest, AFinishedBodyIsToldAgainWhenTheProcessDiedInTheTelling) {
   const std::string mark = directory / "mark";
-  ChildProcess child([&](const URLRequest& request) {
-    downloadUntilKilled(configuration, optionsFor(directory.path()), request, std::make_shared<Stuck>(mark));
-  });
+  auto child = firstProcess(std::make_shared<Stuck>(mark));
   FaultServer server;
   server.serve("/a", {content, "\"1\"", OldDate});
   child.start(server.url("/a"));
   // The journal follows a moment behind; what it does not hold yet a killed process does lose.
-  while (!std::filesystem::exists(mark) || finishedRows(directory / "journal.db") != 1)
+  while (!std::filesystem::exists(mark) || finishedRows(folder + "/journal.db") != 1)
     ::sched_yield();
   child.kill();
 
-  ASSERT_TRUE(open()) << error->localizedDescription();
+  open("films");
   ASSERT_TRUE(delegate->waitForCompletions(1));
   ASSERT_TRUE(delegate->waitForFinishedEvents());
   EXPECT_THAT(record().order, EndsWith("fc"));
   EXPECT_THAT(server.requests("/a"), SizeIs(1)) << "nothing is fetched again";
-  session.reset();
-  service->shutdown();
-  EXPECT_TRUE(std::filesystem::is_empty(directory / "finished"));
+  close();
+  EXPECT_TRUE(std::filesystem::is_empty(folder + "/finished"));
 }
 
 /// What a disk that takes no more looks like to the child, and how it is relieved.
