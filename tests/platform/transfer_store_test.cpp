@@ -252,7 +252,7 @@ protected:
     EXPECT_TRUE(delegate->waitForCompletions(1));
     const auto tasks = delegate->tasks();
     EXPECT_THAT(tasks, SizeIs(1));
-    const auto record = tasks.begin()->second;
+    auto record = tasks.begin()->second;
     EXPECT_FALSE(record.completions.at(0));
     EXPECT_TRUE(record.content == content);
     return record;
