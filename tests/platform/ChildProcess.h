@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/transfer/URLRequest.h"
+#include "platform/transfer/TransferService.h"
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -30,6 +30,8 @@ public:
     ::close(ends[0]);
     _input = ends[1];
   }
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
   ~ChildProcess() {
     kill();
     ::close(_input);
@@ -52,5 +54,18 @@ private:
   pid_t _process = -1;
   int _input = -1;
 };
+
+/// What a child does that is killed on the way: a download of a session that the next process opens again.
+inline void downloadUntilKilled(platform::URLSessionConfiguration configuration,
+                                const platform::HTTPTransferServiceOptions& options,
+                                const platform::URLRequest& request,
+                                const std::shared_ptr<platform::URLSessionDelegate>& delegate = nullptr) {
+  configuration.service = platform::makeHTTPTransferService(options);
+  auto session = platform::URLSession::sessionWithConfiguration(configuration, delegate, nullptr);
+  auto task = session->downloadTaskWithRequest(request);
+  task->setTaskDescription("kept");
+  task->resume();
+  ::pause();
+}
 
 } // namespace support

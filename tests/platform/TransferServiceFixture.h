@@ -33,31 +33,46 @@ inline HTTPTransferServiceOptions optionsFor(const std::string& directory) {
   return options;
 }
 
-/// A service in a directory of its own, a session of it, and a scripted server.
-class TransferServiceTest : public testing::Test {
+/// A service in a directory of its own and a session of it.
+class SessionTest : public testing::Test {
 protected:
-  ~TransferServiceTest() override {
+  ~SessionTest() override { close(); }
+
+  bool tryOpen(const std::string& identifier = {}) {
+    if (!service)
+      service = makeHTTPTransferService(optionsFor(folder));
+    configuration.identifier = identifier;
+    configuration.service = service;
+    delegate = std::make_shared<RecordingSessionDelegate>();
+    session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
+    return session != nullptr;
+  }
+  void open(const std::string& identifier = {}) {
+    ASSERT_TRUE(tryOpen(identifier)) << error->localizedDescription();
+  }
+  void close() {
     session.reset();
     if (service)
       service->shutdown();
   }
 
-  void open(const std::string& identifier = {}) {
-    if (!service)
-      service = makeHTTPTransferService(optionsFor(directory / "service"));
-    ASSERT_TRUE(service);
-    configuration.identifier = identifier;
-    configuration.service = service;
-    delegate = std::make_shared<RecordingSessionDelegate>();
-    ErrorRef error;
-    session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
-    ASSERT_TRUE(session) << error->localizedDescription();
-  }
+  TemporaryDirectory directory;
+  const std::string folder = directory / "service";
+  std::shared_ptr<TransferService> service;
+  URLSessionConfiguration configuration;
+  std::shared_ptr<RecordingSessionDelegate> delegate;
+  std::shared_ptr<URLSession> session;
+  ErrorRef error;
+};
+
+/// One with a scripted server.
+class TransferServiceTest : public SessionTest {
+protected:
+  ~TransferServiceTest() override { close(); } // before the server
 
   /// What a new process finds: the service and its session are gone, the directory is not.
   void restart(const std::string& identifier = {}) {
-    session.reset();
-    service->shutdown();
+    close();
     service.reset();
     configuration.service.reset();
     open(identifier);
@@ -70,9 +85,40 @@ protected:
     return made;
   }
 
-  DownloadTaskRef start(const std::string& path, const std::string& range = {}) {
-    auto task = session->downloadTaskWithRequest(request(path, range));
+  /// The service anew, with trust in the server's certificate, and a session of it.
+  void openTrusting(const NginxServer& secure) {
+    close();
+    auto trusting = optionsFor(folder);
+    trusting.certificateAuthorityFile = secure.certificateFile();
+    service = makeHTTPTransferService(trusting);
+    open();
+  }
+
+  /// Serves a body that can be gone on with; answers it.
+  std::string serveRandom(const std::string& path, std::size_t count) {
+    auto content = randomBytes(count);
+    server.serve(path, {content, "\"1\"", OldDate});
+    return content;
+  }
+
+  static DownloadTaskRef started(DownloadTaskRef task) {
     task->resume();
+    return task;
+  }
+  DownloadTaskRef start(const std::string& path, const std::string& range = {}) {
+    return started(session->downloadTaskWithRequest(request(path, range)));
+  }
+  DownloadTaskRef startURL(const std::string& url) {
+    return started(session->downloadTaskWithRequest(URLRequest(*URL::URLWithString(url))));
+  }
+  DownloadTaskRef startWith(const Data& resumeData) {
+    return started(session->downloadTaskWithResumeData(resumeData));
+  }
+  /// One whose response stopped after so many bytes.
+  DownloadTaskRef startStalled(const std::string& path, std::size_t bytes) {
+    server.once(path, stallingAfter(bytes, stalled));
+    auto task = start(path);
+    EXPECT_TRUE(delegate->waitForProgress(task->taskIdentifier(), static_cast<std::int64_t>(bytes)));
     return task;
   }
 
@@ -106,30 +152,36 @@ protected:
 
   std::size_t filesBelow(const std::string& name) const {
     std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(directory / "service/" + name))
+    for (const auto& entry : std::filesystem::directory_iterator(folder + "/" + name))
       count += entry.is_regular_file();
     return count;
   }
 
+  void waitForOpenConnections(std::size_t most) const {
+    while (server.openConnections() > most)
+      std::this_thread::yield();
+  }
+
+  std::string rangeAskedLast(const std::string& path = "/a") const {
+    return server.requests(path).back().header("Range");
+  }
+
   /// Downloads until `held` bytes have come, then breaks the connection for good; answers the resume data.
-  DataRef breakAt(const std::string& path, std::size_t held, const std::string& range = {}) {
+  Data breakAt(const std::string& path, std::size_t held, const std::string& range = {}) {
     configuration.retryLimit = 0;
     if (!session)
       open();
-    Fault cut;
-    cut.cutAfter = held;
-    server.once(path, cut);
+    server.once(path, cuttingAfter(held));
     auto record = finish(start(path, range));
     expectError(record, NSURLErrorNetworkConnectionLost);
-    return resumeDataOf(record);
+    const auto data = resumeDataOf(record);
+    if (!data)
+      throw std::runtime_error("no resume data after " + std::to_string(held) + " bytes of " + path);
+    return *data;
   }
 
-  TemporaryDirectory directory;
   FaultServer server;
-  std::shared_ptr<TransferService> service;
-  URLSessionConfiguration configuration;
-  std::shared_ptr<RecordingSessionDelegate> delegate;
-  std::shared_ptr<URLSession> session;
+  GateRef stalled = makeGate(); ///< never opened
   std::size_t awaited = 0;
 };
 

@@ -25,22 +25,15 @@ public:
   std::shared_ptr<TransferService> service() override { return _service; }
   std::string url(const std::string& path) override { return _server.url(path); }
   void serve(const std::string& path, const std::string& content, int status) override {
-    Fault fault;
-    if (status != 200)
-      fault.status = status;
-    _server.serve(path, {content, "\"v1\"", ""}, fault);
+    _server.serve(path, {content, "\"v1\"", ""},
+                  {.status = status == 200 ? std::nullopt : std::optional(status)});
   }
   void hold(const std::string& path, std::size_t bytes) override {
-    Fault fault;
-    fault.stallAfter = bytes;
-    fault.gate = _gate;
-    _server.once(path, fault);
+    _server.once(path, stallingAfter(bytes, _gate));
   }
   void release() override { _gate->open(); }
   void breakOff(const std::string& path, std::size_t bytes) override {
-    Fault fault;
-    fault.cutAfter = bytes;
-    _server.once(path, fault);
+    _server.once(path, cuttingAfter(bytes));
   }
   void settle() override {}
   void relaunch() override {
@@ -73,8 +66,7 @@ public:
   std::string url(const std::string& path) override { return "http://scripted.test" + path; }
   void serve(const std::string& path, const std::string& content, int status) override {
     std::lock_guard lock(_mutex);
-    _places[url(path)].content = content;
-    _places[url(path)].status = status;
+    _places[url(path)] = {content, status, {}, {}};
   }
   void hold(const std::string& path, std::size_t bytes) override {
     std::lock_guard lock(_mutex);
@@ -101,8 +93,7 @@ private:
   struct Place {
     std::string content;
     int status = 200;
-    std::optional<std::size_t> hold;
-    std::optional<std::size_t> breakOff;
+    std::optional<std::size_t> hold, breakOff;
   };
 
   void start() {

@@ -25,9 +25,8 @@ protected:
       server.serve(folder + "s" + std::to_string(i) + ".ts",
                    {std::string(20'000, static_cast<char>('a' + i)), "\"" + std::to_string(i) + "\"", ""});
   }
-  std::size_t packages() const {
-    const fs::path folder = directory / "packages";
-    return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
+  std::ptrdiff_t packages() const {
+    return std::distance(fs::directory_iterator(directory / "packages"), fs::directory_iterator());
   }
   std::string failureOf(const std::string& path) {
     const auto error = endOf(start(asset(server.url(path))));
@@ -45,12 +44,9 @@ protected:
   AggregateAssetDownloadTaskRef interruptAndRelaunch(const std::string& folder) {
     playlist(folder + "list", segments(3));
     media(3, folder);
-    Fault stall;
-    stall.stallAfter = 8000;
-    gate = stall.gate = makeGate();
-    server.once(folder + "s1.ts", stall);
-    stall.stallAfter = 1000;
-    server.once(folder + "s1.ts", stall);
+    gate = makeGate();
+    for (const std::size_t bytes : {8000, 1000})
+      server.once(folder + "s1.ts", stallingAfter(bytes, gate));
     const auto first = start(asset(server.url(folder + "list")));
     EXPECT_TRUE(gate->waitUntilReached());
     EXPECT_TRUE(delegate->waitFor(*first, [](const auto& record) { return record.lastSum >= 4; }));
@@ -88,7 +84,7 @@ TEST_F(AssetFaultTest, WhatIsNoCompletePlaylistIsRefusedBeforeAnythingIsWritten)
   EXPECT_THAT(failureOf("/missing"), testing::AllOf(HasSubstr("/gone.m3u8"), HasSubstr("404")));
   EXPECT_THAT(failureOf("/nested"), HasSubstr("master playlist where a media playlist"));
   EXPECT_THAT(failureOf("/page"), HasSubstr("not a valid HLS playlist"));
-  EXPECT_EQ(packages(), 0u);
+  EXPECT_EQ(packages(), 0);
 }
 
 TEST_F(AssetFaultTest, AMissingSegmentIsNamedTheRestIsKeptAndTheNextDownloadFetchesOnlyWhatIsMissing) {
@@ -157,14 +153,12 @@ TEST_F(AssetFaultTest, AddressesCountFromWhereThePlaylistReallyStandsAndNamesSta
   EXPECT_EQ(requestsFor("/up.ts"), 1u);
   for (const auto& entry : fs::recursive_directory_iterator(fs::path(directory.path())))
     EXPECT_TRUE(entry.path().filename() != "up.ts" && entry.path().filename() != "x.ts");
-  EXPECT_EQ(packages(), 1u);
+  EXPECT_EQ(packages(), 1);
 }
 
 TEST_F(AssetFaultTest, WrongAnswersToRangesAreNeverStored) {
   playlist("/v/list", "#EXTM3U\n#EXTINF:2,\n#EXT-X-BYTERANGE:100@50\nall.ts\n#EXT-X-ENDLIST\n");
-  Fault ignored;
-  ignored.ignoreRange = true;
-  server.serve("/v/all.ts", {std::string(1000, 'x'), "", ""}, ignored);
+  server.serve("/v/all.ts", {std::string(1000, 'x'), "", ""}, {.ignoreRange = true});
   EXPECT_THAT(failureOf("/v/list"), HasSubstr("does not serve byte ranges"));
   server.serve("/v/all.ts", {std::string(70, 'x'), "", ""});
   EXPECT_THAT(failureOf("/v/list"), HasSubstr("sent 20 bytes where the playlist names 100"));
@@ -210,22 +204,23 @@ TEST_F(AssetFaultTest, WhatIsLeftOfACancelledTaskEndsWithIt) {
 TEST_F(AssetFaultTest, SuspendedItRestsAndCancelledItWritesNothingMore) {
   playlist("/v/list", segments(20));
   media(20);
-  Fault stall = stallingAfter(5000, makeGate());
-  server.once("/v/s3.ts", stall);
-  const auto task = start(asset(server.url("/v/list")));
-  ASSERT_TRUE(stall.gate->waitUntilReached());
+  const auto startHeld = [&](const std::string& path) {
+    gate = makeGate();
+    server.once("/v/s3.ts", stallingAfter(5000, gate));
+    auto task = start(asset(server.url(path)));
+    EXPECT_TRUE(gate->waitUntilReached());
+    return task;
+  };
+  const auto task = startHeld("/v/list");
   task->suspend();
   EXPECT_EQ(task->state(), URLSessionTaskState::Suspended);
   task->resume();
-  stall.gate->open();
+  gate->open();
   finish(task);
 
   // A second one for what is being downloaded is refused; the first is not disturbed.
   playlist("/v/other", segments(20));
-  stall.gate = makeGate();
-  server.once("/v/s3.ts", stall);
-  const auto busy = start(asset(server.url("/v/other")));
-  ASSERT_TRUE(stall.gate->waitUntilReached());
+  const auto busy = startHeld("/v/other");
   const auto refused = endOf(start(asset(server.url("/v/other"))));
   ASSERT_TRUE(refused);
   EXPECT_THAT(refused->localizedDescription(), HasSubstr("another download"));
@@ -277,7 +272,7 @@ TEST_F(AssetFaultTest, WhatWillBeFetchedIsListedWithoutWriting) {
   ASSERT_TRUE(result && !result->second);
   ASSERT_THAT(result->first, SizeIs(3));
   EXPECT_EQ(result->first[1].url, server.url("/v/s1.ts"));
-  EXPECT_EQ(packages(), 0u);
+  EXPECT_EQ(packages(), 0);
 }
 
 } // namespace asset_tests

@@ -8,6 +8,7 @@
 #include "platform/foundation/StringTable.h"
 #include "platform/foundation/URL.h"
 #include "platform/transfer/URLRequest.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,6 +27,7 @@
 #include <unistd.h>
 
 using namespace platform;
+using support::TemporaryDirectory;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -41,21 +43,6 @@ std::string resolved(std::string_view text, std::string_view base) {
   const auto url = URL::URLWithString(text, &*baseURL);
   return url ? url->absoluteString() : "(none)";
 }
-
-// A directory that goes away with the test.
-class TemporaryDirectory {
-public:
-  explicit TemporaryDirectory(const std::string& parent = "/tmp") : _path(parent + "/foundation-XXXXXX") {
-    if (!::mkdtemp(_path.data()))
-      throw std::runtime_error("no directory in " + parent);
-  }
-  ~TemporaryDirectory() { FileManager::removeItemAtPath(_path); }
-  std::string operator/(const std::string& name) const { return _path + "/" + name; }
-  const std::string& path() const { return _path; }
-
-private:
-  std::string _path;
-};
 
 std::string textAt(const std::string& path) {
   const auto data = FileManager::contentsAtPath(path);
@@ -84,37 +71,33 @@ TEST(StringHashTest, IsStable) {
 }
 
 TEST(URLTest, ResolvesLikeTheStandardsExamples) {
-  const struct {
-    const char *reference, *target;
-  } examples[] = {
-      {"g", "http://a/b/c/g"},
-      {"./g", "http://a/b/c/g"},
-      {"g/", "http://a/b/c/g/"},
-      {"/g", "http://a/g"},
-      {"//g", "http://g"},
-      {"?y", "http://a/b/c/d;p?y"},
-      {"g?y", "http://a/b/c/g?y"},
-      {"#s", "http://a/b/c/d;p?q#s"},
-      {"g?y#s", "http://a/b/c/g?y#s"},
-      {";x", "http://a/b/c/;x"},
-      {"", "http://a/b/c/d;p?q"},
-      {".", "http://a/b/c/"},
-      {"..", "http://a/b/"},
-      {"../g", "http://a/b/g"},
-      {"../..", "http://a/"},
-      {"../../../g", "http://a/g"},
-      {"/./g", "http://a/g"},
-      {"/../g", "http://a/g"},
-      {"g.", "http://a/b/c/g."},
-      {"..g", "http://a/b/c/..g"},
-      {"./g/.", "http://a/b/c/g/"},
-      {"g/./h", "http://a/b/c/g/h"},
-      {"g;x=1/../y", "http://a/b/c/y"},
-      {"g?y/../x", "http://a/b/c/g?y/../x"},
-      {"ftp://h/x", "ftp://h/x"},
-  };
-  for (const auto& example : examples)
-    EXPECT_EQ(resolved(example.reference, "http://a/b/c/d;p?q#f"), example.target) << example.reference;
+  const std::pair<const char*, const char*> examples[] = {{"g", "http://a/b/c/g"},
+                                                          {"./g", "http://a/b/c/g"},
+                                                          {"g/", "http://a/b/c/g/"},
+                                                          {"/g", "http://a/g"},
+                                                          {"//g", "http://g"},
+                                                          {"?y", "http://a/b/c/d;p?y"},
+                                                          {"g?y", "http://a/b/c/g?y"},
+                                                          {"#s", "http://a/b/c/d;p?q#s"},
+                                                          {"g?y#s", "http://a/b/c/g?y#s"},
+                                                          {";x", "http://a/b/c/;x"},
+                                                          {"", "http://a/b/c/d;p?q"},
+                                                          {".", "http://a/b/c/"},
+                                                          {"..", "http://a/b/"},
+                                                          {"../g", "http://a/b/g"},
+                                                          {"../..", "http://a/"},
+                                                          {"../../../g", "http://a/g"},
+                                                          {"/./g", "http://a/g"},
+                                                          {"/../g", "http://a/g"},
+                                                          {"g.", "http://a/b/c/g."},
+                                                          {"..g", "http://a/b/c/..g"},
+                                                          {"./g/.", "http://a/b/c/g/"},
+                                                          {"g/./h", "http://a/b/c/g/h"},
+                                                          {"g;x=1/../y", "http://a/b/c/y"},
+                                                          {"g?y/../x", "http://a/b/c/g?y/../x"},
+                                                          {"ftp://h/x", "ftp://h/x"}};
+  for (const auto& [reference, target] : examples)
+    EXPECT_EQ(resolved(reference, "http://a/b/c/d;p?q#f"), target) << reference;
 
   EXPECT_EQ(resolved("s/1.mp4", "http://[2001:db8::1]:8080"), "http://[2001:db8::1]:8080/s/1.mp4");
   EXPECT_EQ(resolved("x", "file:///a/b"), "file:///a/x");
@@ -137,18 +120,11 @@ TEST(URLTest, MendsSloppyTextsAndRefusesHopelessOnes) {
 
 TEST(URLTest, TellsItsComponents) {
   const URL url = *URL::URLWithString("HTTPS://me%40x:pa:ss@[fe80::1]:8443/a%20b/c%2Fd.tar.gz?q=%41#f");
-  EXPECT_EQ(url.scheme(), "HTTPS");
-  EXPECT_EQ(url.user(), "me@x");
-  EXPECT_EQ(url.password(), "pa:ss");
-  EXPECT_EQ(url.host(), "fe80::1");
-  EXPECT_EQ(url.port(), 8443);
-  EXPECT_EQ(url.path(), "/a b/c/d.tar.gz");
-  EXPECT_EQ(url.rawPath(), "/a%20b/c%2Fd.tar.gz");
-  EXPECT_EQ(url.query(), "q=%41");
-  EXPECT_EQ(url.fragment(), "f");
-  EXPECT_TRUE(url.isHTTP());
-  EXPECT_EQ(url.lastPathComponent(), "c/d.tar.gz");
-  EXPECT_EQ(url.pathExtension(), "gz");
+  EXPECT_EQ(std::tuple(url.scheme(), url.user(), url.password(), url.host(), url.port(), url.query(),
+                       url.fragment()),
+            std::tuple("HTTPS", "me@x", "pa:ss", "fe80::1", 8443, "q=%41", "f"));
+  EXPECT_EQ(std::tuple(url.path(), url.rawPath(), url.lastPathComponent(), url.pathExtension(), url.isHTTP()),
+            std::tuple("/a b/c/d.tar.gz", "/a%20b/c%2Fd.tar.gz", "c/d.tar.gz", "gz", true));
   EXPECT_EQ(url.withoutQuery().absoluteString(), "HTTPS://me%40x:pa:ss@[fe80::1]:8443/a%20b/c%2Fd.tar.gz");
   EXPECT_EQ(url.deletingLastPathComponent().absoluteString(),
             "HTTPS://me%40x:pa:ss@[fe80::1]:8443/a%20b/?q=%41#f");
@@ -175,11 +151,10 @@ TEST(URLRequestTest, HeadersIgnoreCaseAndStatusCodesHaveTexts) {
   request.setValueForHTTPHeaderField("bytes=2-3", "range");
   EXPECT_EQ(request.valueForHTTPHeaderField("RANGE"), "bytes=2-3");
   EXPECT_EQ(request.allHTTPHeaderFields().size(), 1u);
-  EXPECT_EQ(HTTPURLResponse::localizedStringForStatusCode(200), "no error");
-  EXPECT_EQ(HTTPURLResponse::localizedStringForStatusCode(404), "not found");
-  EXPECT_EQ(HTTPURLResponse::localizedStringForStatusCode(499), "client error");
-  EXPECT_EQ(HTTPURLResponse::localizedStringForStatusCode(99), std::nullopt);
-  EXPECT_EQ(HTTPURLResponse::localizedStringForStatusCode(600), std::nullopt);
+  const std::pair<int, std::optional<std::string>> texts[] = {
+      {200, "no error"}, {404, "not found"}, {499, "client error"}, {99, {}}, {600, {}}};
+  for (const auto& [code, text] : texts)
+    EXPECT_EQ(HTTPURLResponse::localizedStringForStatusCode(code), text) << code;
 }
 
 TEST(FileManagerTest, WritesMovesListsAndRemoves) {

@@ -7,14 +7,9 @@ using namespace transfer_tests;
 namespace {
 
 TEST_F(TransferServiceTest, GoesOnByRangeAfterALostConnection) {
-  auto content = randomBytes(500'000);
-  server.serve("/a", {content, "\"1\"", OldDate});
-  Fault cut;
-  cut.cutAfter = 200'000;
-  server.once("/a", cut);
-  cut.cut = Fault::Cut::Reset;
-  cut.cutAfter = 100'000;
-  server.once("/a", cut);
+  auto content = serveRandom("/a", 500'000);
+  server.once("/a", cuttingAfter(200'000));
+  server.once("/a", cuttingAfter(100'000, Fault::Cut::Reset));
   open();
   expectWhole(finish(start("/a")), content);
   auto requests = server.requests("/a");
@@ -26,21 +21,18 @@ TEST_F(TransferServiceTest, GoesOnByRangeAfterALostConnection) {
 TEST_F(TransferServiceTest, StartsAgainWithoutAValidator) {
   auto content = randomBytes(200'000);
   server.serve("/a", {content, "W/\"1\"", ""});
-  Fault cut;
-  cut.cutAfter = 100'000;
-  server.once("/a", cut);
+  server.once("/a", cuttingAfter(100'000));
   open();
   expectWhole(finish(start("/a")), content);
   EXPECT_EQ(server.requests("/a").at(1).header("Range"), "");
 }
 
 TEST_F(TransferServiceTest, NeverMixesTwoVersions) {
-  auto before = randomBytes(300'000, 1), after = randomBytes(280'000, 2);
-  server.serve("/a", {before, "\"1\"", OldDate});
-  auto data = breakAt("/a", 150'000);
-  ASSERT_TRUE(data);
+  const auto after = randomBytes(280'000, 2);
+  serveRandom("/a", 300'000);
+  const auto data = breakAt("/a", 150'000);
   server.serve("/a", {after, "\"2\"", OldDate});
-  auto task = session->downloadTaskWithResumeData(*data);
+  auto task = session->downloadTaskWithResumeData(data);
   EXPECT_EQ(task->countOfBytesReceived(), 150'000);
   task->resume();
   auto record = finish(task);
@@ -50,13 +42,9 @@ TEST_F(TransferServiceTest, NeverMixesTwoVersions) {
 }
 
 TEST_F(TransferServiceTest, ResumesFromData) {
-  auto content = randomBytes(300'000);
-  server.serve("/a", {content, "\"1\"", OldDate});
-  auto data = breakAt("/a", 150'000);
-  ASSERT_TRUE(data);
-  auto task = session->downloadTaskWithResumeData(*data);
-  task->resume();
-  auto record = finish(task);
+  auto content = serveRandom("/a", 300'000);
+  const auto data = breakAt("/a", 150'000);
+  auto record = finish(startWith(data));
   expectWhole(record, content);
   EXPECT_THAT(record.resumedAt, testing::ElementsAre(testing::Pair(150'000, 300'000)));
   EXPECT_THAT(record.order, StartsWith("rw"));
@@ -64,19 +52,14 @@ TEST_F(TransferServiceTest, ResumesFromData) {
   EXPECT_EQ(record.progress.front().written, record.progress.front().total);
 
   // Used up: the file is gone, so the next one starts from zero.
-  auto again = session->downloadTaskWithResumeData(*data);
-  again->resume();
-  expectWhole(finish(again), content);
-  EXPECT_EQ(server.requests("/a").back().header("Range"), "");
+  expectWhole(finish(startWith(data)), content);
+  EXPECT_EQ(rangeAskedLast(), "");
 
-  auto garbled = session->downloadTaskWithResumeData(Data{1, 2, 3});
-  garbled->resume();
-  expectError(finish(garbled), NSURLErrorUnknown);
+  expectError(finish(startWith(Data{1, 2, 3})), NSURLErrorUnknown);
 }
 
 TEST_F(TransferServiceTest, KeepsTheCallersRangeRight) {
-  auto content = randomBytes(300'000);
-  server.serve("/a", {content, "\"1\"", OldDate});
+  auto content = serveRandom("/a", 300'000);
   struct Case {
     const char *range, *resumed;
     std::size_t first, count;
@@ -85,65 +68,41 @@ TEST_F(TransferServiceTest, KeepsTheCallersRangeRight) {
                   Case{"bytes=100000-999999", "bytes=150000-999999", 100'000, 200'000},
                   Case{"bytes=100000-", "bytes=150000-", 100'000, 200'000},
                   Case{"bytes=-100000", "bytes=250000-", 200'000, 100'000}}) {
-    auto data = breakAt("/a", 50'000, c.range);
-    ASSERT_TRUE(data) << c.range;
-    auto task = session->downloadTaskWithResumeData(*data);
-    task->resume();
-    expectWhole(finish(task), content.substr(c.first, c.count));
-    EXPECT_EQ(server.requests("/a").back().header("Range"), c.resumed);
+    SCOPED_TRACE(c.range);
+    expectWhole(finish(startWith(breakAt("/a", 50'000, c.range))), content.substr(c.first, c.count));
+    EXPECT_EQ(rangeAskedLast(), c.resumed);
   }
   // A server that does not know ranges: the caller's business.
-  Fault whole;
-  whole.ignoreRange = true;
-  server.once("/a", whole);
+  server.once("/a", {.ignoreRange = true});
   auto record = finish(start("/a", "bytes=5-9"));
   expectWhole(record, content);
   EXPECT_EQ(record.progress.front().status, 200);
 }
 
 TEST_F(TransferServiceTest, SeesThroughWrongParts) {
-  auto content = randomBytes(300'000);
-  server.serve("/a", {content, "\"1\"", OldDate});
-  auto wrong = [](auto change) {
-    Fault fault;
-    change(fault);
-    return fault;
+  auto content = serveRandom("/a", 300'000);
+  const Fault faults[] = {
+      {.contentRange = "bytes 100001-299999/300000"}, {.contentRange = "bytes 100000-299998/300000"},
+      {.contentRange = "bytes 100000-299999/300001"}, {.contentRange = "nonsense"},
+      {.headers = {{"ETag", "\"other\""}}},           {.status = 416},
   };
-  std::vector<Fault> faults{
-      wrong([](Fault& f) { f.contentRange = "bytes 100001-299999/300000"; }),
-      wrong([](Fault& f) { f.contentRange = "bytes 100000-299998/300000"; }),
-      wrong([](Fault& f) { f.contentRange = "bytes 100000-299999/300001"; }),
-      wrong([](Fault& f) { f.contentRange = "nonsense"; }),
-      wrong([](Fault& f) { f.headers["ETag"] = "\"other\""; }),
-      wrong([](Fault& f) { f.status = 416; }),
-  };
-  for (auto& fault : faults) {
-    auto data = breakAt("/a", 100'000);
-    ASSERT_TRUE(data);
+  for (const auto& fault : faults) {
+    SCOPED_TRACE(&fault - faults);
+    const auto data = breakAt("/a", 100'000);
     server.once("/a", fault);
-    auto task = session->downloadTaskWithResumeData(*data);
-    task->resume();
-    expectWhole(finish(task), content);
-    EXPECT_EQ(server.requests("/a").back().header("Range"), "");
+    expectWhole(finish(startWith(data)), content);
+    EXPECT_EQ(rangeAskedLast(), "");
   }
   // A part although the whole was asked for, again and again.
-  Fault stubborn;
-  stubborn.status = 206;
-  server.serve("/b", {content, "\"1\"", OldDate}, stubborn);
+  server.serve("/b", {content, "\"1\"", OldDate}, {.status = 206});
   expectError(finish(start("/b")), NSURLErrorBadServerResponse);
 }
 
 TEST_F(TransferServiceTest, AsksByDateWhenTheTagIsNotHonoured) {
-  auto content = randomBytes(300'000);
-  server.serve("/a", {content, "\"1\"", OldDate});
-  auto data = breakAt("/a", 100'000);
-  ASSERT_TRUE(data);
-  Fault whole;
-  whole.ignoreRange = true;
-  server.once("/a", whole);
-  auto task = session->downloadTaskWithResumeData(*data);
-  task->resume();
-  auto record = finish(task);
+  auto content = serveRandom("/a", 300'000);
+  const auto data = breakAt("/a", 100'000);
+  server.once("/a", {.ignoreRange = true});
+  auto record = finish(startWith(data));
   expectWhole(record, content);
   EXPECT_THAT(record.resumedAt, SizeIs(1));
   EXPECT_EQ(server.requests("/a").back().header("If-Range"), OldDate);
@@ -153,15 +112,9 @@ TEST_F(TransferServiceTest, AcceptsNoShortAndNoLongBody) {
   server.serve("/a", {randomBytes(100'000), "", ""});
   configuration.retryLimit = 0;
   open();
-  Fault fault;
-  fault.headers["Content-Length"] = "100001";
-  fault.closeAfter = true;
-  server.once("/a", fault);
+  server.once("/a", {.closeAfter = true, .headers = {{"Content-Length", "100001"}}});
   expectError(finish(start("/a")), NSURLErrorNetworkConnectionLost);
-  fault = {};
-  fault.chunked = true;
-  fault.cutAfter = 50'000;
-  server.once("/a", fault);
+  server.once("/a", {.cutAfter = 50'000, .chunked = true});
   expectError(finish(start("/a")), NSURLErrorNetworkConnectionLost);
   for (std::size_t announced : {4, 30'000}) {
     server.once("/a", [announced](const ServerRequest&, ServerConnection& connection) {
@@ -180,39 +133,33 @@ TEST_F(TransferServiceTest, ReportsStatusesWithTheirBodies) {
   server.handle("/503", FaultServer::reply(503, {{"Content-Length", "4"}, {"Retry-After", "3600"}}, "busy"));
   server.handle("/429", FaultServer::reply(429, {{"Content-Length", "0"}}));
   open();
-  struct Case {
-    int status;
-    const char* body;
-  };
-  for (auto& c : {Case{404, "not there"}, Case{500, ""}, Case{304, ""}, Case{503, "busy"}, Case{429, ""}}) {
-    auto task = start("/" + std::to_string(c.status));
+  const std::pair<int, std::string> cases[] = {
+      {404, "not there"}, {500, ""}, {304, ""}, {503, "busy"}, {429, ""}};
+  for (const auto& [status, body] : cases) {
+    SCOPED_TRACE(status);
+    auto task = start("/" + std::to_string(status));
     auto record = finish(task);
-    expectWhole(record, c.body);
-    EXPECT_EQ(record.progress.front().status, c.status);
-    EXPECT_EQ(record.progress.front().total, static_cast<std::int64_t>(std::string(c.body).size()));
-    EXPECT_EQ(task->response()->statusCode(), c.status);
+    expectWhole(record, body);
+    EXPECT_EQ(record.progress.front().status, status);
+    EXPECT_EQ(record.progress.front().total, static_cast<std::int64_t>(body.size()));
+    EXPECT_EQ(task->response()->statusCode(), status);
   }
   EXPECT_THAT(server.requests(), SizeIs(5));
 }
 
 TEST_F(TransferServiceTest, ErrorPagesLeaveWhatIsHeldAlone) {
-  auto content = randomBytes(300'000);
-  server.serve("/a", {content, "\"1\"", OldDate});
-  auto data = breakAt("/a", 100'000);
+  auto content = serveRandom("/a", 300'000);
+  const auto data = breakAt("/a", 100'000);
   server.once("/a", FaultServer::reply(500, {{"Content-Length", "5"}, {"ETag", "\"1\""}}, "sorry"));
-  auto task = session->downloadTaskWithResumeData(*data);
-  task->resume();
-  auto page = finish(task);
+  auto page = finish(startWith(data));
   expectWhole(page, "sorry");
   EXPECT_THAT(page.resumedAt, SizeIs(0));
-  auto record = finish(start("/a"));
-  expectWhole(record, content);
-  EXPECT_EQ(server.requests("/a").back().header("Range"), "bytes=100000-");
+  expectWhole(finish(start("/a")), content);
+  EXPECT_EQ(rangeAskedLast(), "bytes=100000-");
 }
 
 TEST_F(TransferServiceTest, WaitsAndTriesAgainWhenToldWhen) {
-  auto content = randomBytes(1000);
-  server.serve("/a", {content, "\"1\"", OldDate});
+  auto content = serveRandom("/a", 1000);
   for (int status : {503, 429})
     server.once("/a", FaultServer::reply(status, {{"Content-Length", "4"}, {"Retry-After", "0"}}, "busy"));
   open();
@@ -224,9 +171,7 @@ TEST_F(TransferServiceTest, WaitsAndTriesAgainWhenToldWhen) {
 
 TEST_F(TransferServiceTest, TriesAtOnceWhenAnIdleConnectionWasClosed) {
   auto content = randomBytes(1000);
-  Fault close;
-  close.closeAfter = true;
-  server.serve("/a", {content, "\"1\"", OldDate}, close);
+  server.serve("/a", {content, "\"1\"", OldDate}, {.closeAfter = true});
   configuration.retryLimit = 0;
   open();
   for (int i = 0; i < 5; ++i)
@@ -234,19 +179,15 @@ TEST_F(TransferServiceTest, TriesAtOnceWhenAnIdleConnectionWasClosed) {
 }
 
 TEST_F(TransferServiceTest, StallsEndWithResumeData) {
-  auto gate = makeGate();
-  auto content = randomBytes(200'000);
-  server.serve("/a", {content, "\"1\"", OldDate});
-  server.once("/a", stallingAfter(70'000, gate));
+  auto content = serveRandom("/a", 200'000);
+  server.once("/a", stallingAfter(70'000, stalled));
   configuration.timeoutIntervalForRequest = std::chrono::milliseconds(300);
   open();
   auto record = finish(start("/a"));
   expectError(record, NSURLErrorTimedOut);
   auto data = resumeDataOf(record);
   ASSERT_TRUE(data);
-  auto task = session->downloadTaskWithResumeData(*data);
-  task->resume();
-  record = finish(task);
+  record = finish(startWith(*data));
   expectWhole(record, content);
   EXPECT_EQ(record.resumedAt.at(0).first, 70'000);
 }
@@ -256,17 +197,12 @@ TEST_F(TransferServiceTest, AServersRequestLimitIsNoFailure) {
     GTEST_SKIP();
   const auto content = randomBytes(50'000);
   directory.write("www/a", content);
-  NginxOptions options;
-  options.tls = true;
-  options.keepaliveRequests = 3; // then GOAWAY, and refused streams for what is on its way
-  NginxServer secure(directory / "www", options);
-  auto trusting = optionsFor(directory / "service");
-  trusting.certificateAuthorityFile = secure.certificateFile();
-  service = makeHTTPTransferService(trusting);
+  // Then GOAWAY, and refused streams for what is on its way.
+  NginxServer secure(directory / "www", {.tls = true, .keepaliveRequests = 3});
   configuration.retryLimit = 0;
-  open();
+  openTrusting(secure);
   for (int i = 0; i < 40; ++i)
-    session->downloadTaskWithRequest(URLRequest(*URL::URLWithString(secure.url("/a"))))->resume();
+    startURL(secure.url("/a"));
   ASSERT_TRUE(delegate->waitForCompletions(40));
   for (const auto& [identifier, record] : delegate->tasks())
     expectWhole(record, content);
@@ -275,9 +211,7 @@ TEST_F(TransferServiceTest, AServersRequestLimitIsNoFailure) {
 TEST_F(TransferServiceTest, NamesConnectionFailures) {
   open();
   auto fails = [&](const char* url, std::int64_t code, const char* text) {
-    auto task = session->downloadTaskWithRequest(URLRequest(*URL::URLWithString(url)));
-    task->resume();
-    auto record = finish(task);
+    auto record = finish(startURL(url));
     expectError(record, code);
     EXPECT_THAT(record.completions.at(0)->localizedDescription(), HasSubstr(text));
   };

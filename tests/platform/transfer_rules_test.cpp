@@ -9,47 +9,35 @@
 
 using namespace platform;
 using namespace platform::transfer;
+using testing::ElementsAre;
 
 namespace {
 
 constexpr const char* Sent = "Tue, 06 Jan 2015 10:00:00 GMT";
 
 TEST(HTTPRules, Ranges) {
-  struct Case {
-    const char* text;
-    bool good;
-    std::int64_t first, last, suffix;
+  const auto read = [](const char* text) {
+    const auto range = parseRange(text);
+    return range ? std::vector{range->first, range->last, range->suffix} : std::vector<std::int64_t>();
   };
-  for (auto& c : {Case{"bytes=0-9", true, 0, 9, -1}, Case{"bytes=5-", true, 5, -1, -1},
-                  Case{"Bytes= 7 - 8 ", true, 7, 8, -1}, Case{"bytes=-500", true, -1, -1, 500},
-                  Case{"bytes=0-1,4-5", false, 0, 0, 0}, Case{"bytes=9-3", false, 0, 0, 0},
-                  Case{"items=0-9", false, 0, 0, 0}, Case{"bytes=-", false, 0, 0, 0},
-                  Case{"bytes=a-b", false, 0, 0, 0}, Case{"bytes=99999999999999999999-", false, 0, 0, 0}}) {
-    auto range = parseRange(c.text);
-    ASSERT_EQ(range.has_value(), c.good) << c.text;
-    if (range) {
-      EXPECT_EQ(range->first, c.first) << c.text;
-      EXPECT_EQ(range->last, c.last) << c.text;
-      EXPECT_EQ(range->suffix, c.suffix) << c.text;
-    }
-  }
-  struct ContentCase {
-    const char* text;
-    bool good;
-    std::int64_t first, last, total;
+  EXPECT_THAT(read("bytes=0-9"), ElementsAre(0, 9, -1));
+  EXPECT_THAT(read("bytes=5-"), ElementsAre(5, -1, -1));
+  EXPECT_THAT(read("Bytes= 7 - 8 "), ElementsAre(7, 8, -1));
+  EXPECT_THAT(read("bytes=-500"), ElementsAre(-1, -1, 500));
+  for (const char* bad :
+       {"bytes=0-1,4-5", "bytes=9-3", "items=0-9", "bytes=-", "bytes=a-b", "bytes=99999999999999999999-"})
+    EXPECT_THAT(read(bad), ElementsAre()) << bad;
+
+  const auto readContent = [](const char* text) {
+    const auto range = parseContentRange(text);
+    return range ? std::vector{range->first, range->last, range->total} : std::vector<std::int64_t>();
   };
-  for (auto& c : {ContentCase{"bytes 0-9/100", true, 0, 9, 100}, ContentCase{"bytes 5-9/*", true, 5, 9, -1},
-                  ContentCase{"bytes */100", true, -1, -1, 100}, ContentCase{"bytes=0-9/10", true, 0, 9, 10},
-                  ContentCase{"bytes 0-10/10", false, 0, 0, 0}, ContentCase{"bytes 9-0/10", false, 0, 0, 0},
-                  ContentCase{"bytes 0-9", false, 0, 0, 0}, ContentCase{"", false, 0, 0, 0}}) {
-    auto range = parseContentRange(c.text);
-    ASSERT_EQ(range.has_value(), c.good) << c.text;
-    if (range) {
-      EXPECT_EQ(range->first, c.first) << c.text;
-      EXPECT_EQ(range->last, c.last) << c.text;
-      EXPECT_EQ(range->total, c.total) << c.text;
-    }
-  }
+  EXPECT_THAT(readContent("bytes 0-9/100"), ElementsAre(0, 9, 100));
+  EXPECT_THAT(readContent("bytes 5-9/*"), ElementsAre(5, 9, -1));
+  EXPECT_THAT(readContent("bytes */100"), ElementsAre(-1, -1, 100));
+  EXPECT_THAT(readContent("bytes=0-9/10"), ElementsAre(0, 9, 10));
+  for (const char* bad : {"bytes 0-10/10", "bytes 9-0/10", "bytes 0-9", ""})
+    EXPECT_THAT(readContent(bad), ElementsAre()) << bad;
 }
 
 TEST(HTTPRules, Values) {
@@ -99,10 +87,11 @@ TEST(ResponsePolicy, Table) {
     Asked asked;
     ResponseHead head;
     Verdict verdict;
-    std::int64_t length, total;
+    std::int64_t length = -1, total = -1;
   };
+  using enum Verdict;
   auto dated = askedFor(100);
-  dated.validators.lastModified = "Mon, 05 Jan 2015 10:00:00 GMT";
+  const std::string old = dated.validators.lastModified = "Mon, 05 Jan 2015 10:00:00 GMT";
   auto head = askedFor(0);
   head.method = "HEAD";
   const HTTPHeaders rest{{"Content-Range", "bytes 100-999/1000"}, {"Content-Length", "900"}};
@@ -110,86 +99,46 @@ TEST(ResponsePolicy, Table) {
     headers[name] = value;
     return headers;
   };
+  const ResponseHead part{206, rest}, seven{200, {{"Content-Length", "7"}}},
+      all{200, {{"Content-Length", "1000"}}};
   const std::vector<Case> cases{
-      {"whole", askedFor(0), {200, {{"Content-Length", "7"}}}, Verdict::FromZero, 7, 7},
-      {"no length", askedFor(0), {200, {}}, Verdict::FromZero, -1, -1},
-      {"length beside chunks",
-       askedFor(0),
-       {200, {{"Content-Length", "7"}, {"Transfer-Encoding", "chunked"}}},
-       Verdict::FromZero,
-       -1,
-       -1},
-      {"head", head, {200, {{"Content-Length", "7"}}}, Verdict::FromZero, 0, 0},
-      {"rest", askedFor(100), {206, rest}, Verdict::Append, 900, 1000},
-      {"rest, other tag", askedFor(100), {206, with(rest, "ETag", "\"2\"")}, Verdict::Restart, -1, -1},
-      {"rest, contradicting length",
-       askedFor(100),
-       {206, with(rest, "Content-Length", "901")},
-       Verdict::Restart,
-       -1,
-       -1},
-      {"rest, other start", askedFor(99), {206, rest}, Verdict::Restart, -1, -1},
-      {"rest, cut end",
-       askedFor(100),
-       {206, {{"Content-Range", "bytes 100-998/1000"}}},
-       Verdict::Restart,
-       -1,
-       -1},
-      {"rest, grown",
-       askedFor(100),
-       {206, {{"Content-Range", "bytes 100-1000/1001"}}},
-       Verdict::Restart,
-       -1,
-       -1},
-      {"unasked part", askedFor(0), {206, rest}, Verdict::Restart, -1, -1},
-      {"own range", askedFor(0, "bytes=100-"), {206, rest}, Verdict::FromZero, 900, 900},
-      {"own range beyond the end", askedFor(0, "bytes=100-5000"), {206, rest}, Verdict::FromZero, 900, 900},
-      {"own range, resumed", askedFor(50, "bytes=50-5000", 50), {206, rest}, Verdict::Append, 900, 950},
-      {"own range, too much", askedFor(0, "bytes=100-200"), {206, rest}, Verdict::Restart, -1, -1},
-      {"own suffix", askedFor(0, "bytes=-900"), {206, rest}, Verdict::FromZero, 900, 900},
-      {"own ranges",
-       askedFor(0, "bytes=0-1,5-6"),
-       {206, {{"Content-Length", "300"}}},
-       Verdict::FromZero,
-       300,
-       300},
-      {"own range ignored",
-       askedFor(0, "bytes=100-"),
-       {200, {{"Content-Length", "1000"}}},
-       Verdict::FromZero,
-       1000,
-       1000},
-      {"changed", askedFor(100), {200, {{"ETag", "\"2\""}}}, Verdict::FromZero, -1, -1},
-      {"unchanged, no date", askedFor(100), {200, {{"ETag", "\"1\""}}}, Verdict::FromZero, -1, -1},
-      {"unchanged",
-       dated,
-       {200, {{"ETag", "\"1\""}, {"Last-Modified", dated.validators.lastModified}}},
-       Verdict::AskByDate,
-       -1,
-       -1},
-      {"held all", askedFor(1000), {416, {{"Content-Range", "bytes */1000"}}}, Verdict::HoldsAll, 0, 1000},
-      {"held all, other tag",
+      {"whole", askedFor(0), seven, FromZero, 7, 7},
+      {"no length", askedFor(0), {200, {}}, FromZero},
+      {"chunks", askedFor(0), {200, {{"Content-Length", "7"}, {"Transfer-Encoding", "chunked"}}}, FromZero},
+      {"head", head, seven, FromZero, 0, 0},
+      {"rest", askedFor(100), part, Append, 900, 1000},
+      {"rest, other tag", askedFor(100), {206, with(rest, "ETag", "\"2\"")}, Restart},
+      {"rest, contradicting length", askedFor(100), {206, with(rest, "Content-Length", "901")}, Restart},
+      {"rest, other start", askedFor(99), part, Restart},
+      {"rest, cut end", askedFor(100), {206, {{"Content-Range", "bytes 100-998/1000"}}}, Restart},
+      {"rest, grown", askedFor(100), {206, {{"Content-Range", "bytes 100-1000/1001"}}}, Restart},
+      {"unasked part", askedFor(0), part, Restart},
+      {"own range", askedFor(0, "bytes=100-"), part, FromZero, 900, 900},
+      {"own range beyond the end", askedFor(0, "bytes=100-5000"), part, FromZero, 900, 900},
+      {"own range, resumed", askedFor(50, "bytes=50-5000", 50), part, Append, 900, 950},
+      {"own range, too much", askedFor(0, "bytes=100-200"), part, Restart},
+      {"own suffix", askedFor(0, "bytes=-900"), part, FromZero, 900, 900},
+      {"own ranges", askedFor(0, "bytes=0-1,5-6"), {206, {{"Content-Length", "300"}}}, FromZero, 300, 300},
+      {"own range ignored", askedFor(0, "bytes=100-"), all, FromZero, 1000, 1000},
+      {"changed", askedFor(100), {200, {{"ETag", "\"2\""}}}, FromZero},
+      {"unchanged, no date", askedFor(100), {200, {{"ETag", "\"1\""}}}, FromZero},
+      {"unchanged", dated, {200, {{"ETag", "\"1\""}, {"Last-Modified", old}}}, AskByDate},
+      {"held all", askedFor(1000), {416, {{"Content-Range", "bytes */1000"}}}, HoldsAll, 0, 1000},
+      {"held, other tag",
        askedFor(1000),
        {416, {{"Content-Range", "bytes */1000"}, {"ETag", "\"2\""}}},
-       Verdict::Restart,
-       -1,
-       -1},
-      {"shrunk", askedFor(1000), {416, {{"Content-Range", "bytes */900"}}}, Verdict::Restart, -1, -1},
-      {"refused", askedFor(1000), {416, {}}, Verdict::Restart, -1, -1},
-      {"own range unsatisfiable", askedFor(0, "bytes=9-"), {416, {}}, Verdict::StatusBody, -1, -1},
-      {"not found", askedFor(100), {404, {{"Content-Length", "5"}}}, Verdict::StatusBody, 5, 5},
-      {"not modified", askedFor(0), {304, {{"Content-Length", "5"}}}, Verdict::StatusBody, 0, 0},
-      {"moved", askedFor(0), {302, {{"Location", "/b"}}}, Verdict::Redirect, -1, -1},
-      {"moved nowhere", askedFor(0), {302, {}}, Verdict::StatusBody, -1, -1},
-      {"busy", askedFor(0), {503, {{"Retry-After", "60"}}}, Verdict::Later, -1, -1},
-      {"busy for long", askedFor(0), {503, {{"Retry-After", "61"}}}, Verdict::StatusBody, -1, -1},
-      {"busy", askedFor(0), {429, {}}, Verdict::StatusBody, -1, -1},
-      {"refused",
-       askedFor(0),
-       {401, {{"WWW-Authenticate", "Basic realm=\"a\""}}},
-       Verdict::Challenge,
-       -1,
-       -1},
+       Restart},
+      {"shrunk", askedFor(1000), {416, {{"Content-Range", "bytes */900"}}}, Restart},
+      {"refused", askedFor(1000), {416, {}}, Restart},
+      {"own range unsatisfiable", askedFor(0, "bytes=9-"), {416, {}}, StatusBody},
+      {"not found", askedFor(100), {404, {{"Content-Length", "5"}}}, StatusBody, 5, 5},
+      {"not modified", askedFor(0), {304, {{"Content-Length", "5"}}}, StatusBody, 0, 0},
+      {"moved", askedFor(0), {302, {{"Location", "/b"}}}, Redirect},
+      {"moved nowhere", askedFor(0), {302, {}}, StatusBody},
+      {"busy", askedFor(0), {503, {{"Retry-After", "60"}}}, Later},
+      {"busy for long", askedFor(0), {503, {{"Retry-After", "61"}}}, StatusBody},
+      {"busy", askedFor(0), {429, {}}, StatusBody},
+      {"refused", askedFor(0), {401, {{"WWW-Authenticate", "Basic realm=\"a\""}}}, Challenge},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

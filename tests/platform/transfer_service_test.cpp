@@ -7,8 +7,7 @@ using namespace transfer_tests;
 namespace {
 
 TEST_F(TransferServiceTest, DownloadsAndCleansUp) {
-  auto content = randomBytes(300'000);
-  server.serve("/a", {content, "\"1\"", OldDate});
+  auto content = serveRandom("/a", 300'000);
   open();
   auto record = finish(start("/a"));
   expectWhole(record, content);
@@ -22,8 +21,7 @@ TEST_F(TransferServiceTest, DownloadsAndCleansUp) {
 // ---- Redirects and credentials
 
 TEST_F(TransferServiceTest, FollowsRedirectsWithoutLeakingCredentials) {
-  auto content = randomBytes(1000);
-  server.serve("/end", {content, "\"1\"", OldDate});
+  auto content = serveRandom("/end", 1000);
   server.handle("/near", FaultServer::redirect("/end"));
   server.handle("/far", FaultServer::redirect(server.url("/end", "localhost"), 307));
   server.handle("/circle", FaultServer::redirect("/circle2"));
@@ -32,12 +30,9 @@ TEST_F(TransferServiceTest, FollowsRedirectsWithoutLeakingCredentials) {
   open();
   auto with = [&](const std::string& path) {
     auto made = request(path, "bytes=10-19");
-    made.setValueForHTTPHeaderField("secret", "Authorization");
-    made.setValueForHTTPHeaderField("secret", "Cookie");
-    made.setValueForHTTPHeaderField("secret", "X-Own");
-    auto task = session->downloadTaskWithRequest(made);
-    task->resume();
-    return task;
+    for (const char* name : {"Authorization", "Cookie", "X-Own"})
+      made.setValueForHTTPHeaderField("secret", name);
+    return started(session->downloadTaskWithRequest(made));
   };
   auto near = with("/near");
   expectWhole(finish(near), content.substr(10, 10));
@@ -52,8 +47,7 @@ TEST_F(TransferServiceTest, FollowsRedirectsWithoutLeakingCredentials) {
 }
 
 TEST_F(TransferServiceTest, AnswersChallenges) {
-  auto content = randomBytes(1000);
-  server.serve("/a", {content, "\"1\"", OldDate});
+  auto content = serveRandom("/a", 1000);
   server.protect("/a", "me", "right");
   open();
   auto record = finish(start("/a"));
@@ -84,25 +78,12 @@ TEST_F(TransferServiceTest, SpeaksHTTP2OverOneTrustedConnection) {
     GTEST_SKIP();
   auto content = randomBytes(100'000);
   directory.write("www/a", content);
-  NginxOptions options;
-  options.tls = true;
-  NginxServer secure(directory / "www", options);
+  NginxServer secure(directory / "www", {.tls = true});
   open();
-  auto startSecure = [&] {
-    auto task = session->downloadTaskWithRequest(URLRequest(*URL::URLWithString(secure.url("/a"))));
-    task->resume();
-    return task;
-  };
-  expectError(finish(startSecure()), NSURLErrorServerCertificateUntrusted);
-
-  session.reset();
-  service->shutdown();
-  auto trusting = optionsFor(directory / "service");
-  trusting.certificateAuthorityFile = secure.certificateFile();
-  service = makeHTTPTransferService(trusting);
-  open();
+  expectError(finish(startURL(secure.url("/a"))), NSURLErrorServerCertificateUntrusted);
+  openTrusting(secure);
   for (int i = 0; i < 20; ++i)
-    startSecure();
+    startURL(secure.url("/a"));
   ASSERT_TRUE(delegate->waitForCompletions(20));
   for (const auto& [identifier, record] : delegate->tasks())
     expectWhole(record, content);
@@ -117,59 +98,27 @@ TEST_F(TransferServiceTest, SpeaksHTTP2OverOneTrustedConnection) {
 // ---- Tasks
 
 TEST_F(TransferServiceTest, SuspendKeepsTheBytesAndFreesTheConnection) {
-  auto gate = makeGate();
-  auto content = randomBytes(200'000);
-  server.serve("/a", {content, "\"1\"", OldDate});
-  server.once("/a", stallingAfter(120'000, gate));
+  auto content = serveRandom("/a", 200'000);
   open();
-  auto task = start("/a");
-  ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), 120'000));
+  auto task = startStalled("/a", 120'000);
   task->suspend();
   EXPECT_EQ(task->state(), URLSessionTaskState::Suspended);
   EXPECT_EQ(task->countOfBytesReceived(), 120'000);
-  while (server.openConnections() > 0)
-    std::this_thread::yield();
+  waitForOpenConnections(0);
   task->resume();
   auto record = finish(task);
   expectWhole(record, content);
   EXPECT_THAT(record.resumedAt, SizeIs(0));
-  EXPECT_EQ(server.requests("/a").back().header("Range"), "bytes=120000-");
+  EXPECT_EQ(rangeAskedLast(), "bytes=120000-");
 }
 
-TEST_F(TransferServiceTest, CancellingCompletesOnceInEveryState) {
-  auto gate = makeGate();
-  server.serve("/a", {randomBytes(200'000), "\"1\"", OldDate});
-  const Fault stall = stallingAfter(120'000, gate);
+TEST_F(TransferServiceTest, CancellingLeavesNothingBehind) {
+  serveRandom("/a", 200'000);
   open();
-  auto created = session->downloadTaskWithRequest(request("/a"));
-  created->cancel();
-  created->cancel();
-  expectError(finish(created), NSURLErrorCancelled);
-
-  server.once("/a", stall);
-  auto running = start("/a");
-  ASSERT_TRUE(delegate->waitForProgress(running->taskIdentifier(), 120'000));
+  auto running = startStalled("/a", 120'000);
   running->cancel();
   expectError(finish(running), NSURLErrorCancelled);
   EXPECT_EQ(filesBelow("partials"), 0u);
-
-  server.once("/a", stall);
-  auto kept = start("/a");
-  ASSERT_TRUE(delegate->waitForProgress(kept->taskIdentifier(), 120'000));
-  Arrival<DataRef> data;
-  kept->cancelByProducingResumeData([&](DataRef made) { data.arrive(std::move(made)); });
-  auto record = finish(kept);
-  expectError(record, NSURLErrorCancelled);
-  ASSERT_TRUE(data.hasArrived());
-  ASSERT_TRUE(data.wait().value());
-  EXPECT_EQ(data.wait().value(), resumeDataOf(record));
-  auto resumed = session->downloadTaskWithResumeData(*data.wait().value());
-  resumed->resume();
-  expectWhole(finish(resumed), randomBytes(200'000));
-
-  Arrival<DataRef> late;
-  resumed->cancelByProducingResumeData([&](DataRef made) { late.arrive(std::move(made)); });
-  EXPECT_FALSE(late.wait().value());
 }
 
 TEST_F(TransferServiceTest, DataTasks) {
@@ -180,10 +129,10 @@ TEST_F(TransferServiceTest, DataTasks) {
   open();
   auto load = [&](URLSession& from, const std::string& path) {
     Arrival<std::string> result;
-    auto task = from.dataTaskWithRequest(request(path), [&](DataRef data, auto response, ErrorRef error) {
-      result.arrive(error ? std::to_string(error->code())
-                          : std::to_string(response->statusCode()) + " " +
-                                std::string(data->begin(), data->end()));
+    auto task = from.dataTaskWithRequest(request(path), [&](DataRef data, auto response, ErrorRef failure) {
+      result.arrive(failure ? std::to_string(failure->code())
+                            : std::to_string(response->statusCode()) + " " +
+                                  std::string(data->begin(), data->end()));
     });
     task->resume();
     return result.wait().value_or("nothing");
@@ -200,7 +149,7 @@ TEST_F(TransferServiceTest, DataTasks) {
   // A session that goes takes its tasks along, but answers for them.
   Arrival<std::int64_t> code;
   auto task = session->dataTaskWithRequest(
-      request("/a"), [&](DataRef, auto, ErrorRef error) { code.arrive(error ? error->code() : 0); });
+      request("/a"), [&](DataRef, auto, ErrorRef failure) { code.arrive(failure ? failure->code() : 0); });
   session.reset();
   EXPECT_EQ(code.wait().value_or(0), NSURLErrorCancelled);
 }
@@ -208,7 +157,7 @@ TEST_F(TransferServiceTest, DataTasks) {
 TEST_F(TransferServiceTest, KeepsToTheCapAndReusesConnections) {
   auto gate = makeGate();
   server.serve("/held", {randomBytes(1000), "\"1\"", OldDate}, stallingAfter(10, gate));
-  server.serve("/a", {randomBytes(1000), "\"1\"", OldDate});
+  const auto content = serveRandom("/a", 1000);
   configuration.HTTPMaximumConnectionsPerHost = 3;
   configuration.timeoutIntervalForRequest = std::chrono::seconds(30);
   open();
@@ -221,7 +170,7 @@ TEST_F(TransferServiceTest, KeepsToTheCapAndReusesConnections) {
   gate->open();
   ASSERT_TRUE(delegate->waitForCompletions(tasks.size()));
   for (const auto& [identifier, record] : delegate->tasks())
-    expectWhole(record, randomBytes(1000));
+    expectWhole(record, content);
   EXPECT_EQ(server.peakRequests(), 3u);
   EXPECT_LE(server.connections(), 3u);
 }
@@ -249,8 +198,7 @@ TEST_F(TransferServiceTest, TasksThatWaitCostLittle) {
     ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), 10'000));
   for (const auto& task : tasks)
     task->suspend();
-  while (server.openConnections() > 0)
-    std::this_thread::yield();
+  waitForOpenConnections(0);
   gate->open();
   for (const auto& task : tasks)
     task->resume();
@@ -259,53 +207,22 @@ TEST_F(TransferServiceTest, TasksThatWaitCostLittle) {
 
 // ---- Sessions
 
-TEST_F(TransferServiceTest, InvalidationEndsEverythingOnce) {
-  auto gate = makeGate();
-  server.serve("/held", {randomBytes(1000), "\"1\"", OldDate}, stallingAfter(10, gate));
-  open("name");
-  auto running = start("/held");
-  auto waiting = session->downloadTaskWithRequest(request("/held"));
-  ASSERT_TRUE(delegate->waitForProgress(running->taskIdentifier(), 10));
-  ErrorRef error;
-  EXPECT_FALSE(URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), NSURLErrorBackgroundSessionInUseByAnotherProcess);
-  EXPECT_THAT(error->localizedDescription(), HasSubstr(std::to_string(::getpid())));
-  session->invalidateAndCancel();
-  auto late = session->downloadTaskWithRequest(request("/held"));
-  ASSERT_TRUE(delegate->waitForCompletions(3));
-  ASSERT_TRUE(delegate->waitForInvalid());
-  for (const auto& [identifier, record] : delegate->tasks())
-    expectError(record, NSURLErrorCancelled);
-  auto next = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
-  ASSERT_TRUE(next);
-  Arrival<std::size_t> count;
-  next->getTasksWithCompletionHandler(
-      [&](std::vector<DownloadTaskRef> tasks) { count.arrive(tasks.size()); });
-  EXPECT_EQ(count.wait().value_or(99), 0u);
-}
-
 TEST_F(TransferServiceTest, ABackgroundSessionSurvives) {
-  auto gate = makeGate();
-  auto content = randomBytes(200'000);
-  server.serve("/a", {content, "\"1\"", OldDate});
-  server.once("/a", stallingAfter(120'000, gate));
+  auto content = serveRandom("/a", 200'000);
   open("name");
-  auto running = start("/a");
+  auto running = startStalled("/a", 120'000);
   running->setTaskDescription("the running one");
   auto suspended = session->downloadTaskWithRequest(request("/b"));
   suspended->setTaskDescription("the other");
-  ASSERT_TRUE(delegate->waitForProgress(running->taskIdentifier(), 120'000));
-  auto identifier = running->taskIdentifier();
+  const auto identifier = running->taskIdentifier(), secondIdentifier = suspended->taskIdentifier();
   running.reset();
-  auto secondIdentifier = suspended->taskIdentifier();
   suspended.reset();
   restart("name");
   ASSERT_TRUE(delegate->waitForFinishedEvents());
   ASSERT_TRUE(delegate->waitForCompletions(1));
   auto record = delegate->task(identifier);
   expectWhole(record, content);
-  EXPECT_EQ(server.requests("/a").back().header("Range"), "bytes=120000-");
+  EXPECT_EQ(rangeAskedLast(), "bytes=120000-");
   Arrival<std::vector<DownloadTaskRef>> listed;
   session->getTasksWithCompletionHandler([&](auto tasks) { listed.arrive(std::move(tasks)); });
   auto tasks = listed.wait().value();
@@ -317,33 +234,20 @@ TEST_F(TransferServiceTest, ABackgroundSessionSurvives) {
 }
 
 TEST_F(TransferServiceTest, ANewRequestAdoptsAnOrphan) {
-  auto content = randomBytes(200'000);
-  auto gate = makeGate();
-  server.serve("/a", {content, "\"1\"", OldDate});
-  server.once("/a", stallingAfter(120'000, gate));
+  auto content = serveRandom("/a", 200'000);
   open("gone");
-  auto task = start("/a");
-  ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), 120'000));
-  task.reset();
+  startStalled("/a", 120'000);
   restart("another");
   // Another range of the same resource is another body.
   expectWhole(finish(start("/a", "bytes=0-9")), content.substr(0, 10));
-  EXPECT_EQ(server.requests("/a").back().header("Range"), "bytes=0-9");
+  EXPECT_EQ(rangeAskedLast(), "bytes=0-9");
   auto record = finish(start("/a"));
   expectWhole(record, content);
   EXPECT_THAT(record.resumedAt, testing::ElementsAre(testing::Pair(120'000, 200'000)));
 }
 
-TEST_F(TransferServiceTest, NewTasksAfterShutdownCompleteAtOnce) {
-  open();
-  service->shutdown();
-  auto task = session->downloadTaskWithRequest(request("/a"));
-  task->resume();
-  expectError(finish(task), NSURLErrorCancelled);
-}
-
 TEST_F(TransferServiceTest, SessionsComeAndGoWhileEventsFly) {
-  server.serve("/a", {randomBytes(20'000), "\"1\"", OldDate});
+  serveRandom("/a", 20'000);
   open();
   for (int i = 0; i < 300; ++i) {
     auto brief = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, nullptr);

@@ -88,9 +88,8 @@ class SplitTransferTest : public TransferServiceTest {
 protected:
   /// The request for the whole stops after a megabyte; those for parts are answered by `parts`.
   void serveLarge(const ServerHandler& parts) {
-    const Fault stall = stallingAfter(Mega, gate);
-    server.handle("/a", [whole = FaultServer::entity(entity, stall), parts](const ServerRequest& request,
-                                                                            ServerConnection& connection) {
+    server.handle("/a", [whole = FaultServer::entity(entity, stallingAfter(Mega, gate)),
+                         parts](const ServerRequest& request, ServerConnection& connection) {
       (request.header("Range").empty() ? whole : parts)(request, connection);
     });
   }
@@ -103,7 +102,8 @@ protected:
     }
     return parts;
   }
-  static void expectOneProgress(const RecordingSessionDelegate::TaskRecord& record) {
+  void expectOneWhole(const RecordingSessionDelegate::TaskRecord& record) const {
+    expectWhole(record, content);
     std::int64_t total = 0;
     for (const auto& progress : record.progress) {
       EXPECT_EQ(total += progress.written, progress.total);
@@ -127,8 +127,7 @@ TEST_F(SplitTransferTest, LooksLikeOneTransfer) {
   ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), static_cast<std::int64_t>(Large) - 6 * Mega));
   gate->open();
   auto record = finish(task);
-  expectWhole(record, content);
-  expectOneProgress(record);
+  expectOneWhole(record);
   EXPECT_THAT(record.resumedAt, SizeIs(0));
   EXPECT_LE(server.peakRequests(), 4u);
   HeldRanges asked;
@@ -141,17 +140,12 @@ TEST_F(SplitTransferTest, LooksLikeOneTransfer) {
 }
 
 TEST_F(SplitTransferTest, LosesNothingToServersThatDoNotServeParts) {
-  const auto wrong = [&](auto change) {
-    Fault fault;
-    change(fault);
-    return FaultServer::entity(entity, fault);
-  };
-  std::vector<ServerHandler> handlers{
-      wrong([](Fault& f) { f.ignoreRange = true; }),
-      wrong([](Fault& f) { f.contentRange = "bytes 1-2/3"; }),
-      wrong([](Fault& f) { f.contentRange = "nonsense"; }),
-      wrong([](Fault& f) { f.headers["ETag"] = "\"2\""; }),
-      wrong([](Fault& f) { f.headers["ETag"] = ""; }),
+  const std::vector<ServerHandler> handlers{
+      FaultServer::entity(entity, {.ignoreRange = true}),
+      FaultServer::entity(entity, {.contentRange = "bytes 1-2/3"}),
+      FaultServer::entity(entity, {.contentRange = "nonsense"}),
+      FaultServer::entity(entity, {.headers = {{"ETag", "\"2\""}}}),
+      FaultServer::entity(entity, {.headers = {{"ETag", ""}}}),
       FaultServer::rangeNotSatisfiable(static_cast<std::int64_t>(Large)),
       FaultServer::reply(503, {{"Retry-After", "1"}}, "busy"),
       FaultServer::reply(429, {}, "busy"),
@@ -159,7 +153,7 @@ TEST_F(SplitTransferTest, LosesNothingToServersThatDoNotServeParts) {
       FaultServer::dropConnection(),
   };
   open();
-  std::size_t wholes = 0;
+  std::ptrdiff_t wholes = 0;
   for (const auto& handler : handlers) {
     SCOPED_TRACE(wholes);
     std::atomic<std::size_t> answered = 0;
@@ -168,24 +162,18 @@ TEST_F(SplitTransferTest, LosesNothingToServersThatDoNotServeParts) {
       if (++answered == 1)
         gate->release(1); // the first connection goes on now
     });
-    auto record = finish(start("/a"));
-    expectWhole(record, content);
-    expectOneProgress(record);
+    expectOneWhole(finish(start("/a")));
     const auto requests = server.requests("/a");
-    EXPECT_EQ(static_cast<std::size_t>(
-                  std::count_if(requests.begin(), requests.end(),
-                                [](const auto& request) { return request.header("Range").empty(); })),
-              ++wholes);
+    const auto forTheWhole = [](const auto& request) { return request.header("Range").empty(); };
+    EXPECT_EQ(std::count_if(requests.begin(), requests.end(), forTheWhole), ++wholes);
   }
 }
 
 TEST_F(SplitTransferTest, GetsAlongWithShortPartsAndFewConnections) {
   // Two connections at once, and every part breaks off half-way.
   std::atomic<int> parts = 0;
-  Fault cut;
-  cut.cutAfter = 3'000'000;
-  serveLarge([&, brief = FaultServer::entity(entity, cut)](const ServerRequest& request,
-                                                           ServerConnection& connection) {
+  serveLarge([&, brief = FaultServer::entity(entity, cuttingAfter(3 * Mega))](const ServerRequest& request,
+                                                                              ServerConnection& connection) {
     if (++parts > 1)
       FaultServer::reply(503)(request, connection);
     else
@@ -197,9 +185,7 @@ TEST_F(SplitTransferTest, GetsAlongWithShortPartsAndFewConnections) {
   auto task = start("/a");
   ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), 9 * Mega));
   gate->open();
-  auto record = finish(task);
-  expectWhole(record, content);
-  expectOneProgress(record);
+  expectOneWhole(finish(task));
 }
 
 TEST_F(SplitTransferTest, LeavesAPieceToTheConnectionThatCameToItFirst) {
@@ -234,8 +220,7 @@ TEST_F(SplitTransferTest, KeepsItsHolesOverPausesAndNeverMixes) {
   auto task = start("/a");
   ASSERT_TRUE(delegate->waitForProgress(task->taskIdentifier(), static_cast<std::int64_t>(Large) - 6 * Mega));
   task->suspend();
-  while (server.openConnections() > 3) // those of the others are idle
-    std::this_thread::yield();
+  waitForOpenConnections(3); // those of the others are idle
   const auto held = task->countOfBytesReceived();
   const auto before = static_cast<std::ptrdiff_t>(askedParts().size());
   server.serve("/a", entity, stallingAfter(Mega, gate));
@@ -261,18 +246,16 @@ TEST_F(SplitTransferTest, KeepsItsHolesOverPausesAndNeverMixes) {
 }
 
 TEST_F(SplitTransferTest, MakesRoomForOthersAndCancelsCleanly) {
-  const Fault stall = stallingAfter(100'000, gate);
-  serveLarge(FaultServer::entity(entity, stall));
-  server.serve("/small", {randomBytes(1000), "\"1\"", OldDate});
+  serveLarge(FaultServer::entity(entity, stallingAfter(100'000, gate)));
+  const auto small = serveRandom("/small", 1000);
   configuration.HTTPMaximumConnectionsPerHost = 3;
   open();
   auto task = start("/a");
   ASSERT_TRUE(gate->waitUntilReached(3));
-  expectWhole(finish(start("/small")), randomBytes(1000));
+  expectWhole(finish(start("/small")), small);
   task->cancel();
   expectError(finish(task), NSURLErrorCancelled);
-  while (server.openConnections() > 1) // that of the small file is idle
-    std::this_thread::yield();
+  waitForOpenConnections(1); // that of the small file is idle
   EXPECT_EQ(filesBelow("partials"), 0u);
 }
 
@@ -280,18 +263,10 @@ TEST_F(SplitTransferTest, GivesEachPieceAConnectionOfItsOwnBesideHTTP2) {
   if (!NginxServer::isInstalled())
     GTEST_SKIP();
   directory.write("www/a", content);
-  NginxOptions options;
-  options.tls = true;
-  options.rateLimit = "20m";
-  NginxServer secure(directory / "www", options);
-  auto trusting = optionsFor(directory / "service");
-  trusting.certificateAuthorityFile = secure.certificateFile();
-  service = makeHTTPTransferService(trusting);
+  NginxServer secure(directory / "www", {.tls = true, .rateLimit = "20m"});
   configuration.HTTPMaximumConnectionsPerHost = 4;
-  open();
-  auto task = session->downloadTaskWithRequest(URLRequest(*URL::URLWithString(secure.url("/a"))));
-  task->resume();
-  expectWhole(finish(task), content);
+  openTrusting(secure);
+  expectWhole(finish(startURL(secure.url("/a"))), content);
   std::set<std::uint64_t> connections;
   for (const auto& entry : secure.accessLog())
     connections.insert(entry.connection);
@@ -315,38 +290,29 @@ HeldRanges mapped(const std::string& partials) {
   return held;
 }
 
-TEST(SplitCrash, AKilledProcessLeavesAMapOfWhatItHeld) {
-  TemporaryDirectory directory;
-  URLSessionConfiguration configuration;
+class SplitCrash : public SessionTest {};
+
+TEST_F(SplitCrash, AKilledProcessLeavesAMapOfWhatItHeld) {
   configuration.HTTPMaximumConnectionsPerHost = 4;
   // Made while this process has a single thread.
-  ChildProcess child([&](const URLRequest& request) {
-    configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
-    auto session = URLSession::sessionWithConfiguration(configuration, {}, nullptr);
-    session->downloadTaskWithRequest(request)->resume();
-    ::pause();
-  });
+  ChildProcess child(
+      [&](const URLRequest& request) { downloadUntilKilled(configuration, optionsFor(folder), request); });
   const auto content = randomBytes(Large);
   FaultServer server;
-  Fault stall;
-  stall.gate = makeGate();
-  stall.stallAfter = 3 * Mega;
+  const Fault stall = stallingAfter(3 * Mega, makeGate());
   server.serve("/a", {content, "\"1\"", OldDate}, stall);
   child.start(server.url("/a"));
   ASSERT_TRUE(stall.gate->waitUntilReached(4));
   constexpr std::int64_t Sent = 12 * Mega, Lost = 1LL << 20;
-  while (mapped(directory / "partials").total() < Sent - Lost)
+  while (mapped(folder + "/partials").total() < Sent - Lost)
     std::this_thread::yield();
   child.kill();
-  const auto held = mapped(directory / "partials");
+  const auto held = mapped(folder + "/partials");
   EXPECT_GE(held.spans().size(), 4u);
 
   server.serve("/a", {content, "\"1\"", OldDate});
   const auto before = server.requests().size();
-  auto service = makeHTTPTransferService(optionsFor(directory.path()));
-  configuration.service = service;
-  auto delegate = std::make_shared<RecordingSessionDelegate>();
-  auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr);
+  open();
   auto task = session->downloadTaskWithRequest(URLRequest(*URL::URLWithString(server.url("/a"))));
   task->resume();
   ASSERT_TRUE(delegate->waitForCompletions(1));
@@ -360,9 +326,8 @@ TEST(SplitCrash, AKilledProcessLeavesAMapOfWhatItHeld) {
     ASSERT_GT(std::sscanf(requests[i].header("Range").c_str(), "bytes=%lld-%lld", &first, &last), 0);
     EXPECT_EQ(held.hole(first, last + 1), (Span{first, last + 1})) << requests[i].header("Range");
   }
-  session.reset();
-  service->shutdown();
-  EXPECT_TRUE(std::filesystem::is_empty(directory / "partials"));
+  close();
+  EXPECT_TRUE(std::filesystem::is_empty(folder + "/partials"));
 }
 
 } // namespace

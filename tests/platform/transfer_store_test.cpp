@@ -1,23 +1,15 @@
 // What outlives the process: the journal, the partial files, the locks.
 
 #include "tests/platform/ChildProcess.h"
-#include "tests/support/Expectation.h"
-#include "tests/support/FaultServer.h"
-#include "tests/support/RecordingSessionDelegate.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/platform/TransferServiceFixture.h"
 
-#include "platform/transfer/TransferService.h"
 #include "platform/transfer/internal/DiskPool.h"
 #include "platform/transfer/internal/Journal.h"
 #include "platform/transfer/internal/PartialStore.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sched.h>
@@ -27,14 +19,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-using namespace platform;
 using namespace platform::transfer;
-using namespace support;
-using testing::SizeIs;
+using namespace transfer_tests;
 
 namespace {
-
-constexpr const char* OldDate = "Mon, 05 Jan 2015 10:00:00 GMT";
 
 class StoreTest : public testing::Test {
 protected:
@@ -241,7 +229,7 @@ TEST_F(StoreTest, RefusesANewerJournalAndSetsAGarbledOneAside) {
   ErrorRef error;
   EXPECT_FALSE(Journal::open(path, &error));
   ASSERT_TRUE(error);
-  EXPECT_THAT(error->localizedDescription(), testing::HasSubstr("version 7"));
+  EXPECT_THAT(error->localizedDescription(), HasSubstr("version 7"));
   EXPECT_EQ(readFile(path), before);
 
   const std::string garbage = "this is no database, however long one looks at it";
@@ -256,24 +244,33 @@ TEST_F(StoreTest, RefusesANewerJournalAndSetsAGarbledOneAside) {
 
 // ---- Processes that die
 
-HTTPTransferServiceOptions optionsFor(const std::string& directory) {
-  HTTPTransferServiceOptions options;
-  options.directory = directory;
-  options.retryDelay = std::chrono::milliseconds(1);
-  return options;
-}
+/// Downloads of a session whose first process dies, and of the next one.
+class KilledTest : public SessionTest {
+protected:
+  /// What the only task was told, after its end.
+  RecordingSessionDelegate::TaskRecord record() {
+    EXPECT_TRUE(delegate->waitForCompletions(1));
+    const auto tasks = delegate->tasks();
+    EXPECT_THAT(tasks, SizeIs(1));
+    auto record = tasks.begin()->second;
+    EXPECT_FALSE(record.completions.at(0));
+    EXPECT_TRUE(record.content == content);
+    return record;
+  }
 
-TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
-  auto configuration = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
-  ChildProcess child([&](const URLRequest& request) {
-    configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
-    auto session = URLSession::sessionWithConfiguration(configuration, {}, nullptr);
-    auto task = session->downloadTaskWithRequest(request);
-    task->setTaskDescription("kept");
-    task->resume();
-    ::pause();
-  });
-  const std::string content(600'000, 'x');
+  /// To be made while this process has a single thread.
+  ChildProcess firstProcess(std::shared_ptr<URLSessionDelegate> told = nullptr) {
+    configuration.identifier = "films";
+    return ChildProcess([&](const URLRequest& request) {
+      downloadUntilKilled(configuration, optionsFor(folder), request, told);
+    });
+  }
+
+  const std::string content = std::string(600'000, 'x');
+};
+
+TEST_F(KilledTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
+  auto child = firstProcess();
   FaultServer server;
   auto gate = makeGate();
   server.serve("/a", {content, "\"1\"", OldDate});
@@ -282,7 +279,7 @@ TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
   ASSERT_TRUE(gate->waitUntilReached(1));
   // The description of what is held is written a moment after the bytes.
   auto described = [&] {
-    for (const auto& entry : std::filesystem::directory_iterator(directory / "partials"))
+    for (const auto& entry : std::filesystem::directory_iterator(folder + "/partials"))
       if (entry.path().extension() == ".json" &&
           readFile(entry.path()).find("[[0,400000]]") != std::string::npos)
         return true;
@@ -291,24 +288,15 @@ TEST_F(StoreTest, AKilledProcessLosesNothingAndHoldsItsIdentifierWhileItLives) {
   while (!described())
     ::sched_yield();
 
-  auto service = makeHTTPTransferService(optionsFor(directory.path()));
-  configuration.service = service;
-  auto delegate = std::make_shared<RecordingSessionDelegate>();
-  ErrorRef error;
-  EXPECT_FALSE(URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error));
+  EXPECT_FALSE(tryOpen("films"));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), NSURLErrorBackgroundSessionInUseByAnotherProcess);
-  EXPECT_THAT(error->localizedDescription(), testing::HasSubstr(std::to_string(child.process())));
+  EXPECT_THAT(error->localizedDescription(), HasSubstr(std::to_string(child.process())));
 
   child.kill();
-  auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
-  ASSERT_TRUE(session) << error->localizedDescription();
-  ASSERT_TRUE(delegate->waitForCompletions(1));
-  auto record = delegate->tasks().begin()->second;
-  EXPECT_FALSE(record.completions.at(0));
-  EXPECT_TRUE(record.content == content);
+  open("films");
+  record();
   EXPECT_EQ(server.requests("/a").back().header("Range"), "bytes=400000-");
-  service->shutdown();
 }
 
 int finishedRows(const std::string& journal) {
@@ -339,45 +327,24 @@ private:
   const std::string _mark;
 };
 
-TEST_F(StoreTest, AFinishedBodyIsToldAgainWhenTheProcessDiedInTheTelling) {
-  auto configuration = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("films");
+TEST_F(KilledTest, AFinishedBodyIsToldAgainWhenTheProcessDiedInTheTelling) {
   const std::string mark = directory / "mark";
-  ChildProcess child([&](const URLRequest& request) {
-    configuration.service = makeHTTPTransferService(optionsFor(directory.path()));
-    auto delegate = std::make_shared<Stuck>(mark);
-    auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr);
-    auto task = session->downloadTaskWithRequest(request);
-    task->setTaskDescription("kept");
-    task->resume();
-    ::pause();
-  });
-  const std::string content(600'000, 'x');
+  auto child = firstProcess(std::make_shared<Stuck>(mark));
   FaultServer server;
   server.serve("/a", {content, "\"1\"", OldDate});
   child.start(server.url("/a"));
   // The journal follows a moment behind; what it does not hold yet a killed process does lose.
-  while (!std::filesystem::exists(mark) || finishedRows(directory / "journal.db") != 1)
+  while (!std::filesystem::exists(mark) || finishedRows(folder + "/journal.db") != 1)
     ::sched_yield();
   child.kill();
 
-  auto service = makeHTTPTransferService(optionsFor(directory.path()));
-  configuration.service = service;
-  auto delegate = std::make_shared<RecordingSessionDelegate>();
-  ErrorRef error;
-  auto session = URLSession::sessionWithConfiguration(configuration, delegate, nullptr, &error);
-  ASSERT_TRUE(session) << error->localizedDescription();
+  open("films");
   ASSERT_TRUE(delegate->waitForCompletions(1));
   ASSERT_TRUE(delegate->waitForFinishedEvents());
-  auto tasks = delegate->tasks();
-  ASSERT_THAT(tasks, SizeIs(1));
-  auto record = tasks.begin()->second;
-  EXPECT_FALSE(record.completions.at(0));
-  EXPECT_THAT(record.order, testing::EndsWith("fc"));
-  EXPECT_TRUE(record.content == content);
+  EXPECT_THAT(record().order, EndsWith("fc"));
   EXPECT_THAT(server.requests("/a"), SizeIs(1)) << "nothing is fetched again";
-  session.reset();
-  service->shutdown();
-  EXPECT_TRUE(std::filesystem::is_empty(directory / "finished"));
+  close();
+  EXPECT_TRUE(std::filesystem::is_empty(folder + "/finished"));
 }
 
 /// What a disk that takes no more looks like to the child, and how it is relieved.

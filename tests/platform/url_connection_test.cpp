@@ -59,6 +59,8 @@ protected:
     service = makeHTTPTransferService(options);
     ASSERT_TRUE(service);
   }
+  /// Serves a body under /held that stops after 10 bytes, for good.
+  void serveHeld() { server.serve("/held", {std::string(100, 'x'), "", ""}, stallingAfter(10, makeGate())); }
   std::shared_ptr<URLConnection> open(const std::string& path, const std::shared_ptr<Reader>& reader) {
     return service->openConnection(configuration, URLRequest(*URL::URLWithString(server.url(path))), reader,
                                    queue);
@@ -98,9 +100,7 @@ TEST_F(URLConnectionTest, WaitsForASlowReader) {
 }
 
 TEST_F(URLConnectionTest, EndsExactlyOnce) {
-  auto gate = makeGate();
-  const Fault held = stallingAfter(10, gate);
-  server.serve("/held", {std::string(100, 'x'), "", ""}, held);
+  serveHeld();
   const auto expectCancelled = [&](const std::shared_ptr<Reader>& reader) {
     ASSERT_TRUE(reader->waitForEnd());
     queue->sync([] {});
@@ -144,9 +144,7 @@ TEST_F(URLConnectionTest, EndsExactlyOnce) {
 }
 
 TEST_F(URLConnectionTest, GivesUpOnAServerThatSendsNothing) {
-  auto gate = makeGate();
-  const Fault held = stallingAfter(10, gate);
-  server.serve("/held", {std::string(100, 'x'), "", ""}, held);
+  serveHeld();
   configuration.timeoutIntervalForRequest = std::chrono::milliseconds(1000);
   auto reader = std::make_shared<Reader>();
   auto connection = open("/held", reader);

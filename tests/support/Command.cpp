@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sstream>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +23,11 @@ std::string findProgram(const std::string& name) {
     start = end + 1;
   }
   return {};
+}
+
+std::vector<std::string> words(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
 }
 
 void runCommand(const std::vector<std::string>& arguments, const std::string& directory) {

@@ -10,6 +10,9 @@ namespace support {
 /// 0.
 void runCommand(const std::vector<std::string>& arguments, const std::string& directory);
 
+/// What blanks separate, for commands that are easier to read in one piece.
+std::vector<std::string> words(const std::string& text);
+
 /// The absolute path of a program, or empty when there is none.
 std::string findProgram(const std::string& name);
 

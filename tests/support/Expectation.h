@@ -21,66 +21,6 @@ template <class Condition> [[nodiscard]] bool eventually(Condition&& condition) 
   return true;
 }
 
-/// Something that happens on another thread a known number of times. Thread-safe.
-class Expectation {
-public:
-  explicit Expectation(std::size_t times = 1) : _wanted(times) {}
-
-  void fulfil() {
-    std::lock_guard lock(_mutex);
-    ++_count;
-    _changed.notify_all();
-  }
-
-  /// Waits until it was fulfilled as often as wanted; false when the bound passed first.
-  [[nodiscard]] bool wait() { return wait(_wanted); }
-  [[nodiscard]] bool wait(std::size_t times) {
-    std::unique_lock lock(_mutex);
-    return _changed.wait_for(lock, WaitBound, [&] { return _count >= times; });
-  }
-
-  std::size_t count() const {
-    std::lock_guard lock(_mutex);
-    return _count;
-  }
-
-private:
-  const std::size_t _wanted;
-  mutable std::mutex _mutex;
-  std::condition_variable _changed;
-  std::size_t _count = 0;
-};
-
-/// A value that arrives from another thread, once; later ones are counted and dropped. Thread-safe.
-template <class T> class Arrival {
-public:
-  void arrive(T value) {
-    std::lock_guard lock(_mutex);
-    if (++_count == 1)
-      _value = std::move(value);
-    _changed.notify_all();
-  }
-
-  /// The value, or nothing when the bound passed first.
-  [[nodiscard]] std::optional<T> wait() {
-    std::unique_lock lock(_mutex);
-    _changed.wait_for(lock, WaitBound, [&] { return _count > 0; });
-    return _value;
-  }
-
-  bool hasArrived() const { return count() > 0; }
-  std::size_t count() const {
-    std::lock_guard lock(_mutex);
-    return _count;
-  }
-
-private:
-  mutable std::mutex _mutex;
-  std::condition_variable _changed;
-  std::size_t _count = 0;
-  std::optional<T> _value;
-};
-
 /// State that one thread changes and another waits for. Thread-safe.
 template <class T> class Watched {
 public:
@@ -105,6 +45,55 @@ private:
   mutable std::mutex _mutex;
   mutable std::condition_variable _changed;
   T _value{};
+};
+
+/// Something that happens on another thread a known number of times. Thread-safe.
+class Expectation {
+public:
+  explicit Expectation(std::size_t times = 1) : _wanted(times) {}
+
+  void fulfil() {
+    _count.change([](std::size_t& count) { ++count; });
+  }
+
+  /// Waits until it was fulfilled as often as wanted; false when the bound passed first.
+  [[nodiscard]] bool wait() { return wait(_wanted); }
+  [[nodiscard]] bool wait(std::size_t times) {
+    return _count.waitUntil([&](std::size_t count) { return count >= times; });
+  }
+
+  std::size_t count() const { return _count.copy(); }
+
+private:
+  const std::size_t _wanted;
+  Watched<std::size_t> _count;
+};
+
+/// A value that arrives from another thread, once; later ones are counted and dropped. Thread-safe.
+template <class T> class Arrival {
+public:
+  void arrive(T value) {
+    _state.change([&](State& state) {
+      if (++state.count == 1)
+        state.value = std::move(value);
+    });
+  }
+
+  /// The value, or nothing when the bound passed first.
+  [[nodiscard]] std::optional<T> wait() {
+    (void)_state.waitUntil([](const State& state) { return state.count > 0; });
+    return _state.copy().value;
+  }
+
+  bool hasArrived() const { return count() > 0; }
+  std::size_t count() const { return _state.copy().count; }
+
+private:
+  struct State {
+    std::size_t count = 0;
+    std::optional<T> value;
+  };
+  Watched<State> _state;
 };
 
 } // namespace support

@@ -1,7 +1,6 @@
 #include "tests/support/FaultServer.h"
 
 #include "tests/support/EntityResponse.h"
-#include "tests/support/Expectation.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -9,12 +8,14 @@
 #include <charconv>
 #include <condition_variable>
 #include <deque>
+#include <fcntl.h>
 #include <list>
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sstream>
 #include <stdexcept>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -67,7 +68,6 @@ struct FaultServer::State {
   std::list<std::thread> threads;
   std::size_t accepted = 0;
   std::size_t open = 0;
-  std::size_t peakOpen = 0;
   std::size_t answering = 0;
   std::size_t peakAnswering = 0;
 
@@ -77,18 +77,26 @@ struct FaultServer::State {
   ServerHandler handlerFor(const ServerRequest& request);
 };
 
-FaultServer::FaultServer() : _state(std::make_unique<State>()) {
-  _state->stop = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  _state->listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+int listenOnFreePort(std::uint16_t& port) {
+  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
   auto* plain = reinterpret_cast<sockaddr*>(&address);
-  if (_state->stop < 0 || _state->listener < 0 || ::bind(_state->listener, plain, length) != 0 ||
-      ::listen(_state->listener, 512) != 0 || ::getsockname(_state->listener, plain, &length) != 0)
+  if (socket < 0 || ::bind(socket, plain, length) != 0 || ::listen(socket, 512) != 0 ||
+      ::getsockname(socket, plain, &length) != 0)
     throw std::runtime_error("cannot listen on 127.0.0.1");
-  _state->port = ntohs(address.sin_port);
+  port = ntohs(address.sin_port);
+  return socket;
+}
+
+FaultServer::FaultServer() : _state(std::make_unique<State>()) {
+  _state->stop = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (_state->stop < 0)
+    throw std::runtime_error("eventfd");
+  _state->listener = listenOnFreePort(_state->port);
+  ::fcntl(_state->listener, F_SETFL, O_NONBLOCK);
   _state->acceptor = std::thread([this] { _state->accept(); });
 }
 
@@ -114,7 +122,7 @@ void FaultServer::State::accept() {
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     Lock lock(mutex);
     ++accepted;
-    peakOpen = std::max(peakOpen, ++open);
+    ++open;
     threads.emplace_back([this, socket, number = accepted] {
       converse(socket, number);
       ::close(socket);
@@ -143,22 +151,18 @@ bool FaultServer::State::readRequest(int socket, std::string& buffer, ServerRequ
     if (!readMore())
       return false;
 
-  std::size_t line = buffer.find("\r\n");
-  const std::size_t firstSpace = buffer.find(' ');
-  const std::size_t secondSpace = buffer.find(' ', firstSpace + 1);
-  if (secondSpace == std::string::npos || secondSpace > line)
+  std::istringstream head(buffer.substr(0, end));
+  std::string line;
+  if (!(head >> request.method >> request.target) || !std::getline(head, line))
     return false;
-  request.method = buffer.substr(0, firstSpace);
-  request.target = buffer.substr(firstSpace + 1, secondSpace - firstSpace - 1);
   request.path = request.target.substr(0, request.target.find('?'));
-  while (line < end) {
-    const std::size_t start = line + 2;
-    line = buffer.find("\r\n", start);
-    const std::size_t colon = buffer.find(':', start);
-    if (colon == std::string::npos || colon >= line)
+  while (std::getline(head, line)) {
+    const std::size_t colon = line.find(':');
+    if (colon == std::string::npos)
       continue;
-    const std::size_t value = std::min(buffer.find_first_not_of(' ', colon + 1), line);
-    request.headers[buffer.substr(start, colon - start)] = buffer.substr(value, line - value);
+    line.erase(line.find_last_not_of('\r') + 1);
+    const std::size_t value = std::min(line.find_first_not_of(' ', colon + 1), line.size());
+    request.headers[line.substr(0, colon)] = line.substr(value);
   }
   buffer.erase(0, end + 4);
   std::size_t length = 0;
@@ -219,10 +223,6 @@ std::uint16_t FaultServer::port() const {
 
 std::string FaultServer::url(std::string_view path, std::string_view host) const {
   return "http://" + std::string(host) + ":" + std::to_string(_state->port) + std::string(path);
-}
-
-void FaultServer::serve(const std::string& path, Entity entity) {
-  serve(path, std::move(entity), {});
 }
 
 void FaultServer::serve(const std::string& path, Entity entity, Fault fault) {
@@ -287,10 +287,7 @@ ServerHandler FaultServer::rangeNotSatisfiable(std::int64_t total) {
 
 ServerHandler FaultServer::dropConnection(bool reset) {
   return [reset](const ServerRequest&, ServerConnection& connection) {
-    if (reset)
-      connection.reset();
-    else
-      connection.close();
+    reset ? connection.reset() : connection.close();
   };
 }
 
@@ -333,11 +330,6 @@ std::size_t FaultServer::connections() const {
 std::size_t FaultServer::openConnections() const {
   Lock lock(_state->mutex);
   return _state->open;
-}
-
-std::size_t FaultServer::peakConnections() const {
-  Lock lock(_state->mutex);
-  return _state->peakOpen;
 }
 
 std::size_t FaultServer::peakRequests() const {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/Expectation.h"
+
 #include "platform/transfer/URLRequest.h"
 
 #include <cstddef>
@@ -26,15 +28,12 @@ public:
   void release(unsigned times); ///< lets that many arrivals through, present or future
 
   /// Waits until `arrivals` responses came to the gate in all; false when the bound passed first.
-  [[nodiscard]] bool waitUntilReached(std::size_t arrivals = 1);
-  std::size_t arrivals() const;
+  [[nodiscard]] bool waitUntilReached(std::size_t arrivals = 1) { return _arrivals.wait(arrivals); }
+  std::size_t arrivals() const { return _arrivals.count(); }
 
 private:
   friend class ServerConnection;
-  void arrive();
-  int descriptor() const { return _descriptor; }
-  struct Arrivals;
-  const std::unique_ptr<Arrivals> _arrivals;
+  Expectation _arrivals;
   const int _descriptor;
 };
 using GateRef = std::shared_ptr<Gate>;
@@ -67,8 +66,8 @@ public:
   bool sendChunk(std::string_view bytes);
 
   bool wait(Gate& gate);
-  void close(); ///< orderly, after what was sent
-  void reset(); ///< RST: the client sees a lost connection
+  void close() { _open = false; } ///< orderly, after what was sent
+  void reset();                   ///< RST: the client sees a lost connection
 
 private:
   friend class FaultServer;
@@ -93,34 +92,26 @@ struct Entity {
 struct Fault {
   enum class Cut { Close, Reset };
 
-  std::optional<std::size_t> cutAfter; ///< end the connection after so many bytes
+  std::optional<std::size_t> cutAfter{}; ///< end the connection after so many bytes
   Cut cut = Cut::Close;
-  std::optional<std::size_t> stallAfter; ///< send so many bytes, then wait at `gate`
-  std::size_t dripBytes = 0; ///< after that (or from the start) wait at `gate` before every so many
-  GateRef gate;
-  std::size_t extraBytes = 0;              ///< sent beyond the announced length
-  bool ignoreRange = false;                ///< 200 with everything
-  bool chunked = false;                    ///< no Content-Length
-  bool closeAfter = false;                 ///< close the connection behind a whole response, unannounced
-  std::optional<std::string> contentRange; ///< instead of the right one
-  std::optional<int> status;               ///< instead of the right one
-  platform::HTTPHeaders headers;           ///< added, or replacing
+  std::optional<std::size_t> stallAfter{}; ///< send so many bytes, then wait at `gate`
+  GateRef gate{};
+  bool ignoreRange = false;                  ///< 200 with everything
+  bool chunked = false;                      ///< no Content-Length
+  bool closeAfter = false;                   ///< close the connection behind a whole response, unannounced
+  std::optional<std::string> contentRange{}; ///< instead of the right one
+  std::optional<int> status{};               ///< instead of the right one
+  platform::HTTPHeaders headers{};           ///< added, or replacing
 };
 
 /// Sends so many bytes, then waits at the gate.
 inline Fault stallingAfter(std::size_t bytes, GateRef gate) {
-  Fault fault;
-  fault.stallAfter = bytes;
-  fault.gate = std::move(gate);
-  return fault;
+  return {.stallAfter = bytes, .gate = std::move(gate)};
 }
 
 /// Ends the connection after so many bytes.
 inline Fault cuttingAfter(std::size_t bytes, Fault::Cut cut = Fault::Cut::Close) {
-  Fault fault;
-  fault.cutAfter = bytes;
-  fault.cut = cut;
-  return fault;
+  return {.cutAfter = bytes, .cut = cut};
 }
 
 /// A body that repeats nothing.
@@ -130,6 +121,9 @@ inline std::string randomBytes(std::size_t count, unsigned seed = 1) {
     c = static_cast<char>((seed = seed * 1664525u + 1013904223u) >> 24);
   return text;
 }
+
+/// A socket that listens on a free port of 127.0.0.1; raises std::runtime_error when there is none.
+int listenOnFreePort(std::uint16_t& port);
 
 /// A scripted HTTP/1.1 server on 127.0.0.1 for what a well-behaved server never does.
 ///
@@ -148,10 +142,8 @@ public:
   /// "http://<host>:<port><path>"; "localhost" is another host to a client, and the same server.
   std::string url(std::string_view path, std::string_view host = "127.0.0.1") const;
 
-  /// Serves an entity from now on, replacing what stood there.
-  void serve(const std::string& path, Entity entity);
-  /// The same, with a fault in every response.
-  void serve(const std::string& path, Entity entity, Fault fault);
+  /// Serves an entity from now on, with the fault in every response, replacing what stood there.
+  void serve(const std::string& path, Entity entity, Fault fault = {});
   void handle(const std::string& path, ServerHandler handler);
 
   /// Handles one request in its own way before the lasting handler counts again. Several are used in order.
@@ -178,7 +170,6 @@ public:
 
   std::size_t connections() const;     ///< accepted so far
   std::size_t openConnections() const; ///< now, as far as the server has noticed
-  std::size_t peakConnections() const; ///< most at once
   std::size_t peakRequests() const;    ///< most requests at once that were being answered
 
 private:

@@ -19,38 +19,16 @@ void write(const fs::path& file, std::string_view content) {
   std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
 }
 
-Arguments sources() {
-  return {"ffmpeg",
-          "-nostdin",
-          "-loglevel",
-          "error",
-          "-y",
-          "-f",
-          "lavfi",
-          "-i",
-          "testsrc2=size=320x180:rate=25:duration=4",
-          "-f",
-          "lavfi",
-          "-i",
-          "sine=frequency=440:duration=4",
-          "-f",
-          "lavfi",
-          "-i",
-          "sine=frequency=880:duration=4"};
+Arguments streamCommand(const std::string& maps, int height) {
+  return words("ffmpeg -nostdin -loglevel error -y -f lavfi -i testsrc2=size=320x180:rate=25:duration=4 "
+               "-f lavfi -i sine=frequency=440:duration=4 -f lavfi -i sine=frequency=880:duration=4 " +
+               maps + " -s:v " + std::to_string(height * 16 / 9 / 2 * 2) + "x" + std::to_string(height) +
+               " -c:v libx264 -preset ultrafast -pix_fmt yuv420p -g 25 -keyint_min 25 -sc_threshold 0 "
+               "-c:a aac -b:a 32k -f hls -hls_time 1 -hls_list_size 0 -hls_playlist_type vod");
 }
 
-void add(Arguments& to, std::initializer_list<std::string> more) {
+void add(Arguments& to, const Arguments& more) {
   to.insert(to.end(), more.begin(), more.end());
-}
-
-void addCodecs(Arguments& to, int height) {
-  add(to, {"-s:v", std::to_string(height * 16 / 9 / 2 * 2) + "x" + std::to_string(height), "-c:v", "libx264",
-           "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-g", "25", "-keyint_min", "25", "-sc_threshold",
-           "0", "-c:a", "aac", "-b:a", "32k"});
-}
-
-void addHLS(Arguments& to) {
-  add(to, {"-f", "hls", "-hls_time", "1", "-hls_list_size", "0", "-hls_playlist_type", "vod"});
 }
 
 constexpr const char* twoVariants = "#EXTM3U\n"
@@ -68,10 +46,7 @@ void makeTransportStreams(HLSForm form, const fs::path& directory) {
   for (const int height : {90, 180}) {
     const std::string name = std::to_string(height);
     fs::create_directories(directory / name);
-    Arguments command = sources();
-    add(command, {"-map", "0:v", "-map", "1:a"});
-    addCodecs(command, height);
-    addHLS(command);
+    Arguments command = streamCommand("-map 0:v -map 1:a", height);
     if (form == HLSForm::Encrypted)
       add(command, {"-hls_key_info_file", "key.info"});
     if (form == HLSForm::SingleFile)
@@ -84,20 +59,17 @@ void makeTransportStreams(HLSForm form, const fs::path& directory) {
 }
 
 void makeFragmented(const fs::path& directory) {
-  const auto stream = [&](const std::string& name, std::initializer_list<std::string> maps, int height) {
+  const auto stream = [&](const std::string& name, const std::string& map, int height) {
     fs::create_directories(directory / name);
-    Arguments command = sources();
-    add(command, maps);
-    addCodecs(command, height);
-    addHLS(command);
+    Arguments command = streamCommand("-map " + map, height);
     add(command, {"-hls_segment_type", "fmp4", "-hls_fmp4_init_filename", "init.mp4", "-hls_segment_filename",
                   name + "/segment%d.m4s", name + "/media.m3u8"});
     runCommand(command, directory.string());
   };
-  stream("90", {"-map", "0:v"}, 90);
-  stream("180", {"-map", "0:v"}, 180);
-  stream("en", {"-map", "1:a"}, 90);
-  stream("de", {"-map", "2:a"}, 90);
+  stream("90", "0:v", 90);
+  stream("180", "0:v", 180);
+  stream("en", "1:a", 90);
+  stream("de", "2:a", 90);
   for (const std::string language : {"en", "de"}) {
     const fs::path text = directory / ("text-" + language);
     fs::create_directories(text);
@@ -142,7 +114,6 @@ HLSMedia makeHLSMedia(HLSForm form) {
       makeTransportStreams(form, directory);
     return directory;
   });
-  media.mediaPlaylists = {"90/media.m3u8", "180/media.m3u8"};
   return media;
 }
 

@@ -16,9 +16,6 @@ enum class HLSForm {
 struct HLSMedia {
   std::string directory;
   std::string master = "master.m3u8";
-  /// Of the variants, lowest bitrate first; names in the directory.
-  std::vector<std::string> mediaPlaylists;
-  int seconds = 4;
 };
 
 /// An HLS presentation of a test pattern and sine tones, made by ffmpeg; 4 segments of a second for each

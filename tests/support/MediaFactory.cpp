@@ -15,18 +15,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::vector<std::string> addressingArguments(Addressing addressing) {
+std::string addressingArguments(Addressing addressing) {
   switch (addressing) {
   case Addressing::NumberTemplate:
-    return {"-use_template", "1", "-use_timeline", "0"};
+    return "-use_template 1 -use_timeline 0";
   case Addressing::TimeTemplate:
-    return {"-use_template",   "1",
-            "-use_timeline",   "1",
-            "-media_seg_name", "chunk-stream$RepresentationID$-$Time$.m4s"};
+    return "-use_template 1 -use_timeline 1 -media_seg_name chunk-stream$RepresentationID$-$Time$.m4s";
   case Addressing::SegmentList:
-    return {"-use_template", "0", "-use_timeline", "0"};
+    return "-use_template 0 -use_timeline 0";
   case Addressing::SingleFile:
-    return {"-use_template", "0", "-use_timeline", "0", "-single_file", "1"};
+    return "-use_template 0 -use_timeline 0 -single_file 1";
   case Addressing::Smooth:
     break;
   }
@@ -72,46 +70,44 @@ std::vector<std::string> encodeCommand(const MediaOptions& options) {
   const std::string seconds = std::to_string(options.seconds);
   const std::string segment = std::to_string(options.segmentSeconds);
   const std::string keyFrames = std::to_string(25 * options.segmentSeconds);
-  std::vector<std::string> command{"ffmpeg", "-nostdin", "-loglevel", "error", "-y"};
-  const auto add = [&](std::initializer_list<std::string> more) {
-    command.insert(command.end(), more.begin(), more.end());
+  auto command = words(
+      "ffmpeg -nostdin -loglevel error -y -f lavfi -i testsrc2=size=320x180:rate=25:duration=" + seconds);
+  const auto add = [&](const std::string& more) {
+    for (auto& word : words(more))
+      command.push_back(std::move(word));
   };
-  add({"-f", "lavfi", "-i", "testsrc2=size=320x180:rate=25:duration=" + seconds});
   for (std::size_t i = 0; i < options.languages.size(); ++i)
-    add({"-f", "lavfi", "-i", "sine=frequency=" + std::to_string(440 + 220 * i) + ":duration=" + seconds});
+    add("-f lavfi -i sine=frequency=" + std::to_string(440 + 220 * i) + ":duration=" + seconds);
   std::string sets;
   std::size_t stream = 0;
   for (std::size_t i = 0; i < options.heights.size(); ++i, ++stream) {
     const int height = options.heights[i];
-    const std::string number = std::to_string(i);
-    add({"-map", "0:v", "-s:v:" + number,
-         std::to_string(height * 16 / 9 / 2 * 2) + "x" + std::to_string(height), "-b:v:" + number,
-         std::to_string(height) + "k"});
+    const std::string number = std::to_string(i), lines = std::to_string(height);
+    add("-map 0:v -s:v:" + number + " " + std::to_string(height * 16 / 9 / 2 * 2) + "x" + lines +
+        " -b:v:" + number + " " + lines + "k");
   }
   if (!options.heights.empty()) {
     sets = "id=0,streams=v";
-    add({"-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-g", keyFrames, "-keyint_min",
-         keyFrames, "-sc_threshold", "0"});
+    add("-c:v libx264 -preset ultrafast -pix_fmt yuv420p -g " + keyFrames + " -keyint_min " + keyFrames +
+        " -sc_threshold 0");
   }
   for (std::size_t i = 0; i < options.languages.size(); ++i, ++stream) {
-    add({"-map", std::to_string(i + 1) + ":a", "-metadata:s:a:" + std::to_string(i),
-         "language=" + options.languages[i]});
+    add("-map " + std::to_string(i + 1) + ":a -metadata:s:a:" + std::to_string(i) +
+        " language=" + options.languages[i]);
     sets += (sets.empty() ? "id=" : " id=") + std::to_string(i + (options.heights.empty() ? 0 : 1)) +
             ",streams=" + std::to_string(stream);
   }
   // The encoder starts before zero, which names the first file differently from what the manifest says.
   if (!options.languages.empty())
-    add({"-c:a", "aac", "-b:a", "32k", "-bsf:a", "setts=pts=PTS+1024:dts=DTS+1024"});
+    add("-c:a aac -b:a 32k -bsf:a setts=pts=PTS+1024:dts=DTS+1024");
+  add("-fflags +bitexact -flags +bitexact -f");
   if (options.addressing == Addressing::Smooth) {
-    add({"-fflags", "+bitexact", "-flags", "+bitexact", "-f", "smoothstreaming", "-min_frag_duration",
-         segment + "000000", "movie"});
+    add("smoothstreaming -min_frag_duration " + segment + "000000 movie");
     return command;
   }
-  add({"-fflags", "+bitexact", "-flags", "+bitexact", "-f", "dash", "-seg_duration", segment,
-       "-adaptation_sets", sets});
-  for (const auto& argument : addressingArguments(options.addressing))
-    command.push_back(argument);
-  command.push_back("manifest.mpd");
+  add("dash -seg_duration " + segment + " -adaptation_sets");
+  command.push_back(sets); // one word, with blanks in it
+  add(addressingArguments(options.addressing) + " manifest.mpd");
   return command;
 }
 

@@ -1,6 +1,7 @@
 #include "tests/support/NginxServer.h"
 
 #include "tests/support/Command.h"
+#include "tests/support/FaultServer.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -19,21 +20,6 @@ namespace support {
 
 namespace {
 
-/// A listening socket on a free port. The server inherits it, so no other process can take the port between.
-int listenOnFreePort(std::uint16_t& port) {
-  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  auto* plain = reinterpret_cast<sockaddr*>(&address);
-  if (socket < 0 || ::bind(socket, plain, length) != 0 || ::listen(socket, 511) != 0 ||
-      ::getsockname(socket, plain, &length) != 0)
-    throw std::runtime_error("cannot listen on 127.0.0.1");
-  port = ntohs(address.sin_port);
-  return socket;
-}
-
 constexpr int FirstInherited = 200; // above what the child has open for itself
 
 } // namespace
@@ -51,6 +37,7 @@ NginxServer::NginxServer(const std::string& documentRoot, const NginxOptions& op
                 "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
                 "subjectAltName=IP:127.0.0.1,DNS:localhost", "-keyout", "key.pem", "-out", "certificate.pem"},
                _directory.path());
+  // The server inherits them, so no other process can take their ports between.
   const std::array<int, 2> sockets{listenOnFreePort(_port), listenOnFreePort(_controlPort)};
   const std::string configurationFile = _directory.write("nginx.conf", configuration(documentRoot, options));
 
@@ -117,7 +104,7 @@ std::string NginxServer::configuration(const std::string& documentRoot, const Ng
   text << "  default_type application/octet-stream;\n  sendfile on;\n  keepalive_requests "
        << options.keepaliveRequests
        << ";\n  log_format fields \"$connection\\t$request_method\\t$request_uri\\t"
-       << "$http_range\\t$status\\t$body_bytes_sent\\t$server_protocol\";\n"
+       << "$body_bytes_sent\\t$server_protocol\";\n"
        << "  server {\n    listen 127.0.0.1:" << _port << (_tls ? " ssl http2" : "") << ";\n    root \""
        << documentRoot << "\";\n    access_log " << _directory / "access.log"
        << " fields;\n";
@@ -161,11 +148,10 @@ std::vector<AccessLogEntry> NginxServer::accessLog() const {
   std::istringstream lines(readFile(_directory / "access.log"));
   for (std::string line; std::getline(lines, line);) {
     std::istringstream fields(line);
-    std::array<std::string, 7> field;
+    std::array<std::string, 5> field;
     for (auto& text : field)
       std::getline(fields, text, '\t');
-    entries.push_back({std::stoull(field[0]), field[1], field[2], field[3] == "-" ? "" : field[3],
-                       std::stoi(field[4]), std::stoll(field[5]), field[6]});
+    entries.push_back({std::stoull(field[0]), field[1], field[2], std::stoll(field[3]), field[4]});
   }
   return entries;
 }

@@ -15,9 +15,7 @@ namespace support {
 struct AccessLogEntry {
   std::uint64_t connection = 0;
   std::string method;
-  std::string uri;   ///< as requested, query included
-  std::string range; ///< the Range header; empty: none
-  int status = 0;
+  std::string uri;            ///< as requested, query included
   std::int64_t bodyBytes = 0; ///< sent
   std::string protocol;       ///< "HTTP/1.1" or "HTTP/2.0"
 };
@@ -25,8 +23,8 @@ struct AccessLogEntry {
 struct NginxOptions {
   bool tls = false;             ///< https with HTTP/2 and a certificate for 127.0.0.1 and localhost
   int keepaliveRequests = 1000; ///< requests on one connection before it is closed
-  std::string rateLimit;        ///< bytes per second for each response ("200k"); empty: none
-  std::string directives;       ///< added to the server block
+  std::string rateLimit{};      ///< bytes per second for each response ("200k"); empty: none
+  std::string directives{};     ///< added to the server block
 };
 
 /// A real web server with a document root of its own, on a free port of 127.0.0.1.
@@ -43,7 +41,6 @@ public:
 
   static bool isInstalled();
 
-  std::uint16_t port() const { return _port; }
   std::string url(std::string_view path) const;
 
   /// PEM file to trust for https.

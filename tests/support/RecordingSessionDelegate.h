@@ -5,7 +5,6 @@
 
 #include "platform/transfer/URLSession.h"
 
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <optional>
@@ -38,8 +37,6 @@ public:
 
   /// Answers challenges; set it before any can come. Without it: default handling.
   std::function<std::optional<platform::URLCredential>(const platform::AuthenticationChallenge&)> credentials;
-  /// Finished files are moved here when set, else read where they are.
-  std::optional<std::string> moveTo;
 
   [[nodiscard]] bool waitForCompletions(std::size_t count) const {
     return _records.waitUntil([&](const Records& records) { return records.completions >= count; });
@@ -61,8 +58,6 @@ public:
   TaskRecord task(std::uint64_t identifier) const { return _records.copy().tasks[identifier]; }
   Tasks tasks() const { return _records.copy().tasks; }
   std::size_t completions() const { return _records.copy().completions; }
-  std::size_t invalidated() const { return _records.copy().invalidated; }
-  std::size_t finishedEvents() const { return _records.copy().finishedEvents; }
 
   void URLSessionDownloadTaskDidWriteData(platform::URLSession&, const platform::DownloadTaskRef& task,
                                           std::int64_t written, std::int64_t total,
@@ -80,8 +75,6 @@ public:
                                                        const platform::DownloadTaskRef& task,
                                                        const std::string& location) override {
     std::string content = readFile(location);
-    if (moveTo)
-      std::filesystem::rename(location, *moveTo);
     record(*task, 'f', [&](TaskRecord& to) {
       to.finishedAt.push_back(location);
       to.content = std::move(content);

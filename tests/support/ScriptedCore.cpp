@@ -1,8 +1,7 @@
 #include "tests/support/ScriptedCore.h"
 
-#include <fcntl.h>
+#include <fstream>
 #include <stdexcept>
-#include <unistd.h>
 
 namespace support {
 
@@ -10,15 +9,6 @@ using namespace platform;
 using Lock = std::lock_guard<std::mutex>;
 
 namespace scripted {
-
-void Core::tellLocked(const SessionState& session,
-                      std::function<void(ScriptedSession&, URLSessionDelegate*)> tell) {
-  postLocked(session, {session.self, std::move(tell), nullptr});
-}
-
-void Core::callLocked(const SessionState& session, std::function<void()> call) {
-  postLocked(session, {{}, nullptr, std::move(call)});
-}
 
 void Core::postLocked(const SessionState& session, Event event) {
   if (!session.queue) {
@@ -43,8 +33,9 @@ void Core::perform(const Event& event) {
     return;
   }
   if (auto session = event.session.lock()) {
-    auto delegate = session->_state->delegate.lock();
-    event.tell(*session, delegate.get());
+    URLSessionDelegate nobody;
+    const auto delegate = session->_state->delegate.lock();
+    event.tell(*session, delegate ? *delegate : nobody);
   }
 }
 
@@ -77,30 +68,21 @@ bool Core::deliverOne() {
 void Core::removedFromSessionLocked(SessionState& session) {
   if (!session.invalidating || !session.live.empty() || !session.liveData.empty())
     return;
-  tellLocked(session, [this](ScriptedSession& invalid, URLSessionDelegate* delegate) {
+  tellLocked(session, [this](ScriptedSession& invalid, URLSessionDelegate& delegate) {
     std::shared_ptr<ScriptedSession> kept; // the last reference may be this one
     {
       Lock lock(mutex);
       kept.swap(invalid._state->keptUntilInvalid);
       openSessions.erase(invalid._configuration.identifier);
     }
-    if (delegate)
-      delegate->URLSessionDidBecomeInvalidWithError(invalid, nullptr);
+    delegate.URLSessionDidBecomeInvalidWithError(invalid, nullptr);
   });
 }
 
 std::string writeTemporaryFile(Core& core, const std::string& content) {
   const std::string path =
       core.directory + "/scripted-" + std::to_string(core.nextFile.fetch_add(1)) + ".tmp";
-  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  std::size_t written = 0;
-  while (file >= 0 && written < content.size()) {
-    const ssize_t count = ::write(file, content.data() + written, content.size() - written);
-    if (count <= 0)
-      break;
-    written += static_cast<std::size_t>(count);
-  }
-  if (file < 0 || ::close(file) != 0 || written < content.size())
+  if (!(std::ofstream(path, std::ios::binary) << content).flush())
     throw std::runtime_error("cannot write " + path);
   return path;
 }

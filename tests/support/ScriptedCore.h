@@ -18,7 +18,6 @@ namespace support::scripted {
 struct Record {
   std::uint64_t identifier = 0;
   Survivor survivor;
-  std::optional<std::string> finishedFile;
   platform::ErrorRef failure;
 };
 
@@ -42,7 +41,7 @@ struct SessionState {
 /// An event that needs its session, or one (`call`) that runs in any case.
 struct Event {
   std::weak_ptr<ScriptedSession> session;
-  std::function<void(ScriptedSession&, platform::URLSessionDelegate*)> tell;
+  std::function<void(ScriptedSession&, platform::URLSessionDelegate&)> tell;
   std::function<void()> call;
 };
 
@@ -82,8 +81,12 @@ struct Core : std::enable_shared_from_this<Core> {
 
   // With the lock held:
   void tellLocked(const SessionState& session,
-                  std::function<void(ScriptedSession&, platform::URLSessionDelegate*)> tell);
-  void callLocked(const SessionState& session, std::function<void()> call);
+                  std::function<void(ScriptedSession&, platform::URLSessionDelegate&)> tell) {
+    postLocked(session, {session.self, std::move(tell), nullptr});
+  }
+  void callLocked(const SessionState& session, std::function<void()> call) {
+    postLocked(session, {{}, nullptr, std::move(call)});
+  }
   void removedFromSessionLocked(SessionState& session);
 
   // Without it:

@@ -44,10 +44,10 @@ void ScriptedSession::journalLocked(const ScriptedTask& task) {
   survivor.state = task._state;
   survivor.bytesReceived = task._received;
   survivor.bytesExpected = task._expected;
-  if (task._finished && !task._file)
+  if (task._finished)
     survivor.finishedContent = task._content;
   _core->journals[_configuration.identifier].records.push_back(
-      {task._identifier, std::move(survivor), task._file, task._outcome});
+      {task._identifier, std::move(survivor), task._outcome});
 }
 
 ScriptedTaskRef ScriptedSession::makeTaskLocked(std::uint64_t identifier, const URLRequest& request) {
@@ -59,19 +59,19 @@ ScriptedTaskRef ScriptedSession::makeTaskLocked(std::uint64_t identifier, const 
   return task;
 }
 
-void ScriptedSession::endAtOnceWhenClosedLocked(ScriptedTask& task) {
-  if (!_state->invalidating && !_core->closed)
+void ScriptedSession::admitLocked(const ScriptedTaskRef& task) {
+  if (!_state->invalidating && !_core->closed) {
+    _state->live.emplace(task->_identifier, task);
     return;
-  task._state = State::Canceling;
-  task.endLocked(scripted::cancelledError(task._request));
+  }
+  task->_state = State::Canceling;
+  task->endLocked(scripted::cancelledError(task->_request));
 }
 
 DownloadTaskRef ScriptedSession::downloadTaskWithRequest(const URLRequest& request) {
   Lock lock(_core->mutex);
   auto task = makeTaskLocked(_state->nextIdentifier++, request);
-  if (!_state->invalidating && !_core->closed)
-    _state->live.emplace(task->_identifier, task);
-  endAtOnceWhenClosedLocked(*task);
+  admitLocked(task);
   return task;
 }
 
@@ -95,9 +95,7 @@ DownloadTaskRef ScriptedSession::downloadTaskWithResumeData(const Data& resumeDa
     task->_failsWhenStarted =
         makeError(NSURLErrorDomain, NSURLErrorUnknown, std::string("garbled resume data"));
   }
-  if (!_state->invalidating && !_core->closed)
-    _state->live.emplace(task->_identifier, task);
-  endAtOnceWhenClosedLocked(*task);
+  admitLocked(task);
   return task;
 }
 
@@ -130,6 +128,19 @@ void ScriptedSession::getTasksWithCompletionHandler(
   });
 }
 
+void ScriptedSession::cancelLocked(bool journaled) {
+  for (const auto& [identifier, task] : _state->live) {
+    if (task->_ended)
+      continue;
+    if (journaled)
+      journalLocked(*task);
+    task->_state = State::Canceling;
+    task->endLocked(scripted::cancelledError(task->_request));
+  }
+  for (const auto& [identifier, task] : _state->liveData)
+    task->endLocked(scripted::cancelledError(task->_request));
+}
+
 void ScriptedSession::invalidateAndCancel() {
   invalidate(true);
 }
@@ -143,16 +154,8 @@ void ScriptedSession::invalidate(bool cancelTasks) {
   Lock lock(_core->mutex);
   const bool first = !_state->invalidating;
   _state->invalidating = true;
-  if (cancelTasks) {
-    for (const auto& [identifier, task] : _state->live) {
-      if (task->_ended)
-        continue;
-      task->_state = State::Canceling;
-      task->endLocked(scripted::cancelledError(task->_request));
-    }
-    for (const auto& [identifier, task] : _state->liveData)
-      task->endLocked(scripted::cancelledError(task->_request));
-  }
+  if (cancelTasks)
+    cancelLocked(false);
   if (first) {
     _state->keptUntilInvalid = std::move(self);
     _core->removedFromSessionLocked(*_state);
@@ -176,9 +179,8 @@ std::vector<ScriptedTaskRef> ScriptedSession::liveTasks() const {
 
 void ScriptedSession::finishEvents() {
   Lock lock(_core->mutex);
-  _core->tellLocked(*_state, [](ScriptedSession& session, URLSessionDelegate* delegate) {
-    if (delegate)
-      delegate->URLSessionDidFinishEventsForBackgroundURLSession(session);
+  _core->tellLocked(*_state, [](ScriptedSession& session, URLSessionDelegate& delegate) {
+    delegate.URLSessionDidFinishEventsForBackgroundURLSession(session);
   });
 }
 

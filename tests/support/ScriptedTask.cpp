@@ -24,25 +24,8 @@ ScriptedTaskOf<Interface>::ScriptedTaskOf(std::shared_ptr<scripted::Core> core,
     _failsWhenStarted = makeError(NSURLErrorDomain, NSURLErrorUnsupportedURL, std::string("unsupported URL"));
 }
 
-template <class Interface>
-std::shared_ptr<const HTTPURLResponse> ScriptedTaskOf<Interface>::response() const {
-  Lock lock(_core->mutex);
-  return _response;
-}
-
-template <class Interface> State ScriptedTaskOf<Interface>::state() const {
-  Lock lock(_core->mutex);
-  return _state;
-}
-
-template <class Interface> ErrorRef ScriptedTaskOf<Interface>::error() const {
-  Lock lock(_core->mutex);
-  return _error;
-}
-
-template <class Interface> std::optional<std::string> ScriptedTaskOf<Interface>::taskDescription() const {
-  Lock lock(_core->mutex);
-  return _description;
+template <class Interface> std::mutex& ScriptedTaskOf<Interface>::coreMutex() const {
+  return _core->mutex;
 }
 
 template <class Interface>
@@ -50,16 +33,6 @@ void ScriptedTaskOf<Interface>::setTaskDescription(std::optional<std::string> te
   Lock lock(_core->mutex);
   _calls.descriptions.push_back(text);
   _description = std::move(text);
-}
-
-template <class Interface> std::int64_t ScriptedTaskOf<Interface>::countOfBytesReceived() const {
-  Lock lock(_core->mutex);
-  return _received;
-}
-
-template <class Interface> std::int64_t ScriptedTaskOf<Interface>::countOfBytesExpectedToReceive() const {
-  Lock lock(_core->mutex);
-  return _expected;
 }
 
 template <class Interface> void ScriptedTaskOf<Interface>::resume() {
@@ -90,11 +63,6 @@ template <class Interface> void ScriptedTaskOf<Interface>::cancel() {
   endLocked(cancelledError(_request));
 }
 
-template <class Interface> TaskCalls ScriptedTaskOf<Interface>::calls() const {
-  Lock lock(_core->mutex);
-  return _calls;
-}
-
 template <class Interface> bool ScriptedTaskOf<Interface>::fail(const ErrorRef& error) {
   Lock lock(_core->mutex);
   return endLocked(error);
@@ -103,26 +71,6 @@ template <class Interface> bool ScriptedTaskOf<Interface>::fail(const ErrorRef& 
 template <class Interface> bool ScriptedTaskOf<Interface>::fail(URLErrorCode code) {
   UserInfo info{{NSURLErrorFailingURLStringErrorKey, _request.url().absoluteString()}};
   return fail(makeError(NSURLErrorDomain, code, std::move(info)));
-}
-
-template <class Interface>
-bool ScriptedTaskOf<Interface>::challenge(const AuthenticationChallenge& challenge,
-                                          ChallengeCompletion answered) {
-  Lock lock(_core->mutex);
-  if (_ended)
-    return false;
-  _core->tellLocked(*_session, [task = self(), challenge, answered = std::move(answered)](
-                                   ScriptedSession& session, URLSessionDelegate* delegate) {
-    if (delegate)
-      delegate->URLSessionTaskDidReceiveChallenge(session, task, challenge, answered);
-    else
-      answered(AuthChallengeDisposition::PerformDefaultHandling, std::nullopt);
-  });
-  return true;
-}
-
-template <class Interface> bool ScriptedTaskOf<Interface>::isRunning() const {
-  return _state == State::Running && !_ended;
 }
 
 template <class Interface> bool ScriptedTaskOf<Interface>::endLocked(const ErrorRef& error) {
@@ -152,9 +100,7 @@ template class ScriptedTaskOf<URLSessionDataTask>;
 void ScriptedTask::cancelByProducingResumeData(std::function<void(DataRef)> completion) {
   Lock lock(_core->mutex);
   ++_calls.cancelled;
-  DataRef data;
-  if (!_ended)
-    data = _scriptedResumeData ? *_scriptedResumeData : makeResumeDataLocked();
+  const auto data = _ended ? nullptr : _scriptedResumeData ? *_scriptedResumeData : makeResumeDataLocked();
   _core->callLocked(*_session, [completion = std::move(completion), data] { completion(data); });
   if (_ended)
     return;
@@ -178,9 +124,8 @@ bool ScriptedTask::respond(int status, HTTPHeaders headers) {
   if (goesOn) {
     auto task = std::static_pointer_cast<ScriptedTask>(self());
     _core->tellLocked(*_session, [task, offset = _resumeOffset,
-                                  total = _expected](ScriptedSession& session, URLSessionDelegate* delegate) {
-      if (delegate)
-        delegate->URLSessionDownloadTaskDidResumeAtOffset(session, task, offset, total);
+                                  total = _expected](ScriptedSession& session, URLSessionDelegate& delegate) {
+      delegate.URLSessionDownloadTaskDidResumeAtOffset(session, task, offset, total);
     });
   }
   return true;
@@ -213,28 +158,6 @@ bool ScriptedTask::finish(std::string content) {
   return finishLocked(static_cast<std::int64_t>(_content.size()));
 }
 
-bool ScriptedTask::finishWithFile(const std::string& path) {
-  if (!response())
-    write(0);
-  const auto size = static_cast<std::int64_t>(std::filesystem::file_size(path));
-  Lock lock(_core->mutex);
-  if (!isRunning())
-    return false;
-  _file = path;
-  return finishLocked(size);
-}
-
-bool ScriptedTask::resumeAt(std::int64_t offset, std::int64_t expectedTotal) {
-  {
-    Lock lock(_core->mutex);
-    if (!isRunning())
-      return false;
-    _resumeOffset = offset;
-    _expected = expectedTotal;
-  }
-  return respond(206);
-}
-
 void ScriptedTask::setResumeData(DataRef data) {
   Lock lock(_core->mutex);
   _scriptedResumeData = std::move(data);
@@ -263,10 +186,8 @@ void ScriptedTask::progressLocked() {
     return;
   _progressWaiting = true;
   auto task = std::static_pointer_cast<ScriptedTask>(self());
-  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate* delegate) {
-    std::int64_t written = 0;
-    std::int64_t total = 0;
-    std::int64_t expected = 0;
+  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate& delegate) {
+    std::int64_t written = 0, total = 0, expected = 0;
     {
       Lock lock(task->_core->mutex);
       task->_progressWaiting = false;
@@ -276,31 +197,26 @@ void ScriptedTask::progressLocked() {
       task->_reported = total;
       task->_firstOfResponse = false;
     }
-    if (delegate)
-      delegate->URLSessionDownloadTaskDidWriteData(session, task, written, total, expected);
+    delegate.URLSessionDownloadTaskDidWriteData(session, task, written, total, expected);
   });
 }
 
 bool ScriptedTask::finishLocked(std::int64_t size) {
+  _expected = size;
   if (_received != size || (_firstOfResponse && !_progressWaiting)) {
     _received = size;
-    _expected = size;
     progressLocked();
   }
-  _expected = size;
   _finished = true;
   auto task = std::static_pointer_cast<ScriptedTask>(self());
-  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate* delegate) {
+  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate& delegate) {
     std::string content;
-    std::optional<std::string> file;
     {
       Lock lock(task->_core->mutex);
       content.swap(task->_content);
-      file.swap(task->_file);
     }
-    const std::string location = file ? *file : scripted::writeTemporaryFile(*task->_core, content);
-    if (delegate)
-      delegate->URLSessionDownloadTaskDidFinishDownloadingToURL(session, task, location);
+    const std::string location = scripted::writeTemporaryFile(*task->_core, content);
+    delegate.URLSessionDownloadTaskDidFinishDownloadingToURL(session, task, location);
     std::error_code ignored;
     std::filesystem::remove(location, ignored);
   });
@@ -309,7 +225,7 @@ bool ScriptedTask::finishLocked(std::int64_t size) {
 
 void ScriptedTask::completeLocked() {
   auto task = std::static_pointer_cast<ScriptedTask>(self());
-  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate* delegate) {
+  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate& delegate) {
     {
       Lock lock(task->_core->mutex);
       task->_state = State::Completed;
@@ -317,8 +233,7 @@ void ScriptedTask::completeLocked() {
       if (task->_session->live.erase(task->_identifier) != 0)
         task->_core->removedFromSessionLocked(*task->_session);
     }
-    if (delegate)
-      delegate->URLSessionTaskDidCompleteWithError(session, task, task->_outcome);
+    delegate.URLSessionTaskDidCompleteWithError(session, task, task->_outcome);
   });
 }
 
@@ -390,9 +305,8 @@ void ScriptedDataTask::completeLocked() {
     if (completion)
       completion(body, task->_response, task->_outcome);
   });
-  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate* delegate) {
-    if (delegate)
-      delegate->URLSessionTaskDidCompleteWithError(session, task, task->_outcome);
+  _core->tellLocked(*_session, [task](ScriptedSession& session, URLSessionDelegate& delegate) {
+    delegate.URLSessionTaskDidCompleteWithError(session, task, task->_outcome);
   });
 }
 

@@ -2,7 +2,8 @@
 
 #include "tests/support/ScriptedCore.h"
 
-#include <filesystem>
+#include <tuple>
+#include <utility>
 
 namespace support {
 
@@ -15,28 +16,19 @@ ScriptedTransferService::ScriptedTransferService(std::string directory, Delivery
 
 ScriptedTransferService::~ScriptedTransferService() {
   // Tasks and events refer to the core: dropping them here breaks the circle.
-  decltype(_core->events) events;
-  decltype(_core->tasks) tasks;
-  decltype(_core->dataTasks) dataTasks;
-  decltype(_core->tasksByURL) byURL;
-  std::shared_ptr<ScriptedSession> shared;
-  decltype(_core->startHandler) start;
-  decltype(_core->dataStartHandler) dataStart;
-  std::vector<std::shared_ptr<ScriptedSession>> sessions;
-  Lock lock(_core->mutex);
+  std::unique_lock lock(_core->mutex);
   _core->closed = _core->gone = true;
+  std::vector<std::shared_ptr<ScriptedSession>> sessions;
   for (const auto& weak : _core->allSessions)
     if (auto session = weak.lock()) {
       session->_state->keptUntilInvalid.reset(); // not the last reference: `session` is one
       sessions.push_back(std::move(session));
     }
-  events.swap(_core->events);
-  tasks.swap(_core->tasks);
-  dataTasks.swap(_core->dataTasks);
-  byURL.swap(_core->tasksByURL);
-  shared.swap(_core->shared);
-  start.swap(_core->startHandler);
-  dataStart.swap(_core->dataStartHandler);
+  const auto dropped = std::tuple(std::exchange(_core->events, {}), std::exchange(_core->tasks, {}),
+                                  std::exchange(_core->dataTasks, {}), std::exchange(_core->tasksByURL, {}),
+                                  std::exchange(_core->shared, {}), std::exchange(_core->startHandler, {}),
+                                  std::exchange(_core->dataStartHandler, {}));
+  lock.unlock(); // what goes now may ask for it
 }
 
 std::shared_ptr<URLSession> ScriptedTransferService::openSession(const URLSessionConfiguration& configuration,
@@ -74,13 +66,10 @@ std::shared_ptr<URLSession> ScriptedTransferService::openSession(const URLSessio
         task->_received = record.survivor.bytesReceived;
         task->_expected = record.survivor.bytesExpected;
         state->live.emplace(record.identifier, task);
-        if (record.survivor.finishedContent || record.finishedFile) {
+        if (record.survivor.finishedContent) {
           task->respondLocked(200, {});
-          task->_file = record.finishedFile;
-          if (record.survivor.finishedContent)
-            task->_content = std::move(*record.survivor.finishedContent);
-          task->finishLocked(task->_file ? static_cast<std::int64_t>(std::filesystem::file_size(*task->_file))
-                                         : static_cast<std::int64_t>(task->_content.size()));
+          task->_content = std::move(*record.survivor.finishedContent);
+          task->finishLocked(static_cast<std::int64_t>(task->_content.size()));
         } else if (record.failure) {
           task->endLocked(record.failure);
         } else if (task->_state == State::Running) {
@@ -120,23 +109,10 @@ void ScriptedTransferService::shutdown() {
       const bool journaled = !identifier.empty() && !state.invalidating;
       if (journaled)
         _core->journals[identifier].nextIdentifier = state.nextIdentifier;
-      for (const auto& [taskIdentifier, task] : state.live) {
-        if (task->_ended)
-          continue;
-        if (journaled)
-          session->journalLocked(*task);
-        task->_state = State::Canceling;
-        task->endLocked(scripted::cancelledError(task->_request));
-      }
-      for (const auto& [taskIdentifier, task] : state.liveData)
-        task->endLocked(scripted::cancelledError(task->_request));
+      session->cancelLocked(journaled);
     }
   }
   run();
-}
-
-bool ScriptedTransferService::deliver() {
-  return _core->deliverOne();
 }
 
 std::size_t ScriptedTransferService::run() {
@@ -208,7 +184,7 @@ std::uint64_t ScriptedTransferService::addSurvivor(const std::string& sessionIde
   Lock lock(_core->mutex);
   auto& journal = _core->journals[sessionIdentifier];
   const std::uint64_t identifier = journal.nextIdentifier++;
-  journal.records.push_back({identifier, std::move(survivor), std::nullopt, nullptr});
+  journal.records.push_back({identifier, std::move(survivor), nullptr});
   return identifier;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,27 +36,24 @@ class ScriptedTaskOf : public Interface, public std::enable_shared_from_this<Scr
 public:
   std::uint64_t taskIdentifier() const override { return _identifier; }
   platform::URLRequest originalRequest() const override { return _request; }
-  std::shared_ptr<const platform::HTTPURLResponse> response() const override;
-  platform::URLSessionTaskState state() const override;
-  platform::ErrorRef error() const override;
-  std::optional<std::string> taskDescription() const override;
+  std::shared_ptr<const platform::HTTPURLResponse> response() const override { return locked(_response); }
+  platform::URLSessionTaskState state() const override { return locked(_state); }
+  platform::ErrorRef error() const override { return locked(_error); }
+  std::optional<std::string> taskDescription() const override { return locked(_description); }
   void setTaskDescription(std::optional<std::string> text) override;
-  std::int64_t countOfBytesReceived() const override;
-  std::int64_t countOfBytesExpectedToReceive() const override;
+  std::int64_t countOfBytesReceived() const override { return locked(_received); }
+  std::int64_t countOfBytesExpectedToReceive() const override { return locked(_expected); }
   void resume() override;
   void suspend() override;
   void cancel() override;
 
-  TaskCalls calls() const;
+  TaskCalls calls() const { return locked(_calls); }
   const platform::URLRequest& request() const { return _request; }
 
   /// Ends the task with `error`. Like every scripted step it answers false, and does nothing, when the task
   /// has already ended or was cancelled.
   bool fail(const platform::ErrorRef& error);
   bool fail(platform::URLErrorCode code);
-
-  /// Asks the delegate for credentials; `answered` gets what it decides.
-  bool challenge(const platform::AuthenticationChallenge& challenge, platform::ChallengeCompletion answered);
 
 protected:
   friend struct scripted::Core;
@@ -65,7 +63,14 @@ protected:
                  std::uint64_t identifier, platform::URLRequest request);
 
   std::shared_ptr<Interface> self() { return this->shared_from_this(); }
-  bool isRunning() const; // the core's lock must be held, as for all operations below
+  template <class Value> Value locked(const Value& value) const {
+    std::lock_guard lock(coreMutex());
+    return value;
+  }
+  std::mutex& coreMutex() const;
+
+  // The core's lock must be held for all operations below.
+  bool isRunning() const { return _state == platform::URLSessionTaskState::Running && !_ended; }
   bool endLocked(const platform::ErrorRef& error);
   void respondLocked(int status, platform::HTTPHeaders headers);
   virtual void startLocked() = 0;
@@ -91,9 +96,9 @@ protected:
 
 /// A download task that does what the test says.
 ///
-/// The steps `respond`, `write`, `finish`, `fail`, `resumeAt` play the part of the network: they change the
+/// The steps `respond`, `write`, `finish`, `fail` play the part of the network: they change the
 /// task at once and queue the events, which `ScriptedTransferService::run` delivers. Steps need a running
-/// task; on any other they answer false and do nothing (`fail` and `challenge` also work on a suspended one).
+/// task; on any other they answer false and do nothing (`fail` also works on a suspended one).
 class ScriptedTask final : public ScriptedTaskOf<platform::URLSessionDownloadTask> {
 public:
   void cancelByProducingResumeData(std::function<void(platform::DataRef)> completion) override;
@@ -108,12 +113,6 @@ public:
 
   /// The whole body is `content`: missing progress, the finished event with a temporary file, the completion.
   bool finish(std::string content);
-
-  /// The same with a file that is there already; it counts as the temporary file and is removed like one.
-  bool finishWithFile(const std::string& path);
-
-  /// The transfer goes on at `offset`, as after an adopted part of an earlier process.
-  bool resumeAt(std::int64_t offset, std::int64_t expectedTotal);
 
   /// What `cancelByProducingResumeData` hands out instead of data made from the task (null: nothing).
   void setResumeData(platform::DataRef data);
@@ -138,7 +137,6 @@ private:
   bool _progressWaiting = false;
   std::int64_t _reported = 0;
   std::string _content;
-  std::optional<std::string> _file;
   bool _finished = false;
   std::optional<platform::DataRef> _scriptedResumeData;
 };
@@ -194,7 +192,8 @@ private:
   ScriptedSession(std::shared_ptr<scripted::Core> core, std::shared_ptr<scripted::SessionState> state,
                   platform::URLSessionConfiguration configuration);
   ScriptedTaskRef makeTaskLocked(std::uint64_t identifier, const platform::URLRequest& request);
-  void endAtOnceWhenClosedLocked(ScriptedTask& task);
+  void admitLocked(const ScriptedTaskRef& task);
+  void cancelLocked(bool journaled);
   void invalidate(bool cancelTasks);
   void journalLocked(const ScriptedTask& task);
 
@@ -218,7 +217,7 @@ struct Survivor {
 
 /// A transfer service without a network: the test plays every response, byte, failure and relaunch.
 ///
-/// It keeps the contracts of URLSession.h. Events wait until the test delivers them with `deliver` or `run`
+/// It keeps the contracts of URLSession.h. Events wait until the test delivers them with `run`
 /// on its own thread (`Delivery::Pumped`), which makes a test deterministic, or go to the sessions' queues at
 /// once (`Delivery::OnQueue`). Thread-safe; no callback runs under a lock. Every step takes constant or
 /// logarithmic time, so it carries benchmarks with very many tasks.
@@ -236,9 +235,6 @@ public:
                                                     platform::ErrorRef* error) override;
   std::shared_ptr<platform::URLSession> sharedSession() override;
   void shutdown() override;
-
-  /// Delivers the oldest waiting event; false when none waits (or when called from within an event).
-  bool deliver();
 
   /// Delivers events, those that they cause included, until none waits; answers how many. With
   /// `Delivery::OnQueue` it waits until the queues have delivered theirs

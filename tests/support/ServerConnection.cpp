@@ -1,11 +1,7 @@
 #include "tests/support/FaultServer.h"
 
-#include "tests/support/Expectation.h"
-
 #include <cerrno>
 #include <charconv>
-#include <condition_variable>
-#include <mutex>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/eventfd.h>
@@ -15,19 +11,10 @@
 namespace support {
 
 using platform::HTTPHeaders;
-using Lock = std::lock_guard<std::mutex>;
 
 // Gates
 
-struct Gate::Arrivals {
-  mutable std::mutex mutex;
-  std::condition_variable changed;
-  std::size_t count = 0;
-};
-
-Gate::Gate()
-    : _arrivals(std::make_unique<Arrivals>()),
-      _descriptor(::eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC)) {
+Gate::Gate() : _descriptor(::eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC)) {
   if (_descriptor < 0)
     throw std::runtime_error("eventfd");
 }
@@ -42,22 +29,6 @@ void Gate::open() {
 
 void Gate::release(unsigned times) {
   ::eventfd_write(_descriptor, times);
-}
-
-bool Gate::waitUntilReached(std::size_t arrivals) {
-  std::unique_lock lock(_arrivals->mutex);
-  return _arrivals->changed.wait_for(lock, WaitBound, [&] { return _arrivals->count >= arrivals; });
-}
-
-std::size_t Gate::arrivals() const {
-  Lock lock(_arrivals->mutex);
-  return _arrivals->count;
-}
-
-void Gate::arrive() {
-  Lock lock(_arrivals->mutex);
-  ++_arrivals->count;
-  _arrivals->changed.notify_all();
 }
 
 // Connections
@@ -106,20 +77,16 @@ bool ServerConnection::sendChunk(std::string_view bytes) {
 bool ServerConnection::wait(Gate& gate) {
   if (!_open)
     return false;
-  gate.arrive();
+  gate._arrivals.fulfil();
   while (_open) {
-    pollfd wanted[] = {{gate.descriptor(), POLLIN, 0}, {_stop, POLLIN, 0}, {_socket, POLLRDHUP, 0}};
+    pollfd wanted[] = {{gate._descriptor, POLLIN, 0}, {_stop, POLLIN, 0}, {_socket, POLLRDHUP, 0}};
     ::poll(wanted, 3, -1);
     if (wanted[1].revents || wanted[2].revents)
       _open = false;
-    else if (eventfd_t one = 0; wanted[0].revents && ::eventfd_read(gate.descriptor(), &one) == 0)
+    else if (eventfd_t one = 0; wanted[0].revents && ::eventfd_read(gate._descriptor, &one) == 0)
       break;
   }
   return _open;
-}
-
-void ServerConnection::close() {
-  _open = false;
 }
 
 void ServerConnection::reset() {

@@ -13,10 +13,10 @@ namespace support {
 /// A fresh directory, removed with everything below it at the end of its scope.
 class TemporaryDirectory {
 public:
-  TemporaryDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tolvane-test-XXXXXX").string();
+  explicit TemporaryDirectory(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+    std::string pattern = (parent / "tolvane-test-XXXXXX").string();
     if (!::mkdtemp(pattern.data()))
-      throw std::runtime_error("cannot make a temporary directory");
+      throw std::runtime_error("cannot make a directory in " + parent.string());
     _path = std::filesystem::canonical(pattern).string();
   }
   ~TemporaryDirectory() {
