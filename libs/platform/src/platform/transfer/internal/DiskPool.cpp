@@ -2,11 +2,17 @@
 
 #include "platform/transfer/internal/ThreadStart.h"
 
+#include <system_error>
+
 namespace platform::transfer {
 
-DiskPool::DiskPool(unsigned threads) {
-  for (unsigned i = 0; i < threads; ++i)
-    _threads.push_back(startThread("disk", [this] { run(); }));
+DiskPool::DiskPool(unsigned mostThreads) : _mostThreads(mostThreads) {
+  if (mostThreads > 0)
+    startThread();
+}
+
+void DiskPool::startThread() {
+  _threads.push_back(transfer::startThread("disk", [this] { run(); }));
 }
 
 void DiskPool::add(std::function<void()> work) {
@@ -14,6 +20,12 @@ void DiskPool::add(std::function<void()> work) {
     std::lock_guard guard(_mutex);
     if (!_stopping) {
       _items.push_back(std::move(work));
+      if (_items.size() > _idle && _threads.size() < _mostThreads) {
+        try {
+          startThread();
+        } catch (const std::system_error&) { // the ones that run do it later
+        }
+      }
       _wake.notify_one();
       return;
     }
@@ -35,7 +47,9 @@ void DiskPool::stop() {
 void DiskPool::run() {
   std::unique_lock lock(_mutex);
   for (;;) {
+    ++_idle;
     _wake.wait(lock, [this] { return _stopping || !_items.empty(); });
+    --_idle;
     if (_items.empty())
       return;
     auto work = std::move(_items.front());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstddef>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -9,11 +10,12 @@
 
 namespace platform::transfer {
 
-/// A few threads for work that waits for the disk. Items start in the order in which they were given and
-/// may run side by side; who needs an order gives the next item when the one before has ended. Thread-safe.
+/// A few threads for work that waits for the disk, started as they are needed. Items start in the order in
+/// which they were given and may run side by side; who needs an order gives the next item when the one before
+/// has ended. Thread-safe.
 class DiskPool {
 public:
-  explicit DiskPool(unsigned threads);
+  explicit DiskPool(unsigned mostThreads);
   ~DiskPool() { stop(); }
 
   void add(std::function<void()> work);
@@ -22,11 +24,14 @@ public:
   void stop();
 
 private:
+  void startThread();
   void run();
 
   std::mutex _mutex;
   std::condition_variable _wake;
   std::deque<std::function<void()>> _items;
+  const unsigned _mostThreads;
+  std::size_t _idle = 0; ///< threads that wait for an item
   bool _stopping = false;
   std::vector<std::thread> _threads;
 };

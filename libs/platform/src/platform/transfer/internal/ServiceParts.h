@@ -15,6 +15,9 @@ namespace platform::transfer {
 /// What a service is made of, in the order in which the parts stand on each other. The threads are ended by
 /// the service before it lets go, so whoever holds the last reference destroys nothing that runs.
 struct ServiceParts {
+  /// Each body waits for the disk several times; a disk serves many that wait better than few.
+  static constexpr unsigned MostDiskThreads = 8;
+
   HTTPTransferServiceOptions options;
   OwnerLocks locks;
   std::unique_ptr<OwnerLocks::Lock> processLock;
@@ -26,7 +29,7 @@ struct ServiceParts {
   ServiceParts(HTTPTransferServiceOptions serviceOptions, std::unique_ptr<OwnerLocks::Lock> process,
                std::unique_ptr<Journal> openJournal)
       : options(std::move(serviceOptions)), locks(options.directory + "/locks"),
-        processLock(std::move(process)), journal(std::move(openJournal)), disk(4),
+        processLock(std::move(process)), journal(std::move(openJournal)), disk(MostDiskThreads),
         store(options.directory, processLock->owner(), locks, disk), network(options, store, disk) {}
 };
 
