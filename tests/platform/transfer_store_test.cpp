@@ -55,9 +55,13 @@ TEST_F(StoreTest, AdoptsOnlyWhatNobodyHas) {
   ASSERT_TRUE(lock);
   EXPECT_FALSE(locks.take("s-1", &holder, &failure));
   EXPECT_EQ(holder, ::getpid());
+  const auto mayHoldOne = [this] { return store.mayHoldOrphan("GET", "http://host/a", ""); };
+  std::filesystem::last_write_time(directory / "partials", std::filesystem::file_time_type::min());
+  EXPECT_FALSE(mayHoldOne());
   PartialDescription description;
   description.owner = "s-1";
   auto name = leave(description);
+  EXPECT_TRUE(mayHoldOne());
   EXPECT_FALSE(adopt());
   EXPECT_FALSE(store.reclaim(name, "s-2", "GET", "http://host/a", ""));
   EXPECT_FALSE(store.reclaim(name, "s-1", "GET", "http://host/b", ""));

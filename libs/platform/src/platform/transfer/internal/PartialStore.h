@@ -44,8 +44,8 @@ public:
 
   static std::string keyOf(const std::string& method, const std::string& url, const std::string& range);
 
-  /// Cheap and without promise: whether looking for an orphan is worthwhile.
-  bool mayHoldOrphan(const std::string& key) const;
+  /// Cheap and without promise: whether looking for an orphan is worthwhile. For the network thread only.
+  bool mayHoldOrphan(const std::string& method, const std::string& url, const std::string& range) const;
 
   /// A body of which nothing is held; nothing is on disk before it asks for it.
   std::shared_ptr<PartialFile> create(const std::string& key) const;
@@ -96,6 +96,8 @@ private:
   std::optional<Claim> salvage(const std::string& key, const std::string& method, const std::string& url,
                                const std::string& range) const;
 
+  bool isKnownEmpty() const;
+
   std::string _partials;
   std::string _finished;
   std::string _process;
@@ -103,6 +105,8 @@ private:
   DiskPool& _disk;
   mutable WriteBuffers _buffers;
   mutable std::atomic<bool> _highSlots{false}; ///< a name may stand that does not end in "-0"
+  mutable std::int64_t _emptyVersion = -1;     ///< when partials/ was last changed, and empty then
+  mutable std::chrono::steady_clock::time_point _nextListing{};
   mutable std::atomic<std::uint64_t> _number{0};
   mutable std::mutex _leftMutex;
   mutable std::unordered_multimap<std::string, std::string> _left; ///< key to name below finished/

@@ -116,8 +116,7 @@ void Transfer::prepare() {
   auto& store = _network.store();
   const auto url = request.url().absoluteString();
   const bool mayAdopt = request.HTTPMethod() == "GET";
-  if (!mayAdopt ||
-      (name.empty() && !store.mayHoldOrphan(PartialStore::keyOf(request.HTTPMethod(), url, range)))) {
+  if (!mayAdopt || (name.empty() && !store.mayHoldOrphan(request.HTTPMethod(), url, range))) {
     attempt();
     return;
   }
