@@ -302,7 +302,7 @@ void DashDownloader::inspectContent(const std::string& source, const platform::H
 }
 
 /// A line for each quality that is wanted or there, in the movie's order, so that a line keeps its place.
-void DashDownloader::updateRenditions(const QVMovieDownloadSet& set, Download& download) const {
+halvix::DownloadProgress::Renditions DashDownloader::renditionsOf(const QVMovieDownloadSet& set) const {
   QVQualityList qualities = set.downloadedQualities().value_or(QVQualityList());
   if (auto selected = set.selectedQualities())
     qualities.insert(qualities.end(), selected->begin(), selected->end());
@@ -318,7 +318,7 @@ void DashDownloader::updateRenditions(const QVMovieDownloadSet& set, Download& d
         rendition.downloadedContentSize = set.downloadedBytesForQuality(quality);
         renditions->push_back(std::move(rendition));
       }
-  download.setProgress(download.progress().copyWithRenditions(std::move(renditions)));
+  return renditions;
 }
 
 void DashDownloader::movieDownloadSetDidChangeStatus(const std::shared_ptr<QVMovieDownloadSet>& set,
@@ -336,11 +336,16 @@ void DashDownloader::movieDownloadSetDidUpdateProgress(const std::shared_ptr<QVM
   auto download = findDownload(set->uuid());
   if (!download)
     return;
-  download->setProgress(download->progress()
-                            .copyWithExpectedContentSize(set->expectedBytes().value)
-                            .copyWithDownloadedContentSize(set->downloadedBytes())
-                            .copyWithProgress(progress.value));
-  updateRenditions(*set, *download);
+  const auto told = download->progress();
+  const std::int64_t expected = set->expectedBytes().value, downloaded = set->downloadedBytes();
+  // A body that ends reports its last bytes a second time.
+  if (told.renditions() && told.expectedContentSize() == expected &&
+      told.downloadedContentSize() == downloaded)
+    return;
+  download->setProgress(told.copyWithExpectedContentSize(expected)
+                            .copyWithDownloadedContentSize(downloaded)
+                            .copyWithProgress(progress.value)
+                            .copyWithRenditions(renditionsOf(*set)));
   if (halvix::logEnabled(halvix::LogLevel::debug))
     halvix::log_d(logTag, set->uuid() + " progress " + std::to_string(progress.value));
 }
@@ -371,8 +376,8 @@ void DashDownloader::movieDownloadSetDidCompleteWithError(const std::shared_ptr<
     download->setProgress(download->progress()
                               .copyWithExpectedContentSize(bytes)
                               .copyWithDownloadedContentSize(bytes)
-                              .copyWithProgress(1));
-    updateRenditions(*set, *download);
+                              .copyWithProgress(1)
+                              .copyWithRenditions(renditionsOf(*set)));
     download->setState(DownloadState::success);
   } else {
     halvix::log_e(logTag, uuid + " completed with error " + error->localizedDescription());

@@ -75,7 +75,7 @@ private:
 
   std::shared_ptr<QVMovieDownloadSet> activeSet(const std::string& uuid) const;
   void describe(const QVMovieDownloadSet& set, halvix::Download& download) const;
-  void updateRenditions(const QVMovieDownloadSet& set, halvix::Download& download) const;
+  halvix::DownloadProgress::Renditions renditionsOf(const QVMovieDownloadSet& set) const;
   template <class Command> halvix::QVErrorRef command(const std::string& uuid, const char* what, Command run);
 
   std::shared_ptr<QVMovieDownloader> _downloader;

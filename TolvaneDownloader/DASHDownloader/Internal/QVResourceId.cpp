@@ -65,12 +65,18 @@ QVResourceId QVResourceId::resourceIdWithJSONString(const std::string& text) {
 }
 
 std::string QVResourceId::serializeToJSON() const {
-  platform::JSON object = platform::JSON::object();
+  // Written with every change of a task's status, so no object is built for it.
+  std::string text = "{";
+  const auto add = [&text](const char* key, const std::string& value) {
+    if (text.size() > 1)
+      text += ',';
+    text.append("\"").append(key).append("\":").append(value);
+  };
   if (_manifestURL)
-    object[manifestURLKey] = *_manifestURL;
+    add(manifestURLKey, platform::serializeJSON(*_manifestURL));
   if (_qualityId)
-    object[qualityIdKey] = *_qualityId;
-  object[resourceIndexKey] = _resourceIndex;
-  object[statusKey] = _status;
-  return platform::serializeJSON(object);
+    add(qualityIdKey, platform::serializeJSON(*_qualityId));
+  add(resourceIndexKey, std::to_string(_resourceIndex));
+  add(statusKey, std::to_string(_status));
+  return text + '}';
 }
