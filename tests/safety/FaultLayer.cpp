@@ -14,6 +14,7 @@
 #include <linux/limits.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -155,6 +156,16 @@ FAULT_LAYER_OPEN(openat64, from, (int from, const char* path, int flags, ...))
   }
 FAULT_LAYER_PWRITE(pwrite)
 FAULT_LAYER_PWRITE(pwrite64)
+
+#define FAULT_LAYER_PWRITEV2(name)                                                                           \
+  __attribute__((visibility("default"))) ssize_t name(int file, const iovec* parts, int count,               \
+                                                      off64_t offset, int flags) {                           \
+    return Call("write", file).run([=] {                                                                     \
+      return syscall(SYS_pwritev2, file, parts, count, offset, 0L, flags);                                   \
+    });                                                                                                      \
+  }
+FAULT_LAYER_PWRITEV2(pwritev2)
+FAULT_LAYER_PWRITEV2(pwritev64v2)
 
 // Threads wake each other by writing to descriptors, which a thread checker must see.
 __attribute__((visibility("default"))) ssize_t write(int file, const void* bytes, size_t count) {

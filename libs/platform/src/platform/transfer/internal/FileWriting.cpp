@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace platform::transfer {
@@ -12,6 +13,8 @@ namespace platform::transfer {
 namespace {
 // For less the page cache is no detour.
 constexpr std::int64_t LeastDirect = 64LL << 10;
+// RWF_DONTCACHE of Linux 6.14, which older headers do not name.
+constexpr int DontCache = 0x80;
 } // namespace
 
 int writeAll(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset) {
@@ -57,6 +60,16 @@ int writeBody(int descriptor, const char* bytes, std::size_t count, std::int64_t
   if (failure == 0 && cached) // what the disk has to do is begun now, not left to the end
     ::sync_file_range(descriptor, start, end - start, SYNC_FILE_RANGE_WRITE);
   return failure;
+}
+
+int writeWholeBody(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset) {
+  const iovec body{const_cast<char*>(bytes), count};
+  const auto written = ::pwritev2(descriptor, &body, 1, offset, DontCache);
+  if (written < 0 && errno != EOPNOTSUPP && errno != EINTR)
+    return errno;
+  const auto done = written > 0 ? static_cast<std::size_t>(written) : 0;
+  offset += static_cast<std::int64_t>(done);
+  return done == count ? 0 : writeBody(descriptor, bytes + done, count - done, offset);
 }
 
 int replaceFile(const std::string& path, const std::string& text) {

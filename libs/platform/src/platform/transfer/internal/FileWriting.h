@@ -15,6 +15,10 @@ int writeAll(int descriptor, const char* bytes, std::size_t count, std::int64_t&
 /// goes; else everything takes the ordinary way. Nobody else may write through `descriptor` meanwhile.
 int writeBody(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset);
 
+/// The same for a body that is whole and synced next: with its unaligned end through the page cache, which
+/// gives the memory back at once. Where the system cannot do that (Linux before 6.14), as `writeBody` does.
+int writeWholeBody(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset);
+
 /// Replaces the file at `path`, by a new one that is synced and renamed. Answers 0 or errno.
 int replaceFile(const std::string& path, const std::string& text);
 

@@ -393,7 +393,8 @@ int PartialFile::writeWhole(const std::string& path) {
     return errno;
   for (const auto& portion : _filling) {
     auto end = portion.at;
-    if (int failure = writeBody(_descriptor, portion.bytes(), static_cast<std::size_t>(portion.length), end))
+    if (int failure =
+            writeWholeBody(_descriptor, portion.bytes(), static_cast<std::size_t>(portion.length), end))
       return failure;
   }
   return 0;
