@@ -202,6 +202,11 @@ QVErrorRef DashDownloader::startDownload(const std::string& uuid,
     // wanted the download stays idle.
     if (auto error = unfetchableError(*set, chosen))
       movieDownloadSetDidCompleteWithError(set, error);
+    else if (!chosen.empty() && haveNoContent(*set, chosen))
+      return QVErrorBuilder(ErrorType::downloader_request_creation_failed)
+          .severity(ErrorSeverity::fatal)
+          .message("the manifest names no segments for what was chosen; there is nothing to download")
+          .build();
     else if (!chosen.empty() && allDownloaded(*set, chosen))
       movieDownloadSetDidCompleteWithError(set, nullptr);
     else if (!chosen.empty())

@@ -54,6 +54,11 @@ bool allDownloaded(const QVMovieDownloadSet& set, const QVQualityList& qualities
                      [&set](const auto& quality) { return set.isQualityDownloaded(quality); });
 }
 
+bool haveNoContent(const QVMovieDownloadSet& set, const QVQualityList& qualities) {
+  return std::all_of(qualities.begin(), qualities.end(),
+                     [&set](const auto& quality) { return set.expectedBytesForQuality(quality).value == 0; });
+}
+
 platform::ErrorRef unfetchableError(const QVMovieDownloadSet& set, const QVQualityList& qualities) {
   for (const auto& info : set.selectedQualitiesInfo())
     if (std::find(qualities.begin(), qualities.end(), info->quality()) != qualities.end())

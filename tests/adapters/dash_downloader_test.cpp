@@ -122,6 +122,21 @@ TEST_F(DashAdapter, FailuresToPrepareCarryTheirReason) {
   EXPECT_FALSE(platform::FileManager::fileExistsAtPath(adapter->downloadPath() + "/" + download->uuid()));
 }
 
+TEST_F(DashAdapter, WhatHasNoSegmentsIsNoSuccess) {
+  auto empty = manifest;
+  for (const char* media : {"hi-1", "hi-2"})
+    empty.erase(empty.find("<SegmentURL media=\"" + std::string(media)), 29);
+  const auto download = create();
+  ASSERT_EQ(prepare(download->uuid(), 200, empty), nullptr);
+  halvix::Selection selection;
+  selection.video = {download->videoTracks()[0].renditions[0]};
+  download->setSelection(selection);
+  const auto error = adapter->startDownload(download->uuid(), {});
+  ASSERT_TRUE(error);
+  EXPECT_NE(halvix::describeError(error).find("no segments"), std::string::npos);
+  EXPECT_EQ(download->state(), DownloadState::idle);
+}
+
 TEST_F(DashAdapter, CommandsNeedADownloadThatWasPrepared) {
   auto download = create();
   EXPECT_TRUE(adapter->startDownload(download->uuid(), {}));
