@@ -6,6 +6,8 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVTrack.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVVideoQuality.h"
 
+#include "platform/foundation/ASCII.h"
+
 #include <algorithm>
 
 namespace {
@@ -21,9 +23,8 @@ void fillCommon(R& rendition, const std::shared_ptr<QVQuality>& quality, const Q
 }
 
 bool mentions(const std::string& text, const std::string& word) {
-  auto lower = [](unsigned char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c); };
   return std::search(text.begin(), text.end(), word.begin(), word.end(),
-                     [&](char a, char b) { return lower(static_cast<unsigned char>(a)) == b; }) != text.end();
+                     [](char a, char b) { return platform::asciiLowered(a) == b; }) != text.end();
 }
 
 halvix::TextTrackFormat textFormat(const std::string& trackName) {

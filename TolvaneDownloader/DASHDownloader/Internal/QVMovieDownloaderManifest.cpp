@@ -8,6 +8,7 @@
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylist.h"
 #include "TolvaneDownloader/DASHDownloader/Internal/QVPlaylistFactory.h"
 
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/Exception.h"
 #include "platform/foundation/FileManager.h"
 #include "platform/foundation/StringHash.h"
@@ -114,12 +115,8 @@ std::string QVMovieDownloader::downloadIdWithURL(const std::string& url) const {
   Lock lock(_lock);
   std::uint64_t host = 0, path = 0, query = 0;
   if (const auto parsed = platform::URL::URLWithString(url)) {
-    if (auto name = parsed->host()) {
-      std::transform(name->begin(), name->end(), name->begin(), [](char character) {
-        return character >= 'A' && character <= 'Z' ? static_cast<char>(character + ('a' - 'A')) : character;
-      });
-      host = platform::stringHash(*name);
-    }
+    if (const auto name = parsed->host())
+      host = platform::stringHash(platform::asciiLowered(*name));
     path = platform::stringHash(parsed->path());
     query = platform::stringHash(parsed->query());
   }

@@ -6,11 +6,11 @@
 #include "halvix/HostEnvironment.h"
 #include "halvix/Log.h"
 
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/FileManager.h"
 #include "platform/foundation/UUID.h"
 
 #include <algorithm>
-#include <cctype>
 #include <utility>
 
 namespace halvix {
@@ -20,9 +20,7 @@ namespace {
 constexpr std::string_view tag = "[BaseDownloader]";
 
 std::string randomUuid() {
-  std::string text = platform::newUUIDString();
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-  return text;
+  return platform::asciiLowered(platform::newUUIDString());
 }
 
 platform::HTTPHeaders overlaid(platform::HTTPHeaders under, const platform::HTTPHeaders& over) {

@@ -1,5 +1,6 @@
 #include "halvix/ContentName.h"
 
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/URL.h"
 #include "platform/transfer/URLRequest.h"
 
@@ -14,16 +15,6 @@ namespace {
 
 constexpr std::size_t longestName = 200;
 
-char lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-std::string lowered(std::string_view text) {
-  std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), lower);
-  return result;
-}
-
 std::string_view trimmed(std::string_view text) {
   const auto blank = [](char c) { return c == ' ' || c == '\t'; };
   while (!text.empty() && blank(text.front()))
@@ -36,7 +27,7 @@ std::string_view trimmed(std::string_view text) {
 /// Takes one "name=value" off the front of the parameters; the value without its quotes.
 std::pair<std::string, std::string> takeParameter(std::string_view& rest) {
   const std::size_t end = rest.find_first_of("=;");
-  const std::string name = lowered(trimmed(rest.substr(0, end)));
+  const std::string name = platform::asciiLowered(trimmed(rest.substr(0, end)));
   if (end == std::string_view::npos || rest[end] == ';') {
     rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
     return {name, {}};
@@ -65,7 +56,7 @@ std::pair<std::string, std::string> takeParameter(std::string_view& rest) {
 int hexDigit(char c) {
   if (c >= '0' && c <= '9')
     return c - '0';
-  c = lower(c);
+  c = platform::asciiLowered(c);
   return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
 }
 
@@ -75,7 +66,7 @@ std::optional<std::string> decodedExtendedValue(std::string_view value) {
   const std::size_t second = first == std::string_view::npos ? first : value.find('\'', first + 1);
   if (second == std::string_view::npos)
     return std::nullopt;
-  const std::string charset = lowered(value.substr(0, first));
+  const std::string charset = platform::asciiLowered(value.substr(0, first));
   if (charset != "utf-8" && charset != "iso-8859-1")
     return std::nullopt;
   std::string text;
@@ -127,7 +118,7 @@ std::string_view extensionOf(std::string_view name) {
 }
 
 bool fits(std::string_view extension, ContentType type) {
-  const std::string text = lowered(extension);
+  const std::string text = platform::asciiLowered(extension);
   if (type == ContentType::mp3)
     return text == ".mp3";
   return text == ".mp4" || text == ".m4v" || text == ".m4a";

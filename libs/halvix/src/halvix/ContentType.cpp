@@ -1,21 +1,12 @@
 #include "halvix/ContentType.h"
 
-#include <algorithm>
+#include "platform/foundation/ASCII.h"
+
 #include <cstddef>
 
 namespace halvix {
 
 namespace {
-
-char lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-std::string lowered(std::string_view text) {
-  std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), lower);
-  return result;
-}
 
 /// The path as written, without scheme, authority, query, fragment and trailing slashes.
 std::string_view pathOf(std::string_view url) {
@@ -44,7 +35,7 @@ std::optional<ContentType> contentTypeFromRawValue(std::string_view raw) {
 }
 
 std::optional<ContentType> contentTypeFromURL(std::string_view url) {
-  const std::string path = lowered(pathOf(url));
+  const std::string path = platform::asciiLowered(pathOf(url));
   const std::string_view view = path;
   const std::string_view last = view.substr(view.rfind('/') + 1); // npos + 1 is 0
   if (last.ends_with(".mpd") || last.ends_with(".ismc") || last == "manifest")
@@ -90,7 +81,7 @@ std::optional<ContentType> contentTypeFromMIMEType(std::string_view headerValue)
       {"audio/x-mp3", ContentType::mp3},
       {"audio/mpeg3", ContentType::mp3},
   };
-  const std::string mime = lowered(headerValue);
+  const std::string mime = platform::asciiLowered(headerValue);
   for (const Entry& entry : table)
     if (entry.mime == mime)
       return entry.type;

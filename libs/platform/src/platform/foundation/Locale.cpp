@@ -1,4 +1,5 @@
 #include "platform/foundation/Locale.h"
+#include "platform/foundation/ASCII.h"
 
 #include <algorithm>
 #include <array>
@@ -23,14 +24,6 @@ constexpr std::array aliases = std::to_array<Alias>({
     {"may", "ms"}, {"per", "fa"}, {"rum", "ro"}, {"slo", "sk"}, {"tib", "bo"}, {"wel", "cy"}, {"in", "id"},
     {"iw", "he"},  {"ji", "yi"},  {"jw", "jv"},  {"mo", "ro"},  {"mol", "ro"}, {"scc", "sr"}, {"scr", "hr"},
 });
-
-std::string lowerCased(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower)
-    if (c >= 'A' && c <= 'Z')
-      c = static_cast<char>(c - 'A' + 'a');
-  return lower;
-}
 
 // "de_AT.UTF-8@euro" → "de-AT"; a BCP 47 tag stays as it is.
 std::string languageTag(std::string_view identifier) {
@@ -95,7 +88,7 @@ std::optional<std::string> Locale::displayNameForLanguageCode(const std::string&
 }
 
 std::string Locale::canonicalLanguage(const std::string& code) {
-  const std::string lower = lowerCased(code);
+  const std::string lower = asciiLowered(code);
   const std::string language = lower.substr(0, lower.find_first_of("-_"));
   const auto alias = std::find_if(aliases.begin(), aliases.end(),
                                   [&](const Alias& entry) { return entry.code == language; });

@@ -1,5 +1,7 @@
 #include "platform/transfer/URLRequest.h"
 
+#include "platform/foundation/ASCII.h"
+
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -8,10 +10,6 @@
 namespace platform {
 
 namespace {
-
-unsigned char asciiLower(char c) {
-  return static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-}
 
 std::optional<std::string> valueIn(const HTTPHeaders& headers, std::string_view field) {
   const auto it = headers.find(field);
@@ -94,7 +92,7 @@ constexpr std::array classTexts = {"informational", "success", "redirected", "cl
 
 bool HeaderNameLess::operator()(std::string_view a, std::string_view b) const {
   return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
-                                      [](char x, char y) { return asciiLower(x) < asciiLower(y); });
+                                      [](char x, char y) { return asciiLowered(x) < asciiLowered(y); });
 }
 
 std::optional<std::string> URLRequest::valueForHTTPHeaderField(std::string_view field) const {

@@ -1,5 +1,7 @@
 #include "platform/transfer/internal/HTTPRules.h"
 
+#include "platform/foundation/ASCII.h"
+
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -17,13 +19,9 @@ std::string_view trimmed(std::string_view text) {
   return text;
 }
 
-char lowered(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 bool startsWithNoCase(std::string_view text, std::string_view lowerPrefix) {
   return text.size() >= lowerPrefix.size() && std::equal(lowerPrefix.begin(), lowerPrefix.end(), text.begin(),
-                                                         [](char a, char b) { return a == lowered(b); });
+                                                         [](char a, char b) { return a == asciiLowered(b); });
 }
 
 std::size_t findNoCase(std::string_view text, std::string_view lowerNeedle) {
@@ -178,9 +176,7 @@ std::optional<ChallengeOffer> parseChallenge(std::string_view text) {
 }
 
 std::string originOf(const URL& url) {
-  std::string scheme = url.scheme().value_or(""), host = url.host().value_or("");
-  std::transform(scheme.begin(), scheme.end(), scheme.begin(), lowered);
-  std::transform(host.begin(), host.end(), host.begin(), lowered);
+  const auto scheme = asciiLowered(url.scheme().value_or("")), host = asciiLowered(url.host().value_or(""));
   int port = url.port() ? *url.port() : scheme == "https" ? 443 : 80;
   return scheme + "://" + host + ":" + std::to_string(port);
 }

@@ -120,32 +120,17 @@ void Transfer::fail(ErrorRef error) {
 
 void Transfer::keepAndEnd(ErrorRef error, bool forAnybody) {
   const bool worthKeeping = _file && held() > 0 && _resumable && _description.validators.ifRange();
-  if (!_file && !_parkedName.empty()) {
-    // Suspended earlier: closed, and described as this session's.
-    auto name = std::exchange(_parkedName, {});
-    const auto length = _task.received();
+  // Suspended earlier, or never looked at yet: it is closed and described.
+  auto name = _file ? std::string() : std::exchange(_parkedName, {});
+  if (!_file && name.empty() && _task.isDownload())
+    name = _task.partialToTake;
+  if (!name.empty()) {
     if (!forAnybody) {
       end({std::move(error)});
       return;
     }
     _phase = Phase::Storing;
-    onDisk(
-        [&store = _network.store(), name, owner = _task.session()->owner()] { store.release(name, owner); },
-        [error = std::move(error), name, length](Transfer& self) {
-          auto data = self.resumeData(name, length);
-          self.end({withResumeData(error, data), {}, nullptr, data});
-        });
-    return;
-  }
-  if (!_file && !_task.partialToTake.empty() && _task.isDownload()) {
-    // Never looked at yet: it still is what it was.
-    auto data = forAnybody ? resumeData(_task.partialToTake, _task.received()) : nullptr;
-    auto name = _task.partialToTake;
-    if (!forAnybody) {
-      end({std::move(error)});
-      return;
-    }
-    _phase = Phase::Storing;
+    auto data = resumeData(name, _task.received());
     onDisk(
         [&store = _network.store(), name, owner = _task.session()->owner()] { store.release(name, owner); },
         [error = std::move(error), data](Transfer& self) {
