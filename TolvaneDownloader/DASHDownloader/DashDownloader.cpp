@@ -200,17 +200,18 @@ QVErrorRef DashDownloader::startDownload(const std::string& uuid,
       return nullptr;
     // Nothing was left to fetch: all that is wanted is there, or it cannot be fetched at all. With nothing
     // wanted the download stays idle.
-    if (auto error = unfetchableError(*set, chosen))
+    if (auto error = unfetchableError(*set, chosen)) {
       movieDownloadSetDidCompleteWithError(set, error);
-    else if (!chosen.empty() && haveNoContent(*set, chosen))
-      return QVErrorBuilder(ErrorType::downloader_request_creation_failed)
-          .severity(ErrorSeverity::fatal)
-          .message("the manifest names no segments for what was chosen; there is nothing to download")
-          .build();
-    else if (!chosen.empty() && allDownloaded(*set, chosen))
+    } else if (!chosen.empty() && allDownloaded(*set, chosen)) {
+      if (downloadedNothing(*set, chosen))
+        return QVErrorBuilder(ErrorType::downloader_request_creation_failed)
+            .severity(ErrorSeverity::fatal)
+            .message("the manifest names no segments for what was chosen; there is nothing to download")
+            .build();
       movieDownloadSetDidCompleteWithError(set, nullptr);
-    else if (!chosen.empty())
+    } else if (!chosen.empty()) {
       return fatal(ErrorType::downloader_request_creation_failed, _downloader->sessionError());
+    }
   } catch (const platform::Exception& exception) {
     return fatal(ErrorType::downloader_request_creation_failed, reasonOf(exception));
   }

@@ -54,9 +54,12 @@ bool allDownloaded(const QVMovieDownloadSet& set, const QVQualityList& qualities
                      [&set](const auto& quality) { return set.isQualityDownloaded(quality); });
 }
 
-bool haveNoContent(const QVMovieDownloadSet& set, const QVQualityList& qualities) {
-  return std::all_of(qualities.begin(), qualities.end(),
-                     [&set](const auto& quality) { return set.expectedBytesForQuality(quality).value == 0; });
+bool downloadedNothing(const QVMovieDownloadSet& set, const QVQualityList& qualities) {
+  const auto downloaded = set.downloadedQualitiesInfo();
+  return std::all_of(downloaded.begin(), downloaded.end(), [&qualities](const auto& info) {
+    return info->resources().empty() ||
+           std::find(qualities.begin(), qualities.end(), info->quality()) == qualities.end();
+  });
 }
 
 platform::ErrorRef unfetchableError(const QVMovieDownloadSet& set, const QVQualityList& qualities) {

@@ -20,8 +20,9 @@ QVQualityList selectRenditions(QVMovieDownloadSet& set, const halvix::Download& 
 
 bool allDownloaded(const QVMovieDownloadSet& set, const QVQualityList& qualities);
 
-/// Whether the manifest names no segments for any of them, so that there is nothing to play.
-bool haveNoContent(const QVMovieDownloadSet& set, const QVQualityList& qualities);
+/// Of qualities that are all downloaded: whether the manifest names no segments for any of them, so that
+/// there is nothing to play.
+bool downloadedNothing(const QVMovieDownloadSet& set, const QVQualityList& qualities);
 
 /// The error of a set that has nothing left to fetch although some of the qualities could not be had; null
 /// when none of them failed. Only while no run is active.

@@ -1,4 +1,5 @@
 #include "platform/foundation/Locale.h"
+
 #include "platform/foundation/ASCII.h"
 
 #include <algorithm>
