@@ -109,6 +109,7 @@ TEST_F(AssetFaultTest, AMissingSegmentIsNamedTheRestIsKeptAndTheNextDownloadFetc
   for (const auto& entry : fs::recursive_directory_iterator(first->location()))
     if (entry.path().extension() == ".ts")
       kept.push_back("/v/s" + std::to_string(readFile(entry.path()).at(0) - 'a') + ".ts");
+  EXPECT_FALSE(kept.empty());
   relaunch();
   EXPECT_THAT(tasks(), SizeIs(0)) << "one that has failed is listed again";
   const auto second = start(asset(server.url("/v/list")));

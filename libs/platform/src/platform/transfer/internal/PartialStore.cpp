@@ -11,8 +11,10 @@
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace platform::transfer {
@@ -22,8 +24,8 @@ namespace {
 // Two transfers of one request at once are rare; orphans are looked for in the first few places only.
 constexpr int SearchedSlots = 4;
 constexpr int MostSlots = 4096;
-// A directory in which large bodies come and go is not listed for each of them.
-constexpr std::chrono::seconds ListingInterval{1};
+// A directory in which large bodies come and go is not opened for each of them.
+constexpr std::chrono::seconds EmptinessInterval{1};
 
 std::string slotName(const std::string& key, int slot) {
   return key + "-" + std::to_string(slot);
@@ -117,7 +119,7 @@ std::string PartialStore::keyOf(const std::string& method, const std::string& ur
 bool PartialStore::mayHoldOrphan(const std::string& method, const std::string& url,
                                  const std::string& range) const {
   // Short bodies never have a file there, so for most libraries the directory is empty and stays it. Looking
-  // whether it was changed costs a tenth of looking for a name that is not there.
+  // whether it was changed costs a third of looking for a name that is not there.
   bool left;
   {
     std::lock_guard guard(_leftMutex);
@@ -139,17 +141,17 @@ bool PartialStore::isKnownEmpty() const {
   struct stat attributes {};
   if (::stat(_partials.c_str(), &attributes) != 0)
     return false;
-  const auto& changed = attributes.st_mtim;
-  const auto version = std::int64_t{changed.tv_sec} * 1'000'000'000 + changed.tv_nsec;
-  if (version == _emptyVersion)
+  const std::pair changed(attributes.st_mtim.tv_sec, attributes.st_mtim.tv_nsec);
+  if (changed == _emptySince)
     return true;
   const auto now = std::chrono::steady_clock::now();
-  if (now < _nextListing)
+  if (now < _nextEmptiness)
     return false;
-  _nextListing = now + ListingInterval;
-  if (!FileManager::contentsOfDirectoryAtPath(_partials).empty())
+  _nextEmptiness = now + EmptinessInterval;
+  std::error_code failure;
+  if (!std::filesystem::is_empty(_partials, failure))
     return false;
-  _emptyVersion = version;
+  _emptySince = changed;
   return true;
 }
 

@@ -6,11 +6,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 namespace platform::transfer {
 
@@ -105,8 +107,8 @@ private:
   DiskPool& _disk;
   mutable WriteBuffers _buffers;
   mutable std::atomic<bool> _highSlots{false}; ///< a name may stand that does not end in "-0"
-  mutable std::int64_t _emptyVersion = -1;     ///< when partials/ was last changed, and empty then
-  mutable std::chrono::steady_clock::time_point _nextListing{};
+  mutable std::optional<std::pair<std::time_t, long>> _emptySince; ///< when partials/ was changed to empty
+  mutable std::chrono::steady_clock::time_point _nextEmptiness{};  ///< when it is looked into again
   mutable std::atomic<std::uint64_t> _number{0};
   mutable std::mutex _leftMutex;
   mutable std::unordered_multimap<std::string, std::string> _left; ///< key to name below finished/
