@@ -99,6 +99,7 @@ void FileDownloader::reportInterruptedDownloads() {
 std::shared_ptr<ZRKFileDownloader> FileDownloader::downloader() {
   if (auto made = startedDownloader())
     return made;
+  places();
   ZRKFileDownloaderEnvironment surroundings;
   surroundings.bundleIdentifier = bundleIdentifier;
   surroundings.documentsDirectory = downloadPath();
@@ -130,8 +131,13 @@ bool FileDownloader::isUnderWay(const std::string& uuid) const {
   return queue && (queue->isDownloadingIdentifier(uuid) || queue->isWaitingForDownloadOfIdentifier(uuid));
 }
 
-std::string FileDownloader::folderOf(const std::string& uuid) const {
-  return downloadPath() + "/" + uuid;
+/// Made when the first is needed: a process that only looks makes no directory.
+FilePlaces& FileDownloader::places() {
+  std::call_once(_placesMade, [this] {
+    _places.emplace(downloadPath());
+    _groupSync.emplace(downloadPath());
+  });
+  return *_places;
 }
 
 std::string FileDownloader::fileNameOf(const Download& download) const {
@@ -142,18 +148,6 @@ std::string FileDownloader::fileNameOf(const Download& download) const {
   }
   return halvix::contentFileNameFromURL(download.contentUrl(),
                                         download.contentType().value_or(ContentType::mp4));
-}
-
-/// The files in the directory of a download that may be its own. What name a file has is up to the server,
-/// so an earlier process may have given another one.
-std::vector<std::string> FileDownloader::standingFilesOf(const Download& download) const {
-  const ContentType type = download.contentType().value_or(ContentType::mp4);
-  const std::string folder = folderOf(download.uuid());
-  std::vector<std::string> names = FileManager::contentsOfDirectoryAtPath(folder);
-  std::erase_if(names, [&](const std::string& name) {
-    return halvix::contentFileName(name, type) != name || !isRegularFile(folder + "/" + name);
-  });
-  return names;
 }
 
 /// A title that is only the name follows it; one that somebody chose stays.
@@ -191,10 +185,12 @@ void FileDownloader::prepareDownload(const std::string& uuid, PrepareCompletion 
   const ContentType type = download->contentType().value_or(ContentType::mp4);
   download->setTracks({});
   const bool nameFits = halvix::contentTypeFromURL(download->contentUrl()) == type;
+  const bool isNew = download->isProvisional();
+  withRun(uuid, [isNew](Run& run) { run.isNew = isNew; });
   // A file in its place without a record of its end: the process died between the two. The server knows
   // whether it is the one that is wanted.
-  const bool mayBeThere =
-      download->state() != DownloadState::success && !isUnderWay(uuid) && !standingFilesOf(*download).empty();
+  const bool mayBeThere = !isNew && download->state() != DownloadState::success && !isUnderWay(uuid) &&
+                          !places().leftOf(uuid).empty();
   if (nameFits && !mayBeThere)
     return completion(download, nullptr);
   askServer(download, std::move(completion));
@@ -223,13 +219,15 @@ void FileDownloader::learnFrom(const platform::HTTPURLResponse& response, Downlo
   const auto modified = response.lastModifiedSeconds();
   bool whole = false;
   if (length.value_or(0) > 0 && download.state() != DownloadState::success)
-    for (const std::string& standing : standingFilesOf(download)) {
-      const auto there = FileManager::attributesOfItemAtPath(folderOf(download.uuid()) + "/" + standing);
-      if (!there || there->size != length ||
-          there->modifiedSeconds != modified.value_or(there->modifiedSeconds))
+    for (const std::string& left : places().leftOf(download.uuid())) {
+      const auto there = FileManager::attributesOfItemAtPath(left);
+      // A short one without a date may have been placed before it was on stable storage.
+      const bool sameVersion =
+          there && (modified ? there->modifiedSeconds == *modified : there->size > longestUnsynced);
+      if (!sameVersion || there->size != length)
         continue;
       whole = true;
-      name = standing;
+      name = FilePlaces::nameOf(left);
       break;
     }
   rename(download, name);
@@ -277,7 +275,8 @@ QVErrorRef FileDownloader::startDownload(const std::string& uuid,
   if (auto events = dispatcher())
     events->dispatchDownloadStart(download);
   if (whole) {
-    place(uuid, folderOf(uuid) + "/" + fileNameOf(*download));
+    const std::string path = places().path(uuid, fileNameOf(*download));
+    place({uuid, path, FileManager::attributesOfItemAtPath(path), false, std::nullopt});
     return nullptr;
   }
   return later ? nullptr : startFileDownload(download);
@@ -294,7 +293,9 @@ QVErrorRef FileDownloader::startFileDownload(const std::shared_ptr<Download>& do
   const bool goesOn = download->state() != DownloadState::success;
   const std::string name = fileNameOf(*download);
   withRun(uuid, [&](Run& run) {
+    const bool isNew = run.isNew;
     run = Run();
+    run.isNew = isNew;
     run.fileName = name;
     run.contentUrl = download->contentUrl();
     run.heldBefore = goesOn ? download->progress().downloadedContentSize() : 0;
@@ -329,7 +330,9 @@ QVErrorRef FileDownloader::pauseDownload(const std::string& uuid) {
     placed = run.placed;
     wasEnding = std::exchange(run.ending, !placed);
   });
-  if (wasEnding || placed) // there is nothing left to pause
+  if (placed)
+    endCollecting(); // the process may be about to end
+  if (wasEnding || placed)
     return nullptr;
   if (!isUnderWay(uuid)) {
     startsAgain(uuid);
@@ -385,13 +388,21 @@ QVErrorRef FileDownloader::removeDownload(const std::string& uuid) {
     queue->cancelDownloadWithIdentifier(uuid);
   else
     discardParts(download->contentUrl());
-  if (auto local = download->localUrl(); local && FileManager::fileExistsAtPath(*local))
-    if (auto error = halvix::Utils::removeFile(*local))
+  std::vector<std::string> files;
+  if (auto local = download->localUrl())
+    files.push_back(std::move(*local));
+  else if (!download->isProvisional()) {
+    files = places().leftOf(uuid);
+    files.push_back(places().path(uuid, fileNameOf(*download)));
+  }
+  for (const std::string& file : files)
+    if (auto error = FileManager::fileExistsAtPath(file) ? halvix::Utils::removeFile(file) : nullptr)
       return QVErrorBuilder(ErrorType::storage_error_while_removing_file)
           .severity(ErrorSeverity::fatal)
           .parent(error)
           .build();
-  if (const std::string folder = folderOf(uuid); FileManager::directoryExistsAtPath(folder))
+  // Where an earlier version put it.
+  if (const std::string folder = downloadPath() + "/" + uuid; FileManager::directoryExistsAtPath(folder))
     if (auto error = halvix::Utils::removeFolder(folder))
       return QVErrorBuilder(ErrorType::storage_error_while_removing_file)
           .severity(ErrorSeverity::fatal)

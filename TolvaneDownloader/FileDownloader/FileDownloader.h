@@ -1,8 +1,11 @@
 #pragma once
 
+#include "TolvaneDownloader/FileDownloader/FilePlaces.h"
 #include "TolvaneDownloader/FileDownloader/ZRKFileDownloader/ZRKFileDownloadDelegate.h"
 
 #include "halvix/BaseDownloader.h"
+#include "platform/foundation/FileManager.h"
+#include "platform/foundation/GroupSync.h"
 
 #include <atomic>
 #include <chrono>
@@ -19,8 +22,7 @@
 class ZRKFileDownloader;
 
 /// Joins the host's download framework with the queue of whole files: MP4 and MP3 by their URL. A host
-/// download's `uuid` is its token in the queue, and names its directory below `downloadPath`, which holds the
-/// finished file under a name for people.
+/// download's `uuid` is its token in the queue. The finished file stands in `downloadPath`, see `FilePlaces`.
 ///
 /// Thread-safe. Events of the queue arrive on its delegate queue, never under a lock; nothing here waits for
 /// another thread.
@@ -94,14 +96,25 @@ private:
     std::int64_t heldBefore = 0; ///< bytes that an earlier run had, until the first progress of this one
     std::chrono::steady_clock::time_point kept; ///< when the record was last marked for its progress
     std::optional<std::int64_t> modified;       ///< the server's date of the file that is fetched
-    bool whole = false;            ///< the file of `fileName` that stands in its place is the server's
-    bool named = false;            ///< the response that brings the file was asked for its name
-    bool placed = false;           ///< the file is in its place, and its record does not say so yet
-    bool ending = false;           ///< was paused, and its end is not told yet
-    bool removed = false;          ///< taken off the list while it was under way
-    bool startAgain = false;       ///< was to start while it was ending
-    platform::ErrorRef placeError; ///< why the finished file has no place
+    bool whole = false;      ///< the file of `fileName` that stands in its place is the server's
+    bool named = false;      ///< the response that brings the file was asked for its name
+    bool placed = false;     ///< the file is in its place, and its record does not say so yet
+    bool ending = false;     ///< was paused, and its end is not told yet
+    bool removed = false;    ///< taken off the list while it was under way
+    bool startAgain = false; ///< was to start while it was ending
+    bool isNew = false;      ///< no earlier process can have left a file of it
   };
+  /// A file in its place, before its record says so.
+  struct Placed {
+    std::string uuid;
+    std::string path;
+    std::optional<platform::FileAttributes> attributes;
+    bool isNew = false;
+    std::optional<std::int64_t> modified; ///< its date, once it is on stable storage
+  };
+
+  /// Longer files are synced by the transfer service: their disk has more to do than to take an order.
+  static constexpr std::int64_t longestUnsynced = 1 << 20;
 
   FileDownloader(bool cellularAccess, platform::HTTPHeaders headers,
                  std::shared_ptr<halvix::HostEnvironment> environment);
@@ -115,24 +128,26 @@ private:
     std::lock_guard lock(_fileMutex);
     change(_runs[uuid]);
   }
-  std::string folderOf(const std::string& uuid) const;
   std::string fileNameOf(const halvix::Download& download) const;
-  std::vector<std::string> standingFilesOf(const halvix::Download& download) const;
   void rename(halvix::Download& download, const std::string& name);
   void learnName(halvix::Download& download);
   void askServer(const std::shared_ptr<halvix::Download>& download, PrepareCompletion completion);
   void learnFrom(const platform::HTTPURLResponse& response, halvix::Download& download);
-  void place(const std::string& uuid, const std::string& path);
+  void place(Placed file);
+  void nextGroup();
+  void endCollecting();
   void completePlacedSoon();
   void completePlaced();
+  FilePlaces& places();
   bool isRemoved(const std::string& uuid) const;
-  void complete(const std::shared_ptr<halvix::Download>& download, const std::string& path);
+  void removeOthers(const Placed& file);
+  static void setDate(const Placed& file);
+  std::shared_ptr<halvix::Download> complete(std::shared_ptr<halvix::Download> download, const Placed& file);
   void fail(const std::shared_ptr<halvix::Download>& download, const halvix::QVErrorRef& failure);
   void explainRestart(halvix::Download& download);
   void becamePaused(const std::string& uuid, const platform::DataRef& resumeData);
   bool startsAgain(const std::string& uuid);
   void discardParts(const std::string& contentUrl);
-  void clearPlace(const std::string& uuid);
   void storeSoon();
 
   mutable std::mutex _fileMutex; // guards what follows; nothing is called under it
@@ -140,9 +155,11 @@ private:
   std::map<std::string, Run> _runs;
   std::map<std::string, std::string> _byRemoteURL; // to the uuid; a URL as the queue writes it
   std::vector<std::string> _interrupted;           // not told yet
-  std::vector<std::pair<std::string, std::string>>
-      _placed;              // uuids and paths whose directories are not synced
-  bool _completing = false; // others are, or their records are being stored
+  std::vector<Placed> _placed;                     // not synced yet
+  enum class Grouping { None, Collecting, Completing } _grouping = Grouping::None;
 
   std::atomic<bool> _storing{false};
+  std::once_flag _placesMade;
+  std::optional<FilePlaces> _places;
+  std::optional<platform::GroupSync> _groupSync;
 };

@@ -24,6 +24,8 @@ namespace {
 constexpr const char* logTag = "[FileDownloader]";
 /// What a killed process leaves behind should not look as if it had done nothing.
 constexpr std::chrono::seconds keepInterval{2};
+/// Small files come faster than that, and each group costs the disk a flush or two.
+constexpr std::chrono::milliseconds groupInterval{10};
 
 /// Why bytes of an earlier run were of no use, as far as the new response tells.
 std::string restartReason(const platform::HTTPURLResponse* response) {
@@ -52,6 +54,7 @@ void FileDownloader::customizeBackgroundSessionConfiguration(
   for (const auto& [name, value] : headers())
     configuration.HTTPAdditionalHeaders[name] = value;
   configuration.allowsCellularAccess = cellularAccess();
+  configuration.maximumLengthUnsynced = longestUnsynced;
 }
 
 // The queue asks when a download's turn has come.
@@ -79,12 +82,7 @@ FileDownloader::localFileURLForIdentifier(const std::string& token, const platfo
   if (!download || isRemoved(token))
     return std::optional<platform::URL>();
   learnName(*download);
-  const std::string folder = folderOf(token);
-  if (auto error = FileManager::createDirectoryAtPathUnsynced(folder)) {
-    withRun(token, [&](Run& run) { run.placeError = error; });
-    return std::optional<platform::URL>();
-  }
-  return std::optional(platform::URL::fileURLWithPath(folder + "/" + fileNameOf(*download)));
+  return std::optional(platform::URL::fileURLWithPath(places().path(token, fileNameOf(*download))));
 }
 
 void FileDownloader::downloadProgressChangedForIdentifier(const std::string& token) {
@@ -140,29 +138,64 @@ bool FileDownloader::isRemoved(const std::string& uuid) const {
 void FileDownloader::downloadDidCompleteWithIdentifier(const std::string& token,
                                                        const platform::URL& localFileURL) {
   if (findDownload(token) && !isRemoved(token)) {
-    // The server's date: until a record claims the file, it tells which version stands there.
-    std::optional<std::int64_t> modified;
-    withRun(token, [&modified](const Run& run) { modified = run.modified; });
-    if (modified)
-      if (auto error = FileManager::setModifiedSeconds(*modified, localFileURL.path()))
-        halvix::log_e(logTag, error->localizedDescription());
-    return place(token, localFileURL.path());
+    Placed file{
+        token, localFileURL.path(), FileManager::attributesOfItemAtPath(localFileURL.path()), false, {}};
+    withRun(token, [&file](const Run& run) {
+      file.isNew = run.isNew;
+      file.modified = run.modified;
+    });
+    // Until a record claims the file, its date tells which version stands there.
+    if (file.attributes && file.attributes->size > longestUnsynced)
+      setDate(file);
+    return place(std::move(file));
   }
   halvix::log_e(logTag, "Completed download item not found " + token);
-  halvix::Utils::removeFolder(folderOf(token)); // removed while its file came into its place
+  halvix::Utils::removeFile(localFileURL.path()); // removed while its file came into its place
 }
 
-/// Takes note of a file in its place. Its directories have to be synced before anything claims it. Those that
-/// come until the records of the ones before are stored go together.
-void FileDownloader::place(const std::string& uuid, const std::string& path) {
+/// Takes note of a file in its place. It has to be synced before anything claims it, and small files together
+/// cost little more than one.
+void FileDownloader::place(Placed file) {
+  const auto queue = startedDownloader();
+  const bool moreToCome = queue && (queue->hasActiveDownloads() || queue->waitingDownloadsCount() > 0);
   {
     std::lock_guard lock(_fileMutex);
-    Run& run = _runs[uuid];
+    Run& run = _runs[file.uuid];
     run.placed = true;
     run.ending = run.startAgain = false; // a pause came too late, and with it a start after it
-    _placed.emplace_back(uuid, path);
-    if (std::exchange(_completing, true))
+    _placed.push_back(std::move(file));
+    if (_grouping == Grouping::Completing || (_grouping == Grouping::Collecting && moreToCome))
       return;
+    _grouping = Grouping::Completing;
+  }
+  completePlacedSoon();
+}
+
+/// Goes on with what has been placed meanwhile: at once, unless more is to come in a moment.
+void FileDownloader::nextGroup() {
+  const auto queue = startedDownloader();
+  const bool moreToCome = queue && queue->hasActiveDownloads();
+  {
+    std::lock_guard lock(_fileMutex);
+    _grouping = _placed.empty() ? Grouping::None : moreToCome ? Grouping::Collecting : Grouping::Completing;
+    if (_grouping == Grouping::None)
+      return;
+  }
+  if (!moreToCome)
+    return completePlacedSoon();
+  platform::SerialQueue::background().after(
+      groupInterval, [weak = std::weak_ptr(std::static_pointer_cast<FileDownloader>(shared_from_this()))] {
+        if (auto self = weak.lock())
+          self->endCollecting();
+      });
+}
+
+void FileDownloader::endCollecting() {
+  {
+    std::lock_guard lock(_fileMutex);
+    if (_grouping != Grouping::Collecting)
+      return;
+    _grouping = Grouping::Completing;
   }
   completePlacedSoon();
 }
@@ -176,63 +209,74 @@ void FileDownloader::completePlacedSoon() {
 }
 
 void FileDownloader::completePlaced() {
-  std::vector<std::pair<std::string, std::string>> placed;
+  std::vector<Placed> placed;
   {
     std::lock_guard lock(_fileMutex);
     placed.swap(_placed);
   }
-  std::vector<std::string> directories{downloadPath()};
-  for (const auto& [uuid, path] : placed) {
-    const std::string folder = folderOf(uuid);
-    directories.push_back(folder);
-    // What an earlier process left under another name is no longer wanted.
-    if (const auto download = findDownload(uuid))
-      for (const std::string& name : standingFilesOf(*download))
-        if (folder + "/" + name != path)
-          if (auto error = FileManager::removeItemAtPath(folder + "/" + name))
-            halvix::log_e(logTag, error->localizedDescription());
+  std::vector<std::string> files;
+  files.reserve(placed.size());
+  for (const Placed& file : placed) {
+    files.push_back(file.path);
+    if (!file.isNew)
+      removeOthers(file);
   }
-  const auto error = FileManager::syncDirectoriesAtPaths(directories);
+  std::vector<platform::ErrorRef> errors(placed.size());
+  if (_groupSync->sync(files, {downloadPath()}))
+    for (std::size_t i = 0; i < placed.size(); ++i) // whose it was
+      errors[i] = _groupSync->sync({files[i]}, {downloadPath()});
   // Where the events of the ends go too: they follow when the records of all are stored, with one writing.
   platform::MainQueue::shared().async([self = std::static_pointer_cast<FileDownloader>(shared_from_this()),
-                                       placed = std::move(placed), error] {
-    for (const auto& [uuid, path] : placed) {
-      const auto download = self->findDownload(uuid);
-      if (!download || self->isRemoved(uuid))
-        halvix::Utils::removeFolder(self->folderOf(uuid)); // it may have come after the removal
-      else if (!error)
-        self->complete(download, path);
-      else
+                                       placed = std::move(placed), errors = std::move(errors)] {
+    std::vector<std::shared_ptr<Download>> complete;
+    for (std::size_t i = 0; i < placed.size(); ++i) {
+      const Placed& file = placed[i];
+      const auto download = self->findDownload(file.uuid);
+      auto error = errors[i];
+      if (!error && !file.attributes)
+        error = platform::makePOSIXError(ENOENT, file.path); // somebody has taken it away
+      if (!download || self->isRemoved(file.uuid))
+        halvix::Utils::removeFile(file.path); // it may have come after the removal
+      else if (error)
         self->fail(download, fileFailure(error, 0, {}));
-      self->withRun(uuid, [](Run& run) { run.placed = false; });
+      else
+        complete.push_back(self->complete(download, file));
+      self->withRun(file.uuid, [](Run& run) { run.placed = false; });
     }
     self->storeItems();
-    {
-      std::lock_guard lock(self->_fileMutex);
-      if (!(self->_completing = !self->_placed.empty()))
-        return;
-    }
-    self->completePlacedSoon();
+    if (const auto events = self->dispatcher())
+      for (const auto& download : complete)
+        events->dispatchDownloadFinished(download);
+    self->nextGroup();
   });
 }
 
-void FileDownloader::complete(const std::shared_ptr<Download>& download, const std::string& path) {
+/// What an earlier process left of a download under another name is no longer wanted.
+void FileDownloader::removeOthers(const Placed& file) {
+  for (const std::string& left : places().leftOf(file.uuid))
+    if (left != file.path)
+      if (auto error = halvix::Utils::removeFile(left))
+        halvix::log_e(logTag, error->localizedDescription());
+}
+
+void FileDownloader::setDate(const Placed& file) {
+  if (!file.modified)
+    return;
+  if (auto error = FileManager::setModifiedSeconds(*file.modified, file.path))
+    halvix::log_e(logTag, error->localizedDescription());
+}
+
+std::shared_ptr<Download> FileDownloader::complete(std::shared_ptr<Download> download, const Placed& file) {
   download->setResumeData(nullptr);
-  platform::ErrorRef error;
-  const auto attributes = FileManager::attributesOfItemAtPath(path, &error);
-  if (!attributes) // somebody has taken it away
-    return fail(download, fileFailure(error, 0, {}));
-  download->setLocalRelativePath(halvix::Utils::relativePath(path, downloadPath()));
+  if (file.attributes->size <= longestUnsynced)
+    setDate(file);
+  download->setLocalRelativePath(halvix::Utils::relativePath(file.path, downloadPath()));
   download->setProgress(download->progress()
-                            .copyWithExpectedContentSize(attributes->size)
-                            .copyWithDownloadedContentSize(attributes->size)
+                            .copyWithExpectedContentSize(file.attributes->size)
+                            .copyWithDownloadedContentSize(file.attributes->size)
                             .copyWithProgress(1));
   download->setState(DownloadState::success);
-  platform::MainQueue::shared().async([weak = weak_from_this(), download] {
-    auto self = weak.lock();
-    if (auto events = self ? self->dispatcher() : nullptr)
-      events->dispatchDownloadFinished(download);
-  });
+  return download;
 }
 
 void FileDownloader::fail(const std::shared_ptr<Download>& download, const halvix::QVErrorRef& failure) {
@@ -255,21 +299,16 @@ void FileDownloader::downloadFailedWithIdentifier(const std::string& token, cons
     if (run.removed)
       removedUrl = run.contentUrl;
   });
-  if (!removedUrl.empty()) {
+  if (!removedUrl.empty())
     discardParts(removedUrl);
-    clearPlace(token);
-  }
   if (!download)
     return halvix::log_e(logTag, "Failed download item not found " + token);
   // The end of an earlier start of a download that was started again already.
   if (isUnderWay(token))
     return;
-  platform::ErrorRef placeError;
-  withRun(token, [&](Run& run) { placeError = std::exchange(run.placeError, nullptr); });
   const bool again = startsAgain(token);
   const bool paused = download->state() == DownloadState::paused;
   download->setResumeData(resumeData);
-  clearPlace(token);
   // The size of a page that told of an error says nothing about the file.
   if (httpStatusCode >= 300)
     download->setProgress(
@@ -284,18 +323,8 @@ void FileDownloader::downloadFailedWithIdentifier(const std::string& token, cons
   }
   // The end of a pause is none that anybody should be told of as an error.
   if (!paused)
-    fail(download, fileFailure(placeError ? placeError : error, httpStatusCode,
-                               placeError ? std::vector<std::string>() : errorMessagesStack));
+    fail(download, fileFailure(error, httpStatusCode, errorMessagesStack));
   storeSoon();
-}
-
-/// Takes away a directory that was made for a file that never came into it.
-void FileDownloader::clearPlace(const std::string& uuid) {
-  const std::string folder = folderOf(uuid);
-  if (!FileManager::directoryExistsAtPath(folder) || !FileManager::contentsOfDirectoryAtPath(folder).empty())
-    return;
-  if (auto error = halvix::Utils::removeFolder(folder))
-    halvix::log_e(logTag, error->localizedDescription());
 }
 
 /// A file may be gigabytes, and nobody asks for one again that was removed.

@@ -41,8 +41,9 @@ protected:
       settle();
     });
   }
-  std::string folderOf(const Download& download) const {
-    return adapter->downloadPath() + "/" + download.uuid();
+  /// Where a file of that name stands, below the directory of the library.
+  static std::string placeOf(const std::string& uuid, const std::string& name) {
+    return FilePlaces("FileDownloader").path(uuid, name);
   }
   std::shared_ptr<Download> started(const std::string& address = url) {
     auto download = create(address);
@@ -96,7 +97,8 @@ TEST_F(FileAdapter, AFileRunsFromStartToItsPlace) {
   task->finish("0123456789");
   settle();
   EXPECT_EQ(download->state(), DownloadState::success);
-  EXPECT_EQ(download->localRelativePath(), download->uuid() + "/movie.mp4");
+  EXPECT_EQ("FileDownloader/" + download->localRelativePath().value(),
+            placeOf(download->uuid(), "movie.mp4"));
   EXPECT_EQ(support::readFile(*download->localUrl()), "0123456789");
   EXPECT_EQ(adapter->activityCount(), 0);
   EXPECT_EQ(dispatcher->events(), (Events{"start", "running", "success", "finished"}));
@@ -104,7 +106,7 @@ TEST_F(FileAdapter, AFileRunsFromStartToItsPlace) {
   EXPECT_EQ(adapter->startDownload(download->uuid(), {}), nullptr) << "nothing is left to do";
   EXPECT_TRUE(live().empty());
   EXPECT_EQ(adapter->removeDownload(download->uuid()), nullptr);
-  EXPECT_FALSE(std::filesystem::exists(folderOf(*download)));
+  EXPECT_TRUE(std::filesystem::is_empty(adapter->downloadPath()));
 }
 
 TEST_F(FileAdapter, PauseKeepsWhatToGoOnFromAndIsNoError) {
@@ -194,16 +196,19 @@ TEST_F(FileAdapter, AFileInPlaceWithoutARecordOfItsEndCountsWhenTheServerAgrees)
   adapter->storeItems();
   open();
   auto download = adapter->findDownload(uuid);
-  const std::string file = directory.write("FileDownloader/" + uuid + "/Holiday.mp4",
-                                           "0123456789"); // as the server called it then
+  // As the server called it then.
+  const std::string file = directory.write(placeOf(uuid, "Holiday.mp4"), "0123456789");
   const std::string date = "Sun, 06 Nov 1994 08:49:37 GMT", later = "Sun, 06 Nov 1994 08:49:38 GMT";
   ASSERT_EQ(platform::FileManager::setModifiedSeconds(784'111'777, file), nullptr);
   // Each outcome before the next: what the server does not agree to is fetched, and stopped here.
   const std::tuple<const char*, std::string, bool> answers[] = {
-      {"11", date, false}, {"10", later, false}, {"10", date, true}};
+      {"11", date, false}, {"10", later, false}, {"10", "", false}, {"10", date, true}};
   for (const auto& [length, modified, counts] : answers) {
     SCOPED_TRACE(length + (" " + modified));
-    EXPECT_EQ(prepare(uuid, {{"Content-Length", length}, {"Last-Modified", modified}}), nullptr);
+    platform::HTTPHeaders told{{"Content-Length", length}};
+    if (!modified.empty())
+      told["Last-Modified"] = modified;
+    EXPECT_EQ(prepare(uuid, told), nullptr);
     EXPECT_EQ(service->dataTasks().back()->request().HTTPMethod(), "HEAD");
     EXPECT_EQ(adapter->startDownload(uuid, {}), nullptr);
     EXPECT_EQ(live().empty(), counts);
@@ -221,9 +226,9 @@ TEST_F(FileAdapter, TheNameThatComesWithTheFileIsTakenWithoutAnotherRequest) {
   mine->setTitle("Mine");
   EXPECT_EQ(adapter->startDownload(mine->uuid(), {}), nullptr);
   // Left by a process that died after it had placed the file, when the server still called it otherwise.
-  const std::string folder = "FileDownloader/" + download->uuid() + "/";
-  directory.write(folder + "get.mp4", "old");
-  directory.write(folder + "get.srt", "somebody's");
+  const std::string left = placeOf(download->uuid(), "get.mp4"), another = "FileDownloader/get.mp4";
+  directory.write(left, "old");
+  directory.write(another, "somebody's");
   receiveHalf({{"Content-Disposition", "attachment; filename=\"../Holiday.mp4\""},
                {"Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT"}});
   settle();
@@ -233,14 +238,14 @@ TEST_F(FileAdapter, TheNameThatComesWithTheFileIsTakenWithoutAnotherRequest) {
   settle();
   ASSERT_TRUE(dispatcher->recorded().waitUntil(
       [](const auto& events) { return std::count(events.begin(), events.end(), "finished") == 2; }));
-  EXPECT_EQ(download->localRelativePath(), download->uuid() + "/Holiday.mp4");
-  EXPECT_EQ(mine->localRelativePath(), mine->uuid() + "/Holiday.mp4");
+  for (const auto& each : {download, mine})
+    EXPECT_EQ("FileDownloader/" + each->localRelativePath().value(), placeOf(each->uuid(), "Holiday.mp4"));
   EXPECT_EQ(mine->title(), "Mine");
   EXPECT_EQ(platform::FileManager::attributesOfItemAtPath(*mine->localUrl())->modifiedSeconds, 784'111'777)
       << "the server's date";
   EXPECT_TRUE(service->dataTasks().empty());
-  EXPECT_FALSE(std::filesystem::exists(directory / (folder + "get.mp4")));
-  EXPECT_TRUE(std::filesystem::exists(directory / (folder + "get.srt")));
+  EXPECT_FALSE(std::filesystem::exists(directory / left));
+  EXPECT_TRUE(std::filesystem::exists(directory / another));
 }
 
 TEST_F(FileAdapter, WhatIsRemovedWhileItComesIntoItsPlaceLeavesNothing) {
@@ -254,7 +259,7 @@ TEST_F(FileAdapter, WhatIsRemovedWhileItComesIntoItsPlaceLeavesNothing) {
   };
   settle();
   dispatcher->onProgress = nullptr;
-  EXPECT_FALSE(std::filesystem::exists(folderOf(*early)));
+  EXPECT_TRUE(std::filesystem::is_empty(adapter->downloadPath()));
   EXPECT_NE(early->state(), DownloadState::success);
   adapter->forgetDownload(early->uuid());
 
@@ -262,15 +267,17 @@ TEST_F(FileAdapter, WhatIsRemovedWhileItComesIntoItsPlaceLeavesNothing) {
   open();
   const std::string uuid = create()->uuid();
   adapter->storeItems();
-  directory.write("FileDownloader/" + uuid + "/movie.mp4", "0123456789");
+  const std::string file = directory.write(placeOf(uuid, "movie.mp4"), "0123456789");
+  ASSERT_EQ(platform::FileManager::setModifiedSeconds(784'111'777, file), nullptr);
   auto found = adapter->findDownload(uuid);
-  EXPECT_EQ(prepare(uuid, {{"Content-Length", "10"}}), nullptr);
+  EXPECT_EQ(prepare(uuid, {{"Content-Length", "10"}, {"Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT"}}),
+            nullptr);
   platform::MainQueue::shared().sync([&] {
     EXPECT_EQ(adapter->startDownload(uuid, {}), nullptr);
     platform::SerialQueue::background().sync([] {});
     EXPECT_EQ(adapter->removeDownload(uuid), nullptr);
   });
   settle();
-  EXPECT_FALSE(std::filesystem::exists(folderOf(*found)));
+  EXPECT_TRUE(std::filesystem::is_empty(adapter->downloadPath()));
   EXPECT_NE(found->state(), DownloadState::success);
 }

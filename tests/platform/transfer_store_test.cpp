@@ -131,7 +131,7 @@ TEST_F(StoreTest, ABodyThatFitsIntoMemoryIsWrittenAtItsPlaceAndAdoptedFromThereW
   body->write(0, "01234", 5);
   body->write(5, "56789", 5);
   const auto path = store.newFinishedPath(*body, description);
-  EXPECT_EQ(body->finish(path), 0);
+  EXPECT_EQ(body->finish(path, true), 0);
   EXPECT_EQ(readFile(path), "0123456789");
   EXPECT_TRUE(std::filesystem::is_empty(directory / "partials"));
 
@@ -174,7 +174,7 @@ TEST_F(StoreTest, PortionsOfAnyPlaceAndLengthEndUpInTheFileAsTheyCame) {
     }
     const auto path = directory / (mapped ? "mapped" : "grown");
     EXPECT_EQ(body->held().total(), static_cast<std::int64_t>(content.size()));
-    ASSERT_EQ(body->finish(path), 0);
+    ASSERT_EQ(body->finish(path, true), 0);
     EXPECT_TRUE(readFile(path) == content);
     EXPECT_TRUE(std::filesystem::is_empty(directory / "partials"));
   }

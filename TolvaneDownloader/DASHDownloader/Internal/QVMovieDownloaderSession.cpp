@@ -180,7 +180,7 @@ platform::ErrorRef QVMovieDownloader::_syncPlaced(const std::string& directory, 
   if (++_numUnsynced < mostUnsynced && !now)
     return nullptr;
   // One that was removed meanwhile went with all that was in it.
-  if (auto error = platform::FileManager::syncDirectoriesAtPaths(
+  if (auto error = platform::FileManager::syncItemsAtPaths(
           {_unsyncedDirectories.begin(), _unsyncedDirectories.end()}))
     return error;
   _unsyncedDirectories.clear();

@@ -48,9 +48,15 @@ BaseDownloader::~BaseDownloader() = default;
 
 std::string BaseDownloader::downloadPath() const {
   const std::string& path = _hub->downloadPath();
-  if (!path.empty() && !platform::FileManager::directoryExistsAtPath(path))
-    if (auto error = platform::FileManager::createDirectoryAtPath(path, true))
-      log_e(tag, error->localizedDescription()); // what writes there will tell its caller
+  // Looked at once: each file of thousands asks for it, and what writes there will tell when it is gone.
+  if (path.empty() || _pathIsThere)
+    return path;
+  if (!platform::FileManager::directoryExistsAtPath(path))
+    if (auto error = platform::FileManager::createDirectoryAtPath(path, true)) {
+      log_e(tag, error->localizedDescription());
+      return path;
+    }
+  _pathIsThere = true;
   return path;
 }
 

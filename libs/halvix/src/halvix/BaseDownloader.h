@@ -8,6 +8,7 @@
 
 #include "platform/transfer/URLRequest.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -139,6 +140,7 @@ private:
   std::unordered_map<std::string_view, std::shared_ptr<Download>> _byUuid;
   std::unordered_map<std::string, std::shared_ptr<Download>> _byContentUrl;
   int _activityCount = 0;
+  mutable std::atomic<bool> _pathIsThere{false};
 };
 
 } // namespace halvix

@@ -53,11 +53,11 @@ std::string parentOf(const std::string& path) {
   return end == std::string::npos ? "/" : path.substr(0, end + 1);
 }
 
-ErrorRef syncDirectory(const std::string& path) {
-  const FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+ErrorRef syncItem(const std::string& path) {
+  const FileDescriptor item(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   // Some file systems have nothing to sync in a directory and say so.
-  if (!directory || (::fsync(directory.get()) != 0 && errno != EINVAL))
-    return failure("sync directory", path);
+  if (!item || (::fsync(item.get()) != 0 && errno != EINVAL))
+    return failure("sync", path);
   return nullptr;
 }
 
@@ -154,7 +154,7 @@ ErrorRef copyItem(const std::string& from, const std::string& to) {
   for (const std::string& name : FileManager::contentsOfDirectoryAtPath(from, &error))
     if (ErrorRef failed = copyItem(from + "/" + name, to + "/" + name))
       return failed;
-  return error ? error : syncDirectory(to);
+  return error ? error : syncItem(to);
 }
 
 // What `mkdir` that failed with `code` means: a directory that is there already will do.
@@ -263,12 +263,8 @@ ErrorRef FileManager::createDirectoryAtPath(const std::string& path, bool withIn
     result = ::mkdir(path.c_str(), directoryMode);
   }
   if (result == 0)
-    return syncDirectory(parentOf(path)); // else a file synced in it could still vanish with it
+    return syncItem(parentOf(path)); // else a file synced in it could still vanish with it
   return existingDirectory(path, errno);
-}
-
-ErrorRef FileManager::createDirectoryAtPathUnsynced(const std::string& path) {
-  return ::mkdir(path.c_str(), directoryMode) == 0 ? nullptr : existingDirectory(path, errno);
 }
 
 ErrorRef FileManager::removeItemAtPath(const std::string& path) {
@@ -281,10 +277,10 @@ ErrorRef FileManager::removeItemAtPath(const std::string& path) {
 
 ErrorRef FileManager::moveItemAtPath(const std::string& from, const std::string& to) {
   ErrorRef error = moveItemAtPathUnsynced(from, to);
-  return error ? error : syncDirectory(parentOf(to));
+  return error ? error : syncItem(parentOf(to));
 }
 
-ErrorRef FileManager::syncDirectoriesAtPaths(const std::vector<std::string>& paths) {
+ErrorRef FileManager::syncItemsAtPaths(const std::vector<std::string>& paths) {
   // Syncs that run together share the flushes of the disk; one after the other, each would wait for its own.
   constexpr std::size_t most = 4;
   std::atomic<std::size_t> next{0};
@@ -292,7 +288,7 @@ ErrorRef FileManager::syncDirectoriesAtPaths(const std::vector<std::string>& pat
   ErrorRef first;
   const auto work = [&] {
     for (std::size_t i; (i = next++) < paths.size();)
-      if (auto error = syncDirectory(paths[i]); error && error->code() != ENOENT) {
+      if (auto error = syncItem(paths[i]); error && error->code() != ENOENT) {
         std::lock_guard lock(mutex);
         if (!first)
           first = std::move(error);
@@ -324,7 +320,7 @@ ErrorRef FileManager::moveItemAtPathUnsynced(const std::string& from, const std:
     return failure("move \"" + from + "\" to", to);
   guard.keep();
   // Never left to the caller: the source goes now.
-  if (ErrorRef error = syncDirectory(parentOf(to)))
+  if (ErrorRef error = syncItem(parentOf(to)))
     return error;
   return removeItemAtPath(from);
 }
@@ -368,7 +364,7 @@ ErrorRef FileManager::writeDataAtomically(std::string_view bytes, const std::str
       ::rename(temporary.c_str(), path.c_str()) != 0)
     return writeFailure(path, bytes.size());
   guard.keep();
-  return syncDirectory(parentOf(path));
+  return syncItem(parentOf(path));
 }
 
 std::int64_t FileManager::folderSize(const std::string& path) {

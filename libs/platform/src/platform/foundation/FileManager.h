@@ -46,9 +46,6 @@ public:
   /// Succeeds when the directory is already there. With `withIntermediateDirectories` missing parents are
   /// made too.
   static ErrorRef createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories);
-  /// The same, without parents, for who makes many: on stable storage only after `syncDirectoriesAtPaths` for
-  /// the parent.
-  static ErrorRef createDirectoryAtPathUnsynced(const std::string& path);
 
   /// Removes a file, or a directory with everything below it (links are not followed). Fails when nothing is
   /// there.
@@ -60,11 +57,11 @@ public:
   static ErrorRef moveItemAtPath(const std::string& from, const std::string& to);
 
   /// The same for who moves many: the entry in the target's directory is on stable storage only after a call
-  /// of `syncDirectoriesAtPaths` for that directory.
+  /// of `syncItemsAtPaths` for that directory.
   static ErrorRef moveItemAtPathUnsynced(const std::string& from, const std::string& to);
-  /// Syncs directories, all at the same time, which costs little more than one. The first error; one that is
-  /// gone is none.
-  static ErrorRef syncDirectoriesAtPaths(const std::vector<std::string>& paths);
+  /// Syncs files and directories, all at the same time, which costs little more than one. The first error;
+  /// one that is gone is none.
+  static ErrorRef syncItemsAtPaths(const std::vector<std::string>& paths);
 
   static std::optional<Data> contentsAtPath(const std::string& path, ErrorRef* error = nullptr);
 

@@ -400,13 +400,13 @@ int PartialFile::writeWhole(const std::string& path) {
   return 0;
 }
 
-int PartialFile::finish(const std::string& path) {
+int PartialFile::finish(const std::string& path, bool sync) {
   if (!isInMemory())
     handOver();
   std::lock_guard io(_io);
   if (isInMemory()) {
     int failure = writeWhole(path);
-    if (failure == 0 && ::fdatasync(_descriptor) != 0)
+    if (failure == 0 && sync && ::fdatasync(_descriptor) != 0)
       failure = errno;
     if (failure != 0)
       removeFile(path);

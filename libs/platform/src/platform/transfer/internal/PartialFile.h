@@ -85,8 +85,8 @@ public:
   int settle(PartialDescription description);
 
   /// Writes and syncs what is held, and has it at `path`, without description and map. Closed afterwards.
-  /// Answers 0 or errno, then nothing is at `path`.
-  int finish(const std::string& path);
+  /// Answers 0 or errno, then nothing is at `path`. Without `sync` what was only in memory is not synced.
+  int finish(const std::string& path, bool sync);
 
   /// Removes all its files.
   void remove();

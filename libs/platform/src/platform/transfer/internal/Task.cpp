@@ -272,13 +272,14 @@ void TaskState::setPartial(const std::string& name) {
   touchJournal();
 }
 
-void TaskState::setComplete(std::int64_t length, const std::string& path) {
+void TaskState::setComplete(std::int64_t length, const std::string& path, bool synced) {
   {
     std::lock_guard guard(_mutex);
     _received = _expected = length;
     _finishedPath = path;
     _partial.clear();
-    _rowState = TaskRow::Finished;
+    if (synced) // else the journal must not claim it
+      _rowState = TaskRow::Finished;
   }
   touchJournal();
 }

@@ -77,7 +77,7 @@ public:
   bool hasUnreportedBytes() const;
   void setPartial(const std::string& name);
   /// The body is whole and stored at `path`.
-  void setComplete(std::int64_t length, const std::string& path);
+  void setComplete(std::int64_t length, const std::string& path, bool synced);
 
   // For the session.
   /// The session ends under it: → Canceling, keeping the row. False when it has ended already.

@@ -45,19 +45,21 @@ void Transfer::storeFile() {
   _network.bodyWaits();
   auto path = _network.store().newFinishedPath(*_file, _resumable ? _description : PartialDescription());
   const auto length = held();
+  const bool sync = !_file->isInMemory() || length > _task.session()->configuration().maximumLengthUnsynced;
   // A success ends the task right here: the way over the network thread would only delay what follows it.
   // Whether it was cancelled meanwhile is looked at when it is delivered.
-  _network.disk().add([&network = _network, task = _task.shared_from_this(), file = _file, path, length] {
-    const int failure = file->finish(path);
-    if (failure == 0) {
-      task->setComplete(length, path);
-      task->session()->end(task, {nullptr, path, nullptr, nullptr});
-    }
-    network.postSoon([task, failure, length] {
-      if (task->transfer)
-        task->transfer->stored(failure, length);
-    });
-  });
+  _network.disk().add(
+      [&network = _network, task = _task.shared_from_this(), file = _file, path, length, sync] {
+        const int failure = file->finish(path, sync);
+        if (failure == 0) {
+          task->setComplete(length, path, sync);
+          task->session()->end(task, {nullptr, path, nullptr, nullptr});
+        }
+        network.postSoon([task, failure, length] {
+          if (task->transfer)
+            task->transfer->stored(failure, length);
+        });
+      });
 }
 
 void Transfer::stored(int failure, std::int64_t length) {
@@ -97,7 +99,7 @@ void Transfer::storePage() {
           self.fail(writeError(*result, path, -1));
           return;
         }
-        self._task.setComplete(length, path);
+        self._task.setComplete(length, path, true);
         // What is held of the resource itself does not end with an error page.
         if (self._file && self._resumable && self.held() > 0) {
           self._phase = Phase::Storing;

@@ -1,0 +1,71 @@
+#include "platform/foundation/GroupSync.h"
+
+#include "platform/foundation/FileManager.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace platform {
+
+namespace {
+
+/// Fewer items are as cheap one by one, and then nobody waits for strangers.
+constexpr std::size_t FewestTogether = 4;
+/// What a slow disk writes in a moment. The system counts for all its disks, so there may be less.
+constexpr std::int64_t MostUnwrittenKiB = 128 << 10;
+
+/// The number after `name` in the system's table of memory; negative: it tells none.
+std::int64_t kibibytesOf(std::string_view table, std::string_view name) {
+  auto at = table.find(name);
+  if (at == std::string_view::npos)
+    return -1;
+  at = std::min(table.find_first_not_of(' ', at + name.size()), table.size());
+  std::int64_t value = -1;
+  std::from_chars(table.data() + at, table.data() + table.size(), value);
+  return value;
+}
+
+bool littleIsUnwritten() {
+  char text[4096];
+  const FileDescriptor file(::open("/proc/meminfo", O_RDONLY | O_CLOEXEC));
+  const auto length = file ? ::read(file.get(), text, sizeof text) : -1;
+  if (length <= 0)
+    return false;
+  const std::string_view table(text, static_cast<std::size_t>(length));
+  const auto dirty = kibibytesOf(table, "\nDirty:"), writing = kibibytesOf(table, "\nWriteback:");
+  return dirty >= 0 && writing >= 0 && dirty + writing <= MostUnwrittenKiB;
+}
+
+} // namespace
+
+GroupSync::GroupSync(const std::string& directory)
+    : _directory(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
+
+ErrorRef GroupSync::sync(const std::vector<std::string>& files,
+                         const std::vector<std::string>& directories) const {
+  if (files.size() + directories.size() >= FewestTogether && syncFileSystem(directories))
+    return nullptr;
+  auto items = files;
+  items.insert(items.end(), directories.begin(), directories.end());
+  return FileManager::syncItemsAtPaths(items);
+}
+
+/// False: it could not be done, or something was not written; whose that was the items tell.
+bool GroupSync::syncFileSystem(const std::vector<std::string>& directories) const {
+  struct stat own {};
+  if (!_directory || ::fstat(_directory.get(), &own) != 0 || !littleIsUnwritten())
+    return false;
+  const bool together = std::all_of(directories.begin(), directories.end(), [&](const std::string& path) {
+    struct stat other {};
+    return ::stat(path.c_str(), &other) != 0 || other.st_dev == own.st_dev;
+  });
+  return together && ::syncfs(_directory.get()) == 0;
+}
+
+} // namespace platform
