@@ -154,23 +154,8 @@ public:
 
   /// Starts what there is room for. New ones stand on the list in one writing, before the first byte.
   void startMore() {
-    std::vector<std::size_t> due;
-    for (; _next < _entries.size() && _running + due.size() < _room; ++_next)
-      if (_entries[_next].result == RunResult::Pending)
-        due.push_back(_next);
-    std::vector<DownloadRef> downloads(due.size());
-    std::transform(due.begin(), due.end(), downloads.begin(),
-                   [this](std::size_t position) { return _entries[position].download; });
-    const auto errors = _host.manager().start(downloads);
-    for (std::size_t i = 0; i < due.size(); ++i) {
-      ++_running;
-      if (errors[i])
-        fail(due[i], errors[i]);
-      else if (downloads[i]->state() == DownloadState::idle && downloads[i]->isStarted() &&
-               !isPlainFile(*downloads[i]))
-        // Started, and yet nothing runs: there will be no event to wait for. One that has run already is idle
-        // for a moment as well, but no longer started.
-        settle(due[i], "nothing of what is chosen is offered any more");
+    // Of many the first do not wait for the preparation of all.
+    for (std::size_t most = 32; startSome(most); most = _entries.size()) {
     }
   }
 
@@ -225,6 +210,27 @@ public:
   }
 
 private:
+  bool startSome(std::size_t most) {
+    std::vector<std::size_t> due;
+    for (; _next < _entries.size() && _running + due.size() < _room && due.size() < most; ++_next)
+      if (_entries[_next].result == RunResult::Pending)
+        due.push_back(_next);
+    std::vector<DownloadRef> downloads(due.size());
+    std::transform(due.begin(), due.end(), downloads.begin(),
+                   [this](std::size_t position) { return _entries[position].download; });
+    const auto errors = _host.manager().start(downloads);
+    for (std::size_t i = 0; i < due.size(); ++i) {
+      ++_running;
+      if (errors[i])
+        fail(due[i], errors[i]);
+      else if (downloads[i]->state() == DownloadState::idle && downloads[i]->isStarted() &&
+               !isPlainFile(*downloads[i]))
+        // Started, and yet nothing runs: there will be no event to wait for. One that has run already is idle
+        // for a moment as well, but no longer started.
+        settle(due[i], "nothing of what is chosen is offered any more");
+    }
+    return !due.empty();
+  }
   void pause(std::size_t position) {
     const DownloadRef& download = _entries[position].download;
     const DownloadState state = download->state();

@@ -180,8 +180,8 @@ platform::ErrorRef QVMovieDownloader::_syncPlaced(const std::string& directory, 
   if (++_numUnsynced < mostUnsynced && !now)
     return nullptr;
   // One that was removed meanwhile went with all that was in it.
-  if (auto error = platform::FileManager::syncItemsAtPaths(
-          {_unsyncedDirectories.begin(), _unsyncedDirectories.end()}))
+  if (auto error =
+          platform::FileManager::syncItemsAtPaths({_unsyncedDirectories.begin(), _unsyncedDirectories.end()}))
     return error;
   _unsyncedDirectories.clear();
   _numUnsynced = 0;

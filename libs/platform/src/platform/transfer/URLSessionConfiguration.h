@@ -42,8 +42,8 @@ struct URLSessionConfiguration {
   std::int64_t minimumLengthForSplitting = 16LL << 20;
 
   /// A download's body of at most this many bytes may be handed over before it is on stable storage, to a
-  /// client that syncs many files with one order (`GroupSync`) before it relies on any. Until the delegate has
-  /// taken it such a body counts for nothing after a restart. 0: every body is synced first.
+  /// client that syncs many files with one order (`GroupSync`) before it relies on any. Until the delegate
+  /// has taken it such a body counts for nothing after a restart. 0: every body is synced first.
   std::int64_t maximumLengthUnsynced = 0;
 
   /// Largest body that a data task takes into memory, in bytes; more fails with
