@@ -243,10 +243,12 @@ void FileDownloader::learnName(Download& download) {
   const auto response = queue ? queue->responseForIdentifier(download.uuid()) : nullptr;
   if (!response || response->statusCode() < 200 || response->statusCode() > 299)
     return;
-  withRun(download.uuid(), [&response](Run& run) {
-    run.named = true;
-    run.modified = response->lastModifiedSeconds();
-  });
+  bool isNews = false;
+  withRun(download.uuid(), [&](Run& run) { isNews = std::exchange(run.response, response) != response; });
+  if (!isNews)
+    return;
+  const auto modified = response->lastModifiedSeconds();
+  withRun(download.uuid(), [&modified](Run& run) { run.modified = modified; });
   if (const auto told = halvix::fileNameFromContentDisposition(*response))
     rename(download, halvix::contentFileName(*told, download.contentType().value_or(ContentType::mp4)));
 }

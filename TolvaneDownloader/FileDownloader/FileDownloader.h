@@ -96,8 +96,9 @@ private:
     std::int64_t heldBefore = 0; ///< bytes that an earlier run had, until the first progress of this one
     std::chrono::steady_clock::time_point kept; ///< when the record was last marked for its progress
     std::optional<std::int64_t> modified;       ///< the server's date of the file that is fetched
-    bool whole = false;      ///< the file of `fileName` that stands in its place is the server's
-    bool named = false;      ///< the response that brings the file was asked for its name
+    bool whole = false; ///< the file of `fileName` that stands in its place is the server's
+    /// The response that was asked for the file's name.
+    std::shared_ptr<const platform::HTTPURLResponse> response;
     bool placed = false;     ///< the file is in its place, and its record does not say so yet
     bool ending = false;     ///< was paused, and its end is not told yet
     bool removed = false;    ///< taken off the list while it was under way

@@ -91,10 +91,9 @@ void FileDownloader::downloadProgressChangedForIdentifier(const std::string& tok
   const auto progress = queue ? queue->downloadProgressForIdentifier(token) : nullptr;
   if (!download || !progress)
     return;
-  bool keep = false, fromZero = false, named = false;
+  bool keep = false, fromZero = false;
   withRun(token, [&](Run& run) {
     fromZero = std::exchange(run.heldBefore, 0) > progress->receivedFileSize();
-    named = run.named;
     const auto now = std::chrono::steady_clock::now();
     keep = now - run.kept >= keepInterval;
     if (keep)
@@ -109,8 +108,7 @@ void FileDownloader::downloadProgressChangedForIdentifier(const std::string& tok
   // A turn of a download that goes on from resume data shows here first.
   if (download->state() == DownloadState::idle)
     download->setState(DownloadState::running);
-  if (!named)
-    learnName(*download);
+  learnName(*download);
   if (fromZero)
     explainRestart(*download);
   if (keep) {

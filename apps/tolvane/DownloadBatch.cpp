@@ -51,7 +51,8 @@ public:
       return;
     _results[position->second] = {result, std::move(error)};
     _settled.push_back(position->second);
-    _changed.notify_all();
+    if (_settled.size() >= _wanted)
+      _changed.notify_all();
   }
   void command(char key) {
     std::lock_guard lock(_mutex);
@@ -60,10 +61,11 @@ public:
     _changed.notify_all();
   }
 
-  /// Waits for a moment, or for an end or a command; the commands are 'p', 'r', 'q' and 0 for none.
-  char wait(std::vector<BatchEntry>& entries) {
+  /// Waits for a moment, or for so many ends or a command; the commands are 'p', 'r', 'q' and 0 for none.
+  char wait(std::vector<BatchEntry>& entries, std::size_t ends) {
     std::unique_lock lock(_mutex);
-    _changed.wait_for(lock, lookInterval, [&] { return _key || !_settled.empty(); });
+    _wanted = ends;
+    _changed.wait_for(lock, lookInterval, [&] { return _key || _settled.size() >= ends; });
     for (std::size_t position : _settled) {
       entries[position].result = _results[position].first;
       entries[position].error = _results[position].second;
@@ -78,6 +80,7 @@ private:
   std::condition_variable _changed;
   std::vector<std::pair<RunResult, std::string>> _results;
   std::vector<std::size_t> _settled; ///< news of `_results`
+  std::size_t _wanted = 1;           ///< ends that are waited for
   char _key = 0;
 };
 
@@ -166,6 +169,11 @@ public:
       pending += _entries[i].result == RunResult::Pending;
     _running = pending;
     return pending == 0 && _next == _entries.size();
+  }
+
+  /// Ends after which there is something to do: of many small files one ends at every moment.
+  std::size_t endsToWaitFor() const {
+    return _next < _entries.size() ? 1 : std::max<std::size_t>(_running, 1);
   }
 
   void setPaused(bool paused) { _paused = paused; }
@@ -296,7 +304,7 @@ void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t l
     bool shown = false;
     auto nextLook = Clock::now();
     while (!run.allEnded()) {
-      const char command = follower->wait(entries);
+      const char command = follower->wait(entries, run.endsToWaitFor());
       if (command == 'q')
         break;
       if (command)

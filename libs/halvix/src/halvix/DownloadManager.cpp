@@ -171,8 +171,7 @@ std::shared_ptr<Download> DownloadManager::createDownload(const PlayerConfigurat
   auto download = owner->createDownload(configuration, headers, error);
   if (download && download->isProvisional())
     if (const std::string folder = ownFolder(*owner, *download); !folder.empty())
-      download->setFoundContent(platform::FileManager::fileExistsAtPath(folder) ||
-                                platform::FileManager::directoryExistsAtPath(folder));
+      download->setFoundContent(platform::FileManager::fileExistsAtPath(folder));
   return download;
 }
 

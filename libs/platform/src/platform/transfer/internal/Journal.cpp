@@ -110,7 +110,7 @@ std::unique_ptr<Journal> Journal::open(const std::string& path, ErrorRef* error)
       return nullptr;
     }
     bool damaged = version < 0 ? isDamage(code) : !isSound(database);
-    if (version >= 0 && !damaged && journal->prepare()) {
+    if (version >= 0 && !damaged && journal->prepare(version == 0)) {
       journal->_thread = startThread("journal", [raw = journal.get()] { raw->run(); });
       return journal;
     }
@@ -125,15 +125,16 @@ std::unique_ptr<Journal> Journal::open(const std::string& path, ErrorRef* error)
   }
 }
 
-bool Journal::prepare() {
-  if (!execute("PRAGMA journal_mode = WAL") || !execute("PRAGMA synchronous = NORMAL") ||
-      !execute("BEGIN IMMEDIATE"))
+bool Journal::prepare(bool isNew) {
+  // One that a power failure garbles while it is made holds nothing yet, and is made anew.
+  if (!execute(isNew ? "PRAGMA synchronous = OFF" : "PRAGMA synchronous = NORMAL") ||
+      !execute("PRAGMA journal_mode = WAL") || !execute("BEGIN IMMEDIATE"))
     return false;
   if (!execute(Schema)) {
     execute("ROLLBACK");
     return false;
   }
-  if (!execute("COMMIT"))
+  if (!execute("COMMIT") || !execute("PRAGMA synchronous = NORMAL"))
     return false;
   auto make = [this](const char* text, sqlite3_stmt** statement) {
     return sqlite3_prepare_v3(_database, text, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr) ==

@@ -94,7 +94,7 @@ public:
 
 private:
   explicit Journal(sqlite3* database) : _database(database) {}
-  bool prepare();
+  bool prepare(bool isNew);
   void run();
   bool write(std::vector<std::shared_ptr<JournaledTask>>& tasks,
              std::vector<std::pair<std::string, std::uint64_t>>& reservations);
