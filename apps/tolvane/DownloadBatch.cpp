@@ -1,5 +1,6 @@
 #include "apps/tolvane/DownloadBatch.h"
 
+#include "apps/tolvane/Commands.h"
 #include "apps/tolvane/Host.h"
 #include "apps/tolvane/Interruption.h"
 #include "apps/tolvane/Keyboard.h"
@@ -31,9 +32,14 @@ constexpr std::chrono::milliseconds lookInterval{100};
 /// Collects what the host tells, and wakes the thread that shows it for what cannot wait.
 class Follower : public halvix::DownloadDelegate {
 public:
-  explicit Follower(const std::vector<BatchEntry>& entries) : _results(entries.size()) {
-    for (std::size_t i = 0; i < entries.size(); ++i)
+  explicit Follower(const std::vector<BatchEntry>& entries) { takeNew(entries); }
+
+  /// Follows those that were added behind the others.
+  void takeNew(const std::vector<BatchEntry>& entries) {
+    std::lock_guard lock(_mutex);
+    for (std::size_t i = _results.size(); i < entries.size(); ++i)
       _positions.emplace(entries[i].download.get(), i);
+    _results.resize(entries.size());
   }
 
   bool wantsOnlyEnds() const override { return true; }
@@ -75,8 +81,8 @@ public:
   }
 
 private:
-  std::unordered_map<const halvix::Download*, std::size_t> _positions;
   std::mutex _mutex;
+  std::unordered_map<const halvix::Download*, std::size_t> _positions;
   std::condition_variable _changed;
   std::vector<std::pair<RunResult, std::string>> _results;
   std::vector<std::size_t> _settled; ///< news of `_results`
@@ -148,17 +154,38 @@ class BatchRun {
 public:
   BatchRun(Host& host, std::vector<BatchEntry>& entries, std::size_t limit,
            std::shared_ptr<Follower> follower)
-      : _host(host), _entries(entries), _follower(std::move(follower)), _held(entries.size()),
-        _told(entries.size()) {
-    const bool filesAlone = std::all_of(entries.begin(), entries.end(),
-                                        [](const auto& entry) { return isPlainFile(*entry.download); });
-    _room = filesAlone ? entries.size() : std::max<std::size_t>(limit, 1);
+      : _host(host), _entries(entries), _follower(std::move(follower)),
+        _filesAlone(std::all_of(entries.begin(), entries.end(),
+                                [](const auto& entry) { return isPlainFile(*entry.download); })),
+        _limit(std::max<std::size_t>(limit, 1)), _held(entries.size()), _told(entries.size()) {}
+
+  /// Takes those that were added behind the others, which are files like them.
+  void takeNew() {
+    _follower->takeNew(_entries);
+    _held.resize(_entries.size());
+    _told.resize(_entries.size());
   }
 
   /// Starts what there is room for. New ones stand on the list in one writing, before the first byte.
   void startMore() {
-    // Of many the first do not wait for the preparation of all.
-    for (std::size_t most = 32; startSome(most); most = _entries.size()) {
+    const std::size_t room = _filesAlone ? _entries.size() : _limit;
+    std::vector<std::size_t> due;
+    for (; _next < _entries.size() && _running + due.size() < room; ++_next)
+      if (_entries[_next].result == RunResult::Pending)
+        due.push_back(_next);
+    std::vector<DownloadRef> downloads(due.size());
+    std::transform(due.begin(), due.end(), downloads.begin(),
+                   [this](std::size_t position) { return _entries[position].download; });
+    const auto errors = _host.manager().start(downloads);
+    for (std::size_t i = 0; i < due.size(); ++i) {
+      ++_running;
+      if (errors[i])
+        fail(due[i], errors[i]);
+      else if (downloads[i]->state() == DownloadState::idle && downloads[i]->isStarted() &&
+               !isPlainFile(*downloads[i]))
+        // Started, and yet nothing runs: there will be no event to wait for. One that has run already is idle
+        // for a moment as well, but no longer started.
+        settle(due[i], "nothing of what is chosen is offered any more");
     }
   }
 
@@ -218,27 +245,6 @@ public:
   }
 
 private:
-  bool startSome(std::size_t most) {
-    std::vector<std::size_t> due;
-    for (; _next < _entries.size() && _running + due.size() < _room && due.size() < most; ++_next)
-      if (_entries[_next].result == RunResult::Pending)
-        due.push_back(_next);
-    std::vector<DownloadRef> downloads(due.size());
-    std::transform(due.begin(), due.end(), downloads.begin(),
-                   [this](std::size_t position) { return _entries[position].download; });
-    const auto errors = _host.manager().start(downloads);
-    for (std::size_t i = 0; i < due.size(); ++i) {
-      ++_running;
-      if (errors[i])
-        fail(due[i], errors[i]);
-      else if (downloads[i]->state() == DownloadState::idle && downloads[i]->isStarted() &&
-               !isPlainFile(*downloads[i]))
-        // Started, and yet nothing runs: there will be no event to wait for. One that has run already is idle
-        // for a moment as well, but no longer started.
-        settle(due[i], "nothing of what is chosen is offered any more");
-    }
-    return !due.empty();
-  }
   void pause(std::size_t position) {
     const DownloadRef& download = _entries[position].download;
     const DownloadState state = download->state();
@@ -268,7 +274,8 @@ private:
   Host& _host;
   std::vector<BatchEntry>& _entries;
   const std::shared_ptr<Follower> _follower;
-  std::size_t _room = 1;
+  const bool _filesAlone;
+  const std::size_t _limit;
   std::size_t _next = 0;    ///< first one that was not looked at yet
   std::size_t _running = 0; ///< started and not ended
   bool _paused = false;
@@ -278,16 +285,20 @@ private:
 
 } // namespace
 
-bool isPlainFile(const halvix::Download& download) {
-  const auto type = download.contentType();
+bool isPlainFile(halvix::ContentType type) {
   return type == halvix::ContentType::mp4 || type == halvix::ContentType::mp3;
 }
 
+bool isPlainFile(const halvix::Download& download) {
+  const auto type = download.contentType();
+  return type && isPlainFile(*type);
+}
+
 void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t limit,
-                     ProgressDisplay& display, Interruption& interruption) {
+                     ProgressDisplay& display, Interruption& interruption,
+                     const std::function<void()>& rest) {
   auto follower = std::make_shared<Follower>(entries);
   host.manager().addListener(follower);
-  interruption.setHandler([follower] { follower->command('q'); });
   {
     Keyboard keyboard([follower, &interruption](char key) {
       if (key == 'q')
@@ -300,6 +311,17 @@ void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t l
 
     BatchRun run(host, entries, limit, follower);
     run.startMore();
+    if (rest) {
+      try {
+        rest();
+      } catch (const Failure&) {
+        if (!interruption.happened())
+          throw;
+      }
+      run.takeNew();
+      run.startMore();
+    }
+    interruption.setHandler([follower] { follower->command('q'); });
     display.update(snapshotOf(entries)); // where it starts from, for the rate
     bool shown = false;
     auto nextLook = Clock::now();

@@ -2,6 +2,7 @@
 
 #include "apps/tolvane/ProgressDisplay.h"
 
+#include "halvix/ContentType.h"
 #include "halvix/QVError.h"
 
 #include <cstddef>
@@ -31,13 +32,15 @@ struct BatchEntry {
 
 /// Whether it is one file, for which the host keeps a queue of its own.
 bool isPlainFile(const halvix::Download& download);
+bool isPlainFile(halvix::ContentType type);
 
 /// Follows downloads from their start to their end on the calling thread, with their progress on `display`:
 /// for one of them a line for each quality, for several a line each. Files alone are all handed to the host,
 /// whose queue limits them; with presentations among them at most `limit` run at once. On a terminal the keys
 /// p, r and q pause, resume and quit. An interruption pauses everything, keeping what it has; every entry has
-/// a result other than Pending afterwards.
+/// a result other than Pending afterwards. `rest` may be null; where all are files it is called once when the
+/// first are started, to add more to `entries`, and may fail when there is an interruption.
 void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t limit,
-                     ProgressDisplay& display, Interruption& interruption);
+                     ProgressDisplay& display, Interruption& interruption, const std::function<void()>& rest);
 
 } // namespace tolvane

@@ -20,11 +20,15 @@
 #include <optional>
 #include <set>
 #include <type_traits>
+#include <utility>
 
 namespace tolvane {
 namespace {
 
 using DownloadRef = std::shared_ptr<halvix::Download>;
+
+/// Enough to keep the host's queue busy while the others are prepared.
+constexpr std::size_t firstFiles = 32;
 
 /// Waits for a completion of the host, but not past an interruption.
 class Answer {
@@ -206,12 +210,12 @@ void enlist(const DownloadRef& download, std::vector<BatchEntry>& entries, bool 
 
 /// Runs prepared downloads to their ends; the exit status. `alone`: a failure is told without a name.
 int run(Host& host, std::vector<BatchEntry>& entries, std::optional<int> jobs, ProgressMode mode,
-        Interruption& interruption, bool alone) {
+        Interruption& interruption, bool alone, const std::function<void()>& rest = nullptr) {
   if (entries.empty())
     return statusDone;
   // Progress is for people; standard output stays free for the results of the other modes.
   auto display = ProgressDisplay::create(mode, stdout);
-  followDownloads(host, entries, static_cast<std::size_t>(jobs.value_or(4)), *display, interruption);
+  followDownloads(host, entries, static_cast<std::size_t>(jobs.value_or(4)), *display, interruption, rest);
 
   int status = statusDone;
   std::size_t interrupted = 0;
@@ -337,47 +341,59 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
     status = statusFailed;
   };
   const auto contents = contentsOf(host, options.urls, options.headers, interruption);
-  std::vector<DownloadRef> downloads;
-  std::vector<bool> isNew;
-  std::set<std::string> seen;
-  for (std::size_t i = 0; i < options.urls.size(); ++i) {
-    const std::string& url = options.urls[i];
-    if (!seen.insert(url).second)
-      continue;
-    try {
-      if (!contents[i].type)
-        throw Failure(contents[i].failure);
-      downloads.push_back(createDownload(host, url, *contents[i].type, options));
-      isNew.push_back(downloads.back()->isProvisional());
-    } catch (const Failure& failure) {
-      fail(url, failure.what());
-    }
-  }
-
   std::vector<BatchEntry> entries;
-  std::size_t next = 0; // first one that was not looked at yet
-  try {
-    const auto errors = prepare(host, downloads, interruption);
-    while (next < downloads.size()) {
-      const std::size_t position = next++;
-      const DownloadRef& download = downloads[position];
+  std::set<std::string> seen;
+  const auto beginSome = [&](std::size_t first, std::size_t end) {
+    std::vector<DownloadRef> downloads;
+    std::vector<bool> isNew;
+    for (std::size_t i = first; i < end; ++i) {
+      const std::string& url = options.urls[i];
+      if (!seen.insert(url).second)
+        continue;
       try {
-        require(errors[position]);
-        printNotices(*download);
-        chooseFor(host, download, options);
-        enlist(download, entries, isNew[position]);
-      } catch (const std::runtime_error& failure) {
-        host.manager().discard(download);
-        fail(download->contentUrl(), failure.what());
+        if (!contents[i].type)
+          throw Failure(contents[i].failure);
+        downloads.push_back(createDownload(host, url, *contents[i].type, options));
+        isNew.push_back(downloads.back()->isProvisional());
+      } catch (const Failure& failure) {
+        fail(url, failure.what());
       }
     }
-  } catch (...) {
-    // A download that was only looked at leaves nothing behind; one of the list stays as it is.
-    for (; next < downloads.size(); ++next)
-      host.manager().discard(downloads[next]);
-    throw;
-  }
-  const int ended = run(host, entries, options.jobs, options.progress, interruption, alone);
+    std::size_t next = 0; // first one that was not looked at yet
+    try {
+      const auto errors = prepare(host, downloads, interruption);
+      while (next < downloads.size()) {
+        const std::size_t position = next++;
+        const DownloadRef& download = downloads[position];
+        try {
+          require(errors[position]);
+          printNotices(*download);
+          chooseFor(host, download, options);
+          enlist(download, entries, isNew[position]);
+        } catch (const std::runtime_error& failure) {
+          host.manager().discard(download);
+          fail(download->contentUrl(), failure.what());
+        }
+      }
+    } catch (...) {
+      // A download that was only looked at leaves nothing behind; one of the list stays as it is.
+      for (; next < downloads.size(); ++next)
+        host.manager().discard(downloads[next]);
+      throw;
+    }
+  };
+  // Of many files the first do not wait until all are prepared.
+  const bool filesAlone = std::all_of(contents.begin(), contents.end(), [](const Content& content) {
+    return !content.type || isPlainFile(*content.type);
+  });
+  const std::size_t all = options.urls.size();
+  std::size_t begun = filesAlone ? std::min(firstFiles, all) : all;
+  beginSome(0, begun);
+  if (entries.empty())
+    beginSome(std::exchange(begun, all), all);
+  const auto rest = [&] { beginSome(std::exchange(begun, all), all); };
+  const int ended = run(host, entries, options.jobs, options.progress, interruption, alone,
+                        begun < all ? rest : std::function<void()>());
   return ended == statusDone ? status : ended;
 }
 

@@ -195,6 +195,29 @@ TEST_F(Files, AnInterruptKeepsTheBytesOfWhatRunsAndWhatWaits) {
   EXPECT_EQ(server.requests("/movie.mp4")[1].header("Range").rfind("bytes=1", 0), 0u);
 }
 
+TEST_F(Files, AnInterruptWhileTheLastOfManyAreLookedAtKeepsTheFirst) {
+  std::vector<std::string> arguments{"download"};
+  for (int i = 0; i < 33; ++i) {
+    const std::string path = "/" + std::to_string(i) + ".mp3";
+    server.serve(path, {randomBytes(20'000), "\"v1\"", ""});
+    arguments.push_back(server.url(path));
+  }
+  const Entity talk{"talk", "\"v1\"", "", "audio/mpeg"};
+  arguments.push_back(server.url("/talk"));
+  const auto held = makeGate(), asked = makeGate();
+  server.once("/0.mp3", stallingAfter(5'000, held));
+  server.once("/talk", FaultServer::entity(talk)); // what it is; then what it is called
+  server.once("/talk", [asked](const ServerRequest&, ServerConnection& client) { client.wait(*asked); });
+  const auto process = start(arguments);
+  EXPECT_TRUE(held->waitUntilReached());
+  EXPECT_TRUE(asked->waitUntilReached());
+  EXPECT_EQ(end(*process, SIGINT), 130) << errors();
+  EXPECT_THAT(errors(), HasSubstr("interrupted; what was downloaded is kept"));
+  EXPECT_EQ(list().size(), 32u) << "what was only looked at leaves nothing";
+  EXPECT_TRUE(endedWell(run({"resume", "--all"})));
+  EXPECT_EQ(filesInPlace(), 32u);
+}
+
 TEST_F(Files, RemovingAnUnfinishedOneLeavesNoBytesBehind) {
   server.serve("/movie.mp4", {randomBytes(400'000), "\"v1\"", ""});
   interruptAfter(200'000);
