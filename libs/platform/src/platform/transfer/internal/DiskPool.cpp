@@ -2,11 +2,12 @@
 
 #include "platform/transfer/internal/ThreadStart.h"
 
+#include <algorithm>
 #include <system_error>
 
 namespace platform::transfer {
 
-DiskPool::DiskPool(unsigned mostThreads) : _mostThreads(mostThreads) {
+DiskPool::DiskPool(std::size_t mostThreads) : _mostThreads(mostThreads) {
   if (mostThreads > 0)
     startThread();
 }
@@ -15,12 +16,13 @@ void DiskPool::startThread() {
   _threads.push_back(transfer::startThread("disk", [this] { run(); }));
 }
 
-void DiskPool::add(std::function<void()> work) {
+void DiskPool::add(std::function<void()> work, Load load) {
   {
     std::lock_guard guard(_mutex);
     if (!_stopping) {
       _items.push_back(std::move(work));
-      if (_items.size() > _idle && _threads.size() < _mostThreads) {
+      const auto most = load == Load::Copying ? std::min(_mostThreads, CopyingThreads) : _mostThreads;
+      if (_items.size() > _idle && _threads.size() < most) {
         try {
           startThread();
         } catch (const std::system_error&) { // the ones that run do it later

@@ -59,7 +59,8 @@ void Transfer::storeFile() {
           if (task->transfer)
             task->transfer->stored(failure, length);
         });
-      });
+      },
+      sync ? DiskPool::Load::Waiting : DiskPool::Load::Copying);
 }
 
 void Transfer::stored(int failure, std::int64_t length) {
