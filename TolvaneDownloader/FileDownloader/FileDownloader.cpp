@@ -150,6 +150,18 @@ std::string FileDownloader::fileNameOf(const Download& download) const {
                                         download.contentType().value_or(ContentType::mp4));
 }
 
+/// Files of a download that an ended process has placed. A short one may have been placed before it was on
+/// stable storage, and is not worth the question.
+std::vector<std::pair<std::string, platform::FileAttributes>>
+FileDownloader::wholeLeftOf(const std::string& uuid) {
+  std::vector<std::pair<std::string, platform::FileAttributes>> whole;
+  for (std::string& left : places().leftOf(uuid))
+    if (auto attributes = FileManager::attributesOfItemAtPath(left);
+        attributes && attributes->size > longestUnsynced)
+      whole.emplace_back(std::move(left), *attributes);
+  return whole;
+}
+
 /// A title that is only the name follows it; one that somebody chose stays.
 void FileDownloader::rename(Download& download, const std::string& name) {
   const std::string before = fileNameOf(download);
@@ -190,7 +202,7 @@ void FileDownloader::prepareDownload(const std::string& uuid, PrepareCompletion 
   // A file in its place without a record of its end: the process died between the two. The server knows
   // whether it is the one that is wanted.
   const bool mayBeThere = !isNew && download->state() != DownloadState::success && !isUnderWay(uuid) &&
-                          !places().leftOf(uuid).empty();
+                          !wholeLeftOf(uuid).empty();
   if (nameFits && !mayBeThere)
     return completion(download, nullptr);
   askServer(download, std::move(completion));
@@ -219,12 +231,9 @@ void FileDownloader::learnFrom(const platform::HTTPURLResponse& response, Downlo
   const auto modified = response.lastModifiedSeconds();
   bool whole = false;
   if (length.value_or(0) > 0 && download.state() != DownloadState::success)
-    for (const std::string& left : places().leftOf(download.uuid())) {
-      const auto there = FileManager::attributesOfItemAtPath(left);
-      // A short one without a date may have been placed before it was on stable storage.
-      const bool sameVersion =
-          there && (modified ? there->modifiedSeconds == *modified : there->size > longestUnsynced);
-      if (!sameVersion || there->size != length)
+    for (const auto& [left, attributes] : wholeLeftOf(download.uuid())) {
+      if (attributes.size != length ||
+          attributes.modifiedSeconds != modified.value_or(attributes.modifiedSeconds))
         continue;
       whole = true;
       name = FilePlaces::nameOf(left);
@@ -278,7 +287,7 @@ QVErrorRef FileDownloader::startDownload(const std::string& uuid,
     events->dispatchDownloadStart(download);
   if (whole) {
     const std::string path = places().path(uuid, fileNameOf(*download));
-    place({uuid, path, FileManager::attributesOfItemAtPath(path), false, std::nullopt});
+    place({uuid, path, FileManager::attributesOfItemAtPath(path), false});
     return nullptr;
   }
   return later ? nullptr : startFileDownload(download);

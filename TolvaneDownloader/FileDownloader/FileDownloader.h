@@ -111,10 +111,9 @@ private:
     std::string path;
     std::optional<platform::FileAttributes> attributes;
     bool isNew = false;
-    std::optional<std::int64_t> modified; ///< its date, once it is on stable storage
   };
 
-  /// Longer files are synced by the transfer service: their disk has more to do than to take an order.
+  /// Longer files are synced before they are placed: what stands in their place without a record is whole.
   static constexpr std::int64_t longestUnsynced = 1 << 20;
 
   FileDownloader(bool cellularAccess, platform::HTTPHeaders headers,
@@ -130,6 +129,7 @@ private:
     change(_runs[uuid]);
   }
   std::string fileNameOf(const halvix::Download& download) const;
+  std::vector<std::pair<std::string, platform::FileAttributes>> wholeLeftOf(const std::string& uuid);
   void rename(halvix::Download& download, const std::string& name);
   void learnName(halvix::Download& download);
   void askServer(const std::shared_ptr<halvix::Download>& download, PrepareCompletion completion);
@@ -142,7 +142,6 @@ private:
   FilePlaces& places();
   bool isRemoved(const std::string& uuid) const;
   void removeOthers(const Placed& file);
-  static void setDate(const Placed& file);
   std::shared_ptr<halvix::Download> complete(std::shared_ptr<halvix::Download> download, const Placed& file);
   void fail(const std::shared_ptr<halvix::Download>& download, const halvix::QVErrorRef& failure);
   void explainRestart(halvix::Download& download);

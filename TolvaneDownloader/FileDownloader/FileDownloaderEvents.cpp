@@ -136,15 +136,16 @@ bool FileDownloader::isRemoved(const std::string& uuid) const {
 void FileDownloader::downloadDidCompleteWithIdentifier(const std::string& token,
                                                        const platform::URL& localFileURL) {
   if (findDownload(token) && !isRemoved(token)) {
-    Placed file{
-        token, localFileURL.path(), FileManager::attributesOfItemAtPath(localFileURL.path()), false, {}};
-    withRun(token, [&file](const Run& run) {
+    Placed file{token, localFileURL.path(), FileManager::attributesOfItemAtPath(localFileURL.path()), false};
+    // The server's date: until a record claims the file, it tells which version stands there.
+    std::optional<std::int64_t> modified;
+    withRun(token, [&](const Run& run) {
       file.isNew = run.isNew;
-      file.modified = run.modified;
+      modified = run.modified;
     });
-    // Until a record claims the file, its date tells which version stands there.
-    if (file.attributes && file.attributes->size > longestUnsynced)
-      setDate(file);
+    if (modified)
+      if (auto error = FileManager::setModifiedSeconds(*modified, file.path))
+        halvix::log_e(logTag, error->localizedDescription());
     return place(std::move(file));
   }
   halvix::log_e(logTag, "Completed download item not found " + token);
@@ -257,17 +258,8 @@ void FileDownloader::removeOthers(const Placed& file) {
         halvix::log_e(logTag, error->localizedDescription());
 }
 
-void FileDownloader::setDate(const Placed& file) {
-  if (!file.modified)
-    return;
-  if (auto error = FileManager::setModifiedSeconds(*file.modified, file.path))
-    halvix::log_e(logTag, error->localizedDescription());
-}
-
 std::shared_ptr<Download> FileDownloader::complete(std::shared_ptr<Download> download, const Placed& file) {
   download->setResumeData(nullptr);
-  if (file.attributes->size <= longestUnsynced)
-    setDate(file);
   download->setLocalRelativePath(halvix::Utils::relativePath(file.path, downloadPath()));
   download->setProgress(download->progress()
                             .copyWithExpectedContentSize(file.attributes->size)
