@@ -11,11 +11,11 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -152,10 +152,10 @@ private:
 
   mutable std::mutex _fileMutex; // guards what follows; nothing is called under it
   std::shared_ptr<ZRKFileDownloader> _downloader;
-  std::map<std::string, Run> _runs;
-  std::map<std::string, std::string> _byRemoteURL; // to the uuid; a URL as the queue writes it
-  std::vector<std::string> _interrupted;           // not told yet
-  std::vector<Placed> _placed;                     // not synced yet
+  std::unordered_map<std::string, Run> _runs;
+  std::unordered_map<std::string, std::string> _byRemoteURL; // to the uuid; a URL as the queue writes it
+  std::vector<std::string> _interrupted;                     // not told yet
+  std::vector<Placed> _placed;                               // not synced yet
   enum class Grouping { None, Collecting, Completing } _grouping = Grouping::None;
 
   std::atomic<bool> _storing{false};

@@ -25,7 +25,7 @@ constexpr const char* logTag = "[FileDownloader]";
 /// What a killed process leaves behind should not look as if it had done nothing.
 constexpr std::chrono::seconds keepInterval{2};
 /// Small files come faster than that, and each group costs the disk a flush or two.
-constexpr std::chrono::milliseconds groupInterval{10};
+constexpr std::chrono::milliseconds groupInterval{25};
 
 /// Why bytes of an earlier run were of no use, as far as the new response tells.
 std::string restartReason(const platform::HTTPURLResponse* response) {
@@ -240,7 +240,11 @@ void FileDownloader::completePlaced() {
         self->fail(download, fileFailure(error, 0, {}));
       else
         complete.push_back(self->complete(download, file));
-      self->withRun(file.uuid, [](Run& run) { run.placed = false; });
+      std::lock_guard lock(self->_fileMutex);
+      Run& run = self->_runs[file.uuid];
+      run.placed = false;
+      if (!error && !run.removed)
+        self->_runs.erase(file.uuid); // the record knows everything now
     }
     self->storeItems();
     if (const auto events = self->dispatcher())

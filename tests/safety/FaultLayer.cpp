@@ -194,6 +194,10 @@ FAULT_LAYER_TRUNCATE(ftruncate64)
 __attribute__((visibility("default"))) int rename(const char* from, const char* to) noexcept {
   return renameAt(AT_FDCWD, from, AT_FDCWD, to, 0);
 }
+__attribute__((visibility("default"))) int renameat2(int fromDirectory, const char* from, int toDirectory,
+                                                     const char* to, unsigned flags) noexcept {
+  return renameAt(fromDirectory, from, toDirectory, to, flags);
+}
 __attribute__((visibility("default"))) int renameat(int fromDirectory, const char* from, int toDirectory,
                                                     const char* to) noexcept {
   return renameAt(fromDirectory, from, toDirectory, to, 0);

@@ -30,6 +30,26 @@ ErrorRef excludeFromBackup(const std::string& directory) {
   return FileManager::writeDataAtomically(BackupTag, directory + BackupTagName);
 }
 
+/// A file that stands there is replaced in one step, so it is not lost when the move fails. Anything else
+/// would take more with it than one old file.
+std::optional<std::string> replaceFile(const std::string& location, const std::string& destination) {
+  auto standing = FileManager::attributesOfItemAtPath(destination);
+  if (standing && standing->type != platform::FileAttributes::Type::Regular &&
+      standing->type != platform::FileAttributes::Type::SymbolicLink) {
+    const bool directory = standing->type == platform::FileAttributes::Type::Directory;
+    return ZRKLogError(
+        "Error on removing file at " + destination + ": " +
+        ZRKDescribe(platform::makePOSIXError(directory ? EISDIR : EEXIST, "Only a file is replaced")));
+  }
+  if (auto error = FileManager::moveItemAtPathUnsynced(location, destination))
+    return ZRKLogError(
+        "Unable to move file from " + location + " to " + destination + " (" +
+        ZRKDescribe(platform::makeError(platform::NSURLErrorDomain, platform::NSURLErrorCannotMoveFile,
+                                        "The file cannot be moved.", error)) +
+        ")");
+  return std::nullopt;
+}
+
 } // namespace
 
 std::optional<std::string> ZRKFileDownloadFolder(const std::string& directory) {
@@ -79,22 +99,9 @@ std::optional<URL> ZRKTempLocalFileURLForDownloadFromURL(const URL& remoteURL,
 
 std::optional<std::string> ZRKPlaceFile(const std::string& location, const std::string& destination,
                                         std::int64_t& size) {
-  // A file that stands there is replaced by the move in one step, so it is not lost when the move fails.
-  // Anything else would take more with it than one old file.
-  auto standing = FileManager::attributesOfItemAtPath(destination);
-  if (standing && standing->type != platform::FileAttributes::Type::Regular &&
-      standing->type != platform::FileAttributes::Type::SymbolicLink) {
-    const bool directory = standing->type == platform::FileAttributes::Type::Directory;
-    return ZRKLogError(
-        "Error on removing file at " + destination + ": " +
-        ZRKDescribe(platform::makePOSIXError(directory ? EISDIR : EEXIST, "Only a file is replaced")));
-  }
-  if (auto error = FileManager::moveItemAtPathUnsynced(location, destination))
-    return ZRKLogError(
-        "Unable to move file from " + location + " to " + destination + " (" +
-        ZRKDescribe(platform::makeError(platform::NSURLErrorDomain, platform::NSURLErrorCannotMoveFile,
-                                        "The file cannot be moved.", error)) +
-        ")");
+  if (!FileManager::renameToFreePath(location, destination))
+    if (auto line = replaceFile(location, destination))
+      return line;
   ErrorRef error;
   auto attributes = FileManager::attributesOfItemAtPath(destination, &error);
   if (!attributes)

@@ -325,6 +325,10 @@ ErrorRef FileManager::moveItemAtPathUnsynced(const std::string& from, const std:
   return removeItemAtPath(from);
 }
 
+bool FileManager::renameToFreePath(const std::string& from, const std::string& to) {
+  return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
+}
+
 std::optional<Data> FileManager::contentsAtPath(const std::string& path, ErrorRef* error) {
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat attributes {};

@@ -59,6 +59,9 @@ public:
   /// The same for who moves many: the entry in the target's directory is on stable storage only after a call
   /// of `syncItemsAtPaths` for that directory.
   static ErrorRef moveItemAtPathUnsynced(const std::string& from, const std::string& to);
+  /// Renames on one file system when nothing stands at `to`; false, changing nothing, when that cannot be
+  /// done or told. Not synced, like the one before.
+  static bool renameToFreePath(const std::string& from, const std::string& to);
   /// Syncs files and directories, all at the same time, which costs little more than one. The first error;
   /// one that is gone is none.
   static ErrorRef syncItemsAtPaths(const std::vector<std::string>& paths);

@@ -43,9 +43,11 @@ void Transfer::storeFile() {
   _pieces.stop();
   _phase = Phase::Storing;
   _network.bodyWaits();
-  auto path = _network.store().newFinishedPath(*_file, _resumable ? _description : PartialDescription());
   const auto length = held();
   const bool sync = !_file->isInMemory() || length > _task.session()->configuration().maximumLengthUnsynced;
+  // One that is not synced counts for nothing until somebody has taken it: nobody is to find it.
+  auto path =
+      _network.store().newFinishedPath(*_file, sync && _resumable ? _description : PartialDescription());
   // A success ends the task right here: the way over the network thread would only delay what follows it.
   // Whether it was cancelled meanwhile is looked at when it is delivered.
   _network.disk().add(
