@@ -5,10 +5,11 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
-#include <cstring>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace platform {
@@ -42,10 +43,29 @@ bool littleIsUnwritten() {
   return dirty >= 0 && writing >= 0 && dirty + writing <= MostUnwrittenKiB;
 }
 
+/// Where the order reaches the disk. A file system of another process may keep it to itself.
+bool isOnDisk(int file) {
+  struct statfs system {};
+  if (::fstatfs(file, &system) != 0)
+    return false;
+  switch (static_cast<unsigned long>(system.f_type)) {
+  case EXT4_SUPER_MAGIC: // and its elders
+  case XFS_SUPER_MAGIC:
+  case BTRFS_SUPER_MAGIC:
+  case F2FS_SUPER_MAGIC:
+    return true;
+  default:
+    return false;
+  }
+}
+
 } // namespace
 
 GroupSync::GroupSync(const std::string& directory)
-    : _directory(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
+    : _directory(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+  if (_directory && !isOnDisk(_directory.get()))
+    _directory.close();
+}
 
 ErrorRef GroupSync::sync(const std::vector<std::string>& files,
                          const std::vector<std::string>& directories) const {
@@ -65,7 +85,9 @@ bool GroupSync::syncFileSystem(const std::vector<std::string>& directories) cons
     struct stat other {};
     return ::stat(path.c_str(), &other) != 0 || other.st_dev == own.st_dev;
   });
-  return together && ::syncfs(_directory.get()) == 0;
+  // Without a journal the file system's own blocks are written last, behind the flush of the disk's cache:
+  // the sync of a directory flushes once more.
+  return together && ::syncfs(_directory.get()) == 0 && ::fsync(_directory.get()) == 0;
 }
 
 } // namespace platform

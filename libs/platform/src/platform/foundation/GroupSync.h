@@ -10,7 +10,7 @@ namespace platform {
 
 /// Puts many small files on stable storage together, with the directories that name them. One order to the
 /// file system costs a fraction of an order for each file, but writes whatever else waits there: it is given
-/// while that is little; otherwise each item is synced by itself.
+/// while that is little, on the file systems of disks; otherwise each item is synced by itself.
 ///
 /// Thread-safe.
 class GroupSync {
@@ -25,7 +25,7 @@ public:
 private:
   bool syncFileSystem(const std::vector<std::string>& directories) const;
 
-  FileDescriptor _directory;
+  FileDescriptor _directory; ///< none: always one by one
 };
 
 } // namespace platform
