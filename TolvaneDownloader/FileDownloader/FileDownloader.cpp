@@ -185,8 +185,11 @@ std::shared_ptr<Download> FileDownloader::createDownload(const halvix::PlayerCon
   auto download = BaseDownloader::createDownload(configuration, headers, error);
   if (!download)
     return nullptr;
-  if (download->title().empty())
-    download->setTitle(fileNameOf(*download));
+  if (download->title().empty()) {
+    const std::string name = fileNameOf(*download);
+    withRun(download->uuid(), [&name](Run& run) { run.fileName = name; });
+    download->setTitle(name);
+  }
   return download;
 }
 

@@ -205,7 +205,6 @@ void enlist(const DownloadRef& download, std::vector<BatchEntry>& entries, bool 
     std::printf("already complete: %s\n", download->localUrl().value_or("").c_str());
   else
     entries.push_back({download, RunResult::Pending, {}, isNew});
-  std::fflush(stdout);
 }
 
 /// Runs prepared downloads to their ends; the exit status. `alone`: a failure is told without a name.
@@ -381,6 +380,7 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
         host.manager().discard(downloads[next]);
       throw;
     }
+    std::fflush(stdout);
   };
   // Of many files the first do not wait until all are prepared.
   const bool filesAlone = std::all_of(contents.begin(), contents.end(), [](const Content& content) {
@@ -429,6 +429,7 @@ int resumeCommand(const std::string& library, const std::vector<std::string>& id
                  oneLine(halvix::describeError(errors[i])).c_str());
     status = statusFailed;
   }
+  std::fflush(stdout);
   const int ended = run(host, entries, jobs, progress, interruption, false);
   return ended == statusDone ? status : ended;
 }

@@ -15,6 +15,11 @@ std::vector<std::shared_ptr<DownloaderFactoryProtocol>> ComponentRegistry::facto
   return _factories;
 }
 
+std::size_t ComponentRegistry::numFactories() const {
+  std::lock_guard lock(_mutex);
+  return _factories.size();
+}
+
 std::shared_ptr<DownloaderFactoryProtocol>
 ComponentRegistry::factory(ContentType contentType, const std::shared_ptr<Session>& session) const {
   for (const auto& factory : factories())

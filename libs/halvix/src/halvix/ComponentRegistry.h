@@ -2,6 +2,7 @@
 
 #include "halvix/ContentType.h"
 
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -32,6 +33,7 @@ public:
   void registerFactory(std::shared_ptr<DownloaderFactoryProtocol> factory);
 
   std::vector<std::shared_ptr<DownloaderFactoryProtocol>> factories() const;
+  std::size_t numFactories() const; ///< only grows
 
   /// The first factory that takes the type and can attach to the session (a null session: any); else null.
   std::shared_ptr<DownloaderFactoryProtocol> factory(ContentType contentType,

@@ -194,11 +194,26 @@ std::shared_ptr<BaseDownloader> ManagerState::downloader(ContentType contentType
 }
 
 std::vector<std::shared_ptr<BaseDownloader>> ManagerState::allDownloaders() {
-  std::vector<std::shared_ptr<BaseDownloader>> all;
-  for (ContentType type : allContentTypes)
-    if (auto found = downloader(type); found && std::find(all.begin(), all.end(), found) == all.end())
-      all.push_back(std::move(found));
-  return all;
+  const std::size_t numFactories = components->numFactories();
+  {
+    std::lock_guard lock(mutex);
+    if (numFactoriesAsked == numFactories)
+      return foundByAll;
+  }
+  std::vector<std::shared_ptr<BaseDownloader>> found;
+  bool isWhole = true; // a factory that made none is asked again
+  for (ContentType type : allContentTypes) {
+    auto one = downloader(type);
+    isWhole = isWhole && (one || !components->factory(type, session));
+    if (one && std::find(found.begin(), found.end(), one) == found.end())
+      found.push_back(std::move(one));
+  }
+  std::lock_guard lock(mutex);
+  if (isWhole) {
+    foundByAll = found;
+    numFactoriesAsked = numFactories;
+  }
+  return found;
 }
 
 std::vector<std::shared_ptr<BaseDownloader>> ManagerState::knownDownloaders() {

@@ -63,6 +63,8 @@ struct ManagerState {
   std::vector<std::shared_ptr<QVPluginProtocol>> plugins;
   std::unordered_map<const DownloaderFactoryProtocol*, std::shared_ptr<BaseDownloader>> byFactory;
   std::map<std::string, std::shared_ptr<BaseDownloader>> byName;
+  std::vector<std::shared_ptr<BaseDownloader>> foundByAll; // of so many factories
+  std::size_t numFactoriesAsked = 0;
   std::map<std::shared_ptr<Download>, std::vector<DownloadManager::Completion>> preparations;
 };
 
