@@ -76,7 +76,7 @@ public:
   bool claimProgressEvent();
   bool hasUnreportedBytes() const;
   void setPartial(const std::string& name);
-  /// The body is whole and stored at `path`.
+  /// The body is whole and stored at `path`. The journal claims it only when it is synced.
   void setComplete(std::int64_t length, const std::string& path, bool synced);
 
   // For the session.
