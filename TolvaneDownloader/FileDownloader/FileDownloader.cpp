@@ -151,15 +151,13 @@ std::string FileDownloader::fileNameOf(const Download& download) const {
 }
 
 /// Files of a download that an ended process has placed. A short one may have been placed before it was on
-/// stable storage, and is not worth the question.
-std::vector<std::pair<std::string, platform::FileAttributes>>
-FileDownloader::wholeLeftOf(const std::string& uuid) {
-  std::vector<std::pair<std::string, platform::FileAttributes>> whole;
-  for (std::string& left : places().leftOf(uuid))
-    if (auto attributes = FileManager::attributesOfItemAtPath(left);
-        attributes && attributes->size > longestUnsynced)
-      whole.emplace_back(std::move(left), *attributes);
-  return whole;
+/// stable storage.
+std::vector<FilePlaces::Left> FileDownloader::wholeLeftOf(const std::string& uuid) {
+  auto files = places().leftOf(uuid);
+  std::erase_if(files, [](const FilePlaces::Left& file) {
+    return file.attributes.size <= longestUnsynced && !file.isOfThisRunOfTheSystem();
+  });
+  return files;
 }
 
 /// A title that is only the name follows it; one that somebody chose stays.
@@ -234,12 +232,12 @@ void FileDownloader::learnFrom(const platform::HTTPURLResponse& response, Downlo
   const auto modified = response.lastModifiedSeconds();
   bool whole = false;
   if (length.value_or(0) > 0 && download.state() != DownloadState::success)
-    for (const auto& [left, attributes] : wholeLeftOf(download.uuid())) {
+    for (const auto& [path, attributes] : wholeLeftOf(download.uuid())) {
       if (attributes.size != length ||
           attributes.modifiedSeconds != modified.value_or(attributes.modifiedSeconds))
         continue;
       whole = true;
-      name = FilePlaces::nameOf(left);
+      name = FilePlaces::nameOf(path);
       break;
     }
   rename(download, name);
@@ -406,7 +404,8 @@ QVErrorRef FileDownloader::removeDownload(const std::string& uuid) {
   if (auto local = download->localUrl())
     files.push_back(std::move(*local));
   else if (!download->isProvisional()) {
-    files = places().leftOf(uuid);
+    for (FilePlaces::Left& left : places().leftOf(uuid))
+      files.push_back(std::move(left.path));
     files.push_back(places().path(uuid, fileNameOf(*download)));
   }
   for (const std::string& file : files)

@@ -129,7 +129,7 @@ private:
     change(_runs[uuid]);
   }
   std::string fileNameOf(const halvix::Download& download) const;
-  std::vector<std::pair<std::string, platform::FileAttributes>> wholeLeftOf(const std::string& uuid);
+  std::vector<FilePlaces::Left> wholeLeftOf(const std::string& uuid);
   void rename(halvix::Download& download, const std::string& name);
   void learnName(halvix::Download& download);
   void askServer(const std::shared_ptr<halvix::Download>& download, PrepareCompletion completion);

@@ -256,9 +256,9 @@ void FileDownloader::completePlaced() {
 
 /// What an earlier process left of a download under another name is no longer wanted.
 void FileDownloader::removeOthers(const Placed& file) {
-  for (const std::string& left : places().leftOf(file.uuid))
-    if (left != file.path)
-      if (auto error = halvix::Utils::removeFile(left))
+  for (const FilePlaces::Left& left : places().leftOf(file.uuid))
+    if (left.path != file.path)
+      if (auto error = halvix::Utils::removeFile(left.path))
         halvix::log_e(logTag, error->localizedDescription());
 }
 

@@ -1,11 +1,11 @@
 #include "TolvaneDownloader/FileDownloader/FilePlaces.h"
 
-#include "platform/foundation/FileManager.h"
 #include "platform/foundation/StringHash.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <utility>
 
 using platform::FileManager;
@@ -48,7 +48,14 @@ std::string FilePlaces::nameOf(const std::string& path) {
   return name;
 }
 
-std::vector<std::string> FilePlaces::leftOf(const std::string& uuid) {
+bool FilePlaces::Left::isOfThisRunOfTheSystem() const {
+  timespec now{}, running{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  ::clock_gettime(CLOCK_BOOTTIME, &running);
+  return attributes.changedSeconds > now.tv_sec - running.tv_sec;
+}
+
+std::vector<FilePlaces::Left> FilePlaces::leftOf(const std::string& uuid) {
   std::unique_lock lock(_mutex);
   if (!_isRead) {
     lock.unlock();
@@ -60,14 +67,16 @@ std::vector<std::string> FilePlaces::leftOf(const std::string& uuid) {
     if (!std::exchange(_isRead, true))
       _left = std::move(left);
   }
-  std::vector<std::string> paths;
+  std::vector<Left> files;
   const auto [first, last] = _left.equal_range(markOf(uuid));
   for (auto found = first; found != last; ++found)
-    paths.push_back(_directory + "/" + found->second);
+    files.push_back({_directory + "/" + found->second, {}});
   lock.unlock();
-  std::erase_if(paths, [](const std::string& path) {
-    const auto attributes = FileManager::attributesOfItemAtPath(path);
+  std::erase_if(files, [](Left& file) {
+    const auto attributes = FileManager::attributesOfItemAtPath(file.path);
+    if (attributes)
+      file.attributes = *attributes;
     return !attributes || attributes->type != platform::FileAttributes::Type::Regular;
   });
-  return paths;
+  return files;
 }

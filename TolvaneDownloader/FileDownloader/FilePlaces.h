@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/foundation/FileManager.h"
+
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -21,9 +23,16 @@ public:
   /// The name that was given for a path that stands here.
   static std::string nameOf(const std::string& path);
 
-  /// Paths of the regular files that stand there for a download, whatever name they were given. Only those
-  /// that an ended process left: the directory is read once.
-  std::vector<std::string> leftOf(const std::string& uuid);
+  struct Left {
+    std::string path;
+    platform::FileAttributes attributes;
+    /// Placed since the system was started, so that no power failure can have taken of it what was not
+    /// synced.
+    bool isOfThisRunOfTheSystem() const;
+  };
+  /// The regular files that stand there for a download, whatever name they were given. Only those that an
+  /// ended process left: the directory is read once.
+  std::vector<Left> leftOf(const std::string& uuid);
 
 private:
   const std::string _directory;

@@ -222,6 +222,7 @@ std::optional<FileAttributes> FileManager::attributesOfItemAtPath(const std::str
     attributes.type = FileAttributes::Type::SymbolicLink;
   attributes.size = raw.st_size;
   attributes.modifiedSeconds = raw.st_mtim.tv_sec;
+  attributes.changedSeconds = raw.st_ctim.tv_sec;
   return attributes;
 }
 

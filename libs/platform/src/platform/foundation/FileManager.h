@@ -16,6 +16,7 @@ struct FileAttributes {
   Type type = Type::Other;
   std::int64_t size = 0; ///< bytes
   std::int64_t modifiedSeconds = 0;
+  std::int64_t changedSeconds = 0; ///< when the system last noted a change of content or attributes
 };
 
 /// The file system. All operations are thread-safe and block; paths are UTF-8 and absolute. Operations that
