@@ -142,7 +142,7 @@ private:
   FilePlaces& places();
   bool isRemoved(const std::string& uuid) const;
   void removeOthers(const Placed& file);
-  std::shared_ptr<halvix::Download> complete(std::shared_ptr<halvix::Download> download, const Placed& file);
+  void complete(halvix::Download& download, const Placed& file);
   void fail(const std::shared_ptr<halvix::Download>& download, const halvix::QVErrorRef& failure);
   void explainRestart(halvix::Download& download);
   void becamePaused(const std::string& uuid, const platform::DataRef& resumeData);

@@ -220,10 +220,7 @@ void FileDownloader::completePlaced() {
     if (!file.isNew)
       removeOthers(file);
   }
-  std::vector<platform::ErrorRef> errors(placed.size());
-  if (_groupSync->sync(files, {downloadPath()}))
-    for (std::size_t i = 0; i < placed.size(); ++i) // whose it was
-      errors[i] = _groupSync->sync({files[i]}, {downloadPath()});
+  auto errors = _groupSync->sync(files);
   // Where the events of the ends go too: they follow when the records of all are stored, with one writing.
   platform::MainQueue::shared().async([self = std::static_pointer_cast<FileDownloader>(shared_from_this()),
                                        placed = std::move(placed), errors = std::move(errors)] {
@@ -233,13 +230,17 @@ void FileDownloader::completePlaced() {
       const auto download = self->findDownload(file.uuid);
       auto error = errors[i];
       if (!error && !file.attributes)
-        error = platform::makePOSIXError(ENOENT, file.path); // somebody has taken it away
-      if (!download || self->isRemoved(file.uuid))
-        halvix::Utils::removeFile(file.path); // it may have come after the removal
-      else if (error)
+        error = platform::makePOSIXError(ENOENT, file.path);         // somebody has taken it away
+      const bool isWanted = download && !self->isRemoved(file.uuid); // it may have come after the removal
+      const bool mayBeLost = error && file.attributes && file.attributes->size <= longestUnsynced;
+      if (!isWanted || mayBeLost)
+        halvix::Utils::removeFile(file.path);
+      if (isWanted && error)
         self->fail(download, fileFailure(error, 0, {}));
-      else
-        complete.push_back(self->complete(download, file));
+      if (isWanted && !error) {
+        self->complete(*download, file);
+        complete.push_back(download);
+      }
       std::lock_guard lock(self->_fileMutex);
       Run& run = self->_runs[file.uuid];
       run.placed = false;
@@ -262,15 +263,14 @@ void FileDownloader::removeOthers(const Placed& file) {
         halvix::log_e(logTag, error->localizedDescription());
 }
 
-std::shared_ptr<Download> FileDownloader::complete(std::shared_ptr<Download> download, const Placed& file) {
-  download->setResumeData(nullptr);
-  download->setLocalRelativePath(halvix::Utils::relativePath(file.path, downloadPath()));
-  download->setProgress(download->progress()
-                            .copyWithExpectedContentSize(file.attributes->size)
-                            .copyWithDownloadedContentSize(file.attributes->size)
-                            .copyWithProgress(1));
-  download->setState(DownloadState::success);
-  return download;
+void FileDownloader::complete(Download& download, const Placed& file) {
+  download.setResumeData(nullptr);
+  download.setLocalRelativePath(halvix::Utils::relativePath(file.path, downloadPath()));
+  download.setProgress(download.progress()
+                           .copyWithExpectedContentSize(file.attributes->size)
+                           .copyWithDownloadedContentSize(file.attributes->size)
+                           .copyWithProgress(1));
+  download.setState(DownloadState::success);
 }
 
 void FileDownloader::fail(const std::shared_ptr<Download>& download, const halvix::QVErrorRef& failure) {

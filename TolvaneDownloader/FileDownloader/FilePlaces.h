@@ -17,7 +17,6 @@ class FilePlaces {
 public:
   explicit FilePlaces(std::string directory);
 
-  const std::string& directory() const { return _directory; }
   /// Of the file of a download; `name` is one path component.
   std::string path(const std::string& uuid, std::string_view name) const;
   /// The name that was given for a path that stands here.

@@ -1,5 +1,6 @@
 #include "apps/tolvane/DownloadBatch.h"
 
+#include "TolvaneDownloader/FileDownloader/FileDownloader.h"
 #include "apps/tolvane/Commands.h"
 #include "apps/tolvane/Host.h"
 #include "apps/tolvane/Interruption.h"
@@ -285,13 +286,9 @@ private:
 
 } // namespace
 
-bool isPlainFile(halvix::ContentType type) {
-  return type == halvix::ContentType::mp4 || type == halvix::ContentType::mp3;
-}
-
 bool isPlainFile(const halvix::Download& download) {
   const auto type = download.contentType();
-  return type && isPlainFile(*type);
+  return type && FileDownloader::isPlainFile(*type);
 }
 
 void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t limit,

@@ -2,7 +2,6 @@
 
 #include "apps/tolvane/ProgressDisplay.h"
 
-#include "halvix/ContentType.h"
 #include "halvix/QVError.h"
 
 #include <cstddef>
@@ -32,7 +31,6 @@ struct BatchEntry {
 
 /// Whether it is one file, for which the host keeps a queue of its own.
 bool isPlainFile(const halvix::Download& download);
-bool isPlainFile(halvix::ContentType type);
 
 /// Follows downloads from their start to their end on the calling thread, with their progress on `display`:
 /// for one of them a line for each quality, for several a line each. Files alone are all handed to the host,

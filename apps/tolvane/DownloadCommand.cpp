@@ -1,3 +1,4 @@
+#include "TolvaneDownloader/FileDownloader/FileDownloader.h"
 #include "apps/tolvane/Commands.h"
 #include "apps/tolvane/DownloadBatch.h"
 #include "apps/tolvane/Host.h"
@@ -384,7 +385,7 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
   };
   // Of many files the first do not wait until all are prepared.
   const bool filesAlone = std::all_of(contents.begin(), contents.end(), [](const Content& content) {
-    return !content.type || isPlainFile(*content.type);
+    return !content.type || FileDownloader::isPlainFile(*content.type);
   });
   const std::size_t all = options.urls.size();
   std::size_t begun = filesAlone ? std::min(firstFiles, all) : all;

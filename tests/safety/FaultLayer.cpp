@@ -78,6 +78,7 @@ public:
     if (s.error != 0 && std::strcmp(s.kind, _kind) == 0) {
       const long number = ++s.seen;
       if (number == s.number || (s.lasting && number > s.number)) {
+        log('x');
         errno = s.error;
         return -1;
       }

@@ -66,6 +66,29 @@ TEST_F(SmallFiles, ASyncThatFailsClaimsNothingAndTheRestGoesOn) {
   }
 }
 
+// The system tells a failed writing once: who asks again is told that all is well.
+TEST_F(SmallFiles, AFileWhoseSyncFailedIsNeverClaimed) {
+  bool met = false;
+  for (int n = 1; n <= 60 && !met; ++n) {
+    SCOPED_TRACE(n);
+    const std::string library = directory / ("library" + std::to_string(n)), log = library + ".log";
+    const std::vector<std::string> arguments{"download", server.url(pathOf(0)), "--progress",
+                                             "none",     "--library",           library};
+    const ProgramResult run = runBounded(
+        arguments, FileLayer{library, log, "sync " + std::to_string(n) + " " + std::to_string(EIO)});
+    met = readFile(log).find("x sync " + library + "/FileDownloader/") != std::string::npos;
+    if (!met)
+      continue;
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(filesBelow(library + "/FileDownloader").empty());
+    EXPECT_NE(json::parse(runBounded({"list", "--json", "--library", library}).out).at(0)["state"],
+              "success");
+    EXPECT_TRUE(endedWell(runBounded(arguments)));
+    EXPECT_EQ(filesBelow(library + "/FileDownloader").size(), 1u);
+  }
+  EXPECT_TRUE(met);
+}
+
 TEST_F(SmallFiles, AreSyncedInTheirPlaceBeforeAnythingClaimsThem) {
   const std::string library = directory / "library", log = directory / "log";
   ASSERT_TRUE(endedWell(runBounded(download(library), FileLayer{library, log, ""})));

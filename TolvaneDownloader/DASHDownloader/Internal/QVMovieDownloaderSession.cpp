@@ -180,9 +180,10 @@ platform::ErrorRef QVMovieDownloader::_syncPlaced(const std::string& directory, 
   if (++_numUnsynced < mostUnsynced && !now)
     return nullptr;
   // One that was removed meanwhile went with all that was in it.
-  if (auto error =
-          platform::FileManager::syncItemsAtPaths({_unsyncedDirectories.begin(), _unsyncedDirectories.end()}))
-    return error;
+  for (auto& error :
+       platform::FileManager::syncItemsAtPaths({_unsyncedDirectories.begin(), _unsyncedDirectories.end()}))
+    if (error)
+      return std::move(error);
   _unsyncedDirectories.clear();
   _numUnsynced = 0;
   return nullptr;

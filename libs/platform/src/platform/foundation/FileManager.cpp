@@ -9,7 +9,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
-#include <mutex>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <system_error>
@@ -281,19 +280,15 @@ ErrorRef FileManager::moveItemAtPath(const std::string& from, const std::string&
   return error ? error : syncItem(parentOf(to));
 }
 
-ErrorRef FileManager::syncItemsAtPaths(const std::vector<std::string>& paths) {
+std::vector<ErrorRef> FileManager::syncItemsAtPaths(const std::vector<std::string>& paths) {
   // Syncs that run together share the flushes of the disk; one after the other, each would wait for its own.
   constexpr std::size_t most = 4;
   std::atomic<std::size_t> next{0};
-  std::mutex mutex;
-  ErrorRef first;
+  std::vector<ErrorRef> errors(paths.size());
   const auto work = [&] {
     for (std::size_t i; (i = next++) < paths.size();)
-      if (auto error = syncItem(paths[i]); error && error->code() != ENOENT) {
-        std::lock_guard lock(mutex);
-        if (!first)
-          first = std::move(error);
-      }
+      if (auto error = syncItem(paths[i]); error && error->code() != ENOENT)
+        errors[i] = std::move(error);
   };
   std::vector<std::jthread> others;
   try {
@@ -304,7 +299,7 @@ ErrorRef FileManager::syncItemsAtPaths(const std::vector<std::string>& paths) {
   }
   work();
   others.clear();
-  return first;
+  return errors;
 }
 
 ErrorRef FileManager::moveItemAtPathUnsynced(const std::string& from, const std::string& to) {

@@ -63,9 +63,9 @@ public:
   /// Renames on one file system when nothing stands at `to`; false, changing nothing, when that cannot be
   /// done or told. Not synced, like the one before.
   static bool renameToFreePath(const std::string& from, const std::string& to);
-  /// Syncs files and directories, all at the same time, which costs little more than one. The first error;
-  /// one that is gone is none.
-  static ErrorRef syncItemsAtPaths(const std::vector<std::string>& paths);
+  /// Syncs files and directories, all at the same time, which costs little more than one. The error of each;
+  /// that it is gone is none. The system tells a failed writing once: another sync of the item succeeds.
+  static std::vector<ErrorRef> syncItemsAtPaths(const std::vector<std::string>& paths);
 
   static std::optional<Data> contentsAtPath(const std::string& path, ErrorRef* error = nullptr);
 

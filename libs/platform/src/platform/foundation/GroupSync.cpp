@@ -8,16 +8,16 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <string_view>
-#include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
+#include <utility>
 
 namespace platform {
 
 namespace {
 
 /// Fewer items are as cheap one by one, and then nobody waits for strangers.
-constexpr std::size_t FewestTogether = 4;
+constexpr std::size_t FewestTogether = 3;
 /// What a slow disk writes in a moment. The system counts for all its disks, so there may be less.
 constexpr std::int64_t MostUnwrittenKiB = 128 << 10;
 
@@ -61,33 +61,32 @@ bool isOnDisk(int file) {
 
 } // namespace
 
-GroupSync::GroupSync(const std::string& directory)
-    : _directory(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+GroupSync::GroupSync(std::string directory)
+    : _path(std::move(directory)), _directory(::open(_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   if (_directory && !isOnDisk(_directory.get()))
     _directory.close();
 }
 
-ErrorRef GroupSync::sync(const std::vector<std::string>& files,
-                         const std::vector<std::string>& directories) const {
-  if (files.size() + directories.size() >= FewestTogether && syncFileSystem(directories))
-    return nullptr;
-  auto items = files;
-  items.insert(items.end(), directories.begin(), directories.end());
-  return FileManager::syncItemsAtPaths(items);
+std::vector<ErrorRef> GroupSync::sync(const std::vector<std::string>& paths) const {
+  if (paths.size() >= FewestTogether && syncFileSystem())
+    return std::vector<ErrorRef>(paths.size());
+  auto items = paths;
+  items.push_back(_path);
+  auto errors = FileManager::syncItemsAtPaths(items);
+  const auto ofNames = std::move(errors.back());
+  errors.pop_back();
+  for (auto& error : errors)
+    if (!error)
+      error = ofNames;
+  return errors;
 }
 
-/// False: it could not be done, or something was not written; whose that was the items tell.
-bool GroupSync::syncFileSystem(const std::vector<std::string>& directories) const {
-  struct stat own {};
-  if (!_directory || ::fstat(_directory.get(), &own) != 0 || !littleIsUnwritten())
-    return false;
-  const bool together = std::all_of(directories.begin(), directories.end(), [&](const std::string& path) {
-    struct stat other {};
-    return ::stat(path.c_str(), &other) != 0 || other.st_dev == own.st_dev;
-  });
+/// False: it could not be done, or something was not written; whose that was the files tell.
+bool GroupSync::syncFileSystem() const {
   // Without a journal the file system's own blocks are written last, behind the flush of the disk's cache:
   // the sync of a directory flushes once more.
-  return together && ::syncfs(_directory.get()) == 0 && ::fsync(_directory.get()) == 0;
+  return _directory && littleIsUnwritten() && ::syncfs(_directory.get()) == 0 &&
+         ::fsync(_directory.get()) == 0;
 }
 
 } // namespace platform

@@ -8,23 +8,25 @@
 
 namespace platform {
 
-/// Puts many small files on stable storage together, with the directories that name them. One order to the
-/// file system costs a fraction of an order for each file, but writes whatever else waits there: it is given
+/// Puts many small files of a directory on stable storage together, with their names. One order to the file
+/// system costs a fraction of an order for each file, but writes whatever else waits there: it is given
 /// while that is little, on the file systems of disks; otherwise each item is synced by itself.
 ///
 /// Thread-safe.
 class GroupSync {
 public:
-  /// For items on the file system of `directory`, which must exist. Make it before the files are written: it
-  /// learns of writings that fail from then on.
-  explicit GroupSync(const std::string& directory);
+  /// The directory must exist. Make it before the files are written: it learns of writings that fail from
+  /// then on.
+  explicit GroupSync(std::string directory);
 
-  /// Returns when all are on stable storage; the first error. What is gone is none, with what was in it.
-  ErrorRef sync(const std::vector<std::string>& files, const std::vector<std::string>& directories) const;
+  /// Returns when all are on stable storage, with the error of each; that it is gone is none. An error is
+  /// told once: what such a file holds is lost.
+  std::vector<ErrorRef> sync(const std::vector<std::string>& paths) const;
 
 private:
-  bool syncFileSystem(const std::vector<std::string>& directories) const;
+  bool syncFileSystem() const;
 
+  const std::string _path;
   FileDescriptor _directory; ///< none: always one by one
 };
 
