@@ -185,6 +185,12 @@ int BaseDownloader::activityCount() const {
 void BaseDownloader::setUuidGenerator(UuidGenerator generator) {
   std::lock_guard lock(_mutex);
   _uuidGenerator.swap(generator);
+  _identifiesContent = true;
+}
+
+bool BaseDownloader::identifiesContent() const {
+  std::lock_guard lock(_mutex);
+  return _identifiesContent;
 }
 
 BaseDownloader::UuidGenerator BaseDownloader::uuidGenerator() const {

@@ -83,6 +83,10 @@ public:
   void toggleActivityIndicator(bool active);
   int activityCount() const;
 
+  /// Whether an identifier follows from what is downloaded, so that content of it may have been there before
+  /// its entry in the list. False while identifiers are random.
+  bool identifiesContent() const;
+
   // Operations of a kind of content. The string is a download's uuid; an answered error of null is success.
 
   virtual bool canDownload(ContentType contentType) const = 0;
@@ -135,6 +139,7 @@ private:
   mutable std::mutex _mutex;
   std::mutex _storeMutex; // one writing of changes at a time, so that an older copy never overtakes a newer
   UuidGenerator _uuidGenerator;
+  bool _identifiesContent = false;
   std::vector<std::shared_ptr<Download>> _downloads;
   // Keys view the texts inside the downloads, which never change.
   std::unordered_map<std::string_view, std::shared_ptr<Download>> _byUuid;

@@ -169,7 +169,7 @@ std::shared_ptr<Download> DownloadManager::createDownload(const PlayerConfigurat
   if (!owner)
     return nullptr;
   auto download = owner->createDownload(configuration, headers, error);
-  if (download && download->isProvisional())
+  if (download && download->isProvisional() && owner->identifiesContent())
     if (const std::string folder = ownFolder(*owner, *download); !folder.empty())
       download->setFoundContent(platform::FileManager::fileExistsAtPath(folder));
   return download;

@@ -238,8 +238,12 @@ std::shared_ptr<DownloadStore> DownloadStore::open(const std::string& libraryDir
   Content content = Content::Empty;
   if (auto reason = inspect(raw, state->path, content))
     return fail(reason);
-  // FULL: rows are written seldom, and a record that was told of must outlive a power failure.
-  code = execute(raw, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;");
+  // A new one is made with a single sync, that of its first page. The tables stand in the write-ahead log,
+  // whose first synced transaction makes all of it durable; until then there is nothing to lose.
+  if (content == Content::Empty)
+    code = execute(raw, "PRAGMA journal_mode=OFF; PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;");
+  else
+    code = execute(raw, "PRAGMA journal_mode=WAL;");
   if (code != SQLITE_OK)
     return fail(state->failure(code));
   if (content == Content::Empty) {
@@ -252,6 +256,10 @@ std::shared_ptr<DownloadStore> DownloadStore::open(const std::string& libraryDir
     if (reason)
       return fail(reason);
   }
+  // Rows are written seldom, and a record that was told of must outlive a power failure.
+  code = execute(raw, "PRAGMA synchronous=FULL;");
+  if (code != SQLITE_OK)
+    return fail(state->failure(code));
   code = prepare(raw, insertSQL, state->insert);
   if (code == SQLITE_OK)
     code = prepare(raw, eraseSQL, state->erase);
