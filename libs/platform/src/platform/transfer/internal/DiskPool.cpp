@@ -17,22 +17,22 @@ void DiskPool::startThread() {
 }
 
 void DiskPool::add(std::function<void()> work, Load load) {
-  {
-    std::lock_guard guard(_mutex);
-    if (!_stopping) {
-      _items.push_back(std::move(work));
-      const auto most = load == Load::Copying ? std::min(_mostThreads, CopyingThreads) : _mostThreads;
-      if (_items.size() > _idle && _threads.size() < most) {
-        try {
-          startThread();
-        } catch (const std::system_error&) { // the ones that run do it later
-        }
-      }
-      _wake.notify_one();
-      return;
+  std::unique_lock lock(_mutex);
+  if (_stopping) {
+    lock.unlock();
+    work();
+    return;
+  }
+  _items.push_back(std::move(work));
+  const auto most = load == Load::Copying ? std::min(_mostThreads, CopyingThreads) : _mostThreads;
+  if (_items.size() > _idle && _threads.size() < most) {
+    try {
+      startThread();
+    } catch (const std::system_error&) { // the ones that run do it later
     }
   }
-  work();
+  lock.unlock(); // whoever wakes finds it free
+  _wake.notify_one();
 }
 
 void DiskPool::stop() {

@@ -26,6 +26,8 @@ constexpr int SearchedSlots = 4;
 constexpr int MostSlots = 4096;
 // A directory in which large bodies come and go is not opened for each of them.
 constexpr std::chrono::seconds EmptinessInterval{1};
+// What another process leaves there may be overlooked for this long.
+constexpr std::chrono::milliseconds LookInterval{10};
 
 std::string slotName(const std::string& key, int slot) {
   return key + "-" + std::to_string(slot);
@@ -138,13 +140,17 @@ bool PartialStore::mayHoldOrphan(const std::string& method, const std::string& u
 }
 
 bool PartialStore::isKnownEmpty() const {
+  const auto now = std::chrono::steady_clock::now();
+  if (now < _emptyUntil && !_hasMade)
+    return true;
   struct stat attributes {};
   if (::stat(_partials.c_str(), &attributes) != 0)
     return false;
   const std::pair changed(attributes.st_mtim.tv_sec, attributes.st_mtim.tv_nsec);
-  if (changed == _emptySince)
+  if (changed == _emptySince) {
+    _emptyUntil = now + LookInterval;
     return true;
-  const auto now = std::chrono::steady_clock::now();
+  }
   if (now < _nextEmptiness)
     return false;
   _nextEmptiness = now + EmptinessInterval;
@@ -160,6 +166,7 @@ std::shared_ptr<PartialFile> PartialStore::create(const std::string& key) const 
 }
 
 int PartialStore::make(const std::string& key, std::string& name, int* failure) const {
+  _hasMade = true;
   *failure = EEXIST;
   for (int slot = 0; slot < MostSlots; ++slot) {
     name = slotName(key, slot);

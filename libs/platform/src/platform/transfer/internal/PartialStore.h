@@ -109,6 +109,8 @@ private:
   mutable std::atomic<bool> _highSlots{false}; ///< a name may stand that does not end in "-0"
   mutable std::optional<std::pair<std::time_t, long>> _emptySince; ///< when partials/ was changed to empty
   mutable std::chrono::steady_clock::time_point _nextEmptiness{};  ///< when it is looked into again
+  mutable std::chrono::steady_clock::time_point _emptyUntil{};     ///< until then nobody looks
+  mutable std::atomic<bool> _hasMade{false};                       ///< this process has put something there
   mutable std::atomic<std::uint64_t> _number{0};
   mutable std::mutex _leftMutex;
   mutable std::unordered_multimap<std::string, std::string> _left; ///< key to name below finished/

@@ -9,9 +9,11 @@ std::thread startThread(const std::string& name, std::function<void()> body) {
   sigset_t all, before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
-  std::thread thread(std::move(body));
+  std::thread thread([name = name.substr(0, 15), body = std::move(body)] {
+    pthread_setname_np(pthread_self(), name.c_str()); // for another thread it takes three calls to the system
+    body();
+  });
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  pthread_setname_np(thread.native_handle(), name.substr(0, 15).c_str());
   return thread;
 }
 
