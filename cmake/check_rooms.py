@@ -2,7 +2,7 @@
 """Fails when a file includes a room that its own room may not stand on.
 
 The table below is the one in docs/architecture.md. Third-party headers are held to the room that owns them, and to
-.cpp files there, so that a public header never drags a foreign one in.
+.cpp files and internal headers there, so that a public header never drags a foreign one in.
 """
 import os
 import re
@@ -58,9 +58,11 @@ def main(root):
                         bad.append(f"{path}:{number}: {own} may not include {room} ({target})")
                     if target.startswith(("tests/", "benchmarks/", "fuzz/")):
                         bad.append(f"{path}:{number}: a product file includes {target}")
+                    shown = name.endswith(".h") and "/internal/" not in path
                     for prefix, owners in OWNERS.items():
-                        if not quoted and target.startswith(prefix) and (own not in owners or name.endswith(".h")):
-                            bad.append(f"{path}:{number}: <{target}> belongs in a .cpp of {' or '.join(sorted(owners))}")
+                        if not quoted and target.startswith(prefix) and (own not in owners or shown):
+                            bad.append(f"{path}:{number}: <{target}> belongs in a .cpp or an internal header of "
+                                       f"{' or '.join(sorted(owners))}")
     for line in bad:
         print(line, file=sys.stderr)
     return 1 if bad else 0

@@ -329,6 +329,7 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
   const bool alone = options.urls.size() == 1;
   Interruption interruption;
   platform::Application::shared().observeTerminalSignals();
+  const platform::TransferPreparation preparation;
   Host host(library, options.jobs.value_or(0));
 
   int status = statusDone;
@@ -402,6 +403,7 @@ int resumeCommand(const std::string& library, const std::vector<std::string>& id
                   std::optional<int> jobs, ProgressMode progress) {
   Interruption interruption;
   platform::Application::shared().observeTerminalSignals();
+  const platform::TransferPreparation preparation;
   Host host(library, jobs.value_or(0));
   std::vector<DownloadRef> downloads;
   if (all) {

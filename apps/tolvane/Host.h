@@ -1,6 +1,7 @@
 #pragma once
 
 #include "halvix/QVError.h"
+#include "platform/transfer/TransferService.h"
 
 #include <memory>
 #include <string>
@@ -10,9 +11,6 @@ class Download;
 class DownloadManager;
 class HostEnvironment;
 } // namespace halvix
-namespace platform {
-class TransferService;
-}
 
 namespace tolvane {
 
@@ -57,6 +55,7 @@ public:
   const std::string& directory() const { return _directory; }
 
 private:
+  const platform::TransferPreparation _preparation;
   std::string _directory;
   std::unique_ptr<Host> _host;
 };

@@ -59,6 +59,25 @@ TEST_F(Library, ManifestsOfSeveralURLsAreAskedForAtOnce) {
   EXPECT_EQ(list().size(), 2u);
 }
 
+TEST_F(Library, OnlyWhatTransfersNeedsTheTransferLibrary) {
+  ASSERT_TRUE(succeeds({"download", server.url("/movie.mpd")}));
+  // A file in its place that is none, which is looked at first.
+  const std::string broken = directory / "broken";
+  std::filesystem::create_directory(broken);
+  writeFile(broken + "/libcurl.so.4", "no library");
+  const auto without = [&](const std::vector<std::string>& arguments) {
+    std::vector<std::string> command{"/usr/bin/env", "LD_LIBRARY_PATH=" + broken, programPath()};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    command.insert(command.end(), {"--library", library()});
+    return runToEnd(command);
+  };
+  EXPECT_TRUE(endedWell(without({"list"})));
+  EXPECT_TRUE(endedWell(without({"verify", identifier()})));
+  EXPECT_TRUE(refused(without({"download", server.url("/movie.mpd")}),
+                      {"libcurl.so.4", "cannot be loaded", "install the package libcurl4"}, 127));
+  expectWhole();
+}
+
 TEST_F(Library, AnInterruptKeepsEverythingAndResumeGoesOn) {
   auto process = startAndHold();
   EXPECT_EQ(end(*process, SIGINT), 130) << errors();

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 
 namespace platform {
 
@@ -74,5 +75,19 @@ struct HTTPTransferServiceOptions {
 /// the journal cannot be used (not writable, a journal from a newer version: left alone).
 std::shared_ptr<TransferService> makeHTTPTransferService(const HTTPTransferServiceOptions& options,
                                                          ErrorRef* error = nullptr);
+
+/// Makes ready what every transfer needs, while the caller makes ready what is his. For a program that knows
+/// from its start that it will transfer something; without it the first transfer waits some milliseconds.
+/// The end of the object waits until that is done.
+class TransferPreparation {
+public:
+  TransferPreparation();
+  ~TransferPreparation();
+  TransferPreparation(const TransferPreparation&) = delete;
+  TransferPreparation& operator=(const TransferPreparation&) = delete;
+
+private:
+  std::thread _thread;
+};
 
 } // namespace platform

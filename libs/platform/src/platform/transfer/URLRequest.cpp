@@ -1,8 +1,7 @@
 #include "platform/transfer/URLRequest.h"
 
 #include "platform/foundation/ASCII.h"
-
-#include <curl/curl.h>
+#include "platform/transfer/internal/CurlLibrary.h"
 
 #include <algorithm>
 #include <array>
@@ -105,7 +104,7 @@ std::optional<std::string> HTTPURLResponse::valueForHTTPHeaderField(std::string_
 
 std::optional<std::int64_t> HTTPURLResponse::lastModifiedSeconds() const {
   const auto text = valueForHTTPHeaderField("Last-Modified");
-  const auto date = text ? curl_getdate(text->c_str(), nullptr) : -1;
+  const auto date = text ? transfer::curl().getdate(text->c_str(), nullptr) : -1;
   return date < 0 ? std::nullopt : std::optional<std::int64_t>(date);
 }
 

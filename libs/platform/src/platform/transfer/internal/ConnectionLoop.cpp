@@ -1,10 +1,9 @@
 #include "platform/transfer/internal/ConnectionLoop.h"
 
 #include "platform/concurrency/Queue.h"
+#include "platform/transfer/internal/CurlLibrary.h"
 #include "platform/transfer/internal/HTTPConnection.h"
 #include "platform/transfer/internal/ThreadStart.h"
-
-#include <curl/curl.h>
 
 #include <chrono>
 #include <utility>
@@ -24,19 +23,20 @@ constexpr int LongestPollMs = 60'000;
 ConnectionLoop::~ConnectionLoop() {
   stop();
   if (_multi)
-    curl_multi_cleanup(static_cast<CURLM*>(_multi));
+    curl().multi_cleanup(static_cast<CURLM*>(_multi));
 }
 
 bool ConnectionLoop::post(std::function<void()> work) {
+  curl(); // loaded before the lock is taken
   std::lock_guard guard(_mutex);
   if (_stopping)
     return false;
   if (!_multi) {
-    _multi = curl_multi_init();
+    _multi = curl().multi_init();
     _thread = startThread("connections", [this] { run(); });
   }
   _work.push_back(std::move(work));
-  curl_multi_wakeup(static_cast<CURLM*>(_multi));
+  curl().multi_wakeup(static_cast<CURLM*>(_multi));
   return true;
 }
 
@@ -48,7 +48,7 @@ void ConnectionLoop::stop() {
       return;
     thread = std::move(_thread);
     if (_multi)
-      curl_multi_wakeup(static_cast<CURLM*>(_multi));
+      curl().multi_wakeup(static_cast<CURLM*>(_multi));
   }
   if (!thread.joinable())
     return;
@@ -68,12 +68,12 @@ void ConnectionLoop::stop() {
 
 void ConnectionLoop::add(void* handle, std::shared_ptr<HTTPConnection> connection) {
   _running.emplace(handle, std::move(connection));
-  curl_multi_add_handle(static_cast<CURLM*>(_multi), static_cast<CURL*>(handle));
+  curl().multi_add_handle(static_cast<CURLM*>(_multi), static_cast<CURL*>(handle));
 }
 
 void ConnectionLoop::remove(void* handle) {
   if (_running.erase(handle) > 0)
-    curl_multi_remove_handle(static_cast<CURLM*>(_multi), static_cast<CURL*>(handle));
+    curl().multi_remove_handle(static_cast<CURLM*>(_multi), static_cast<CURL*>(handle));
 }
 
 void ConnectionLoop::run() {
@@ -90,14 +90,14 @@ void ConnectionLoop::run() {
     for (const auto& item : work)
       item();
     int running = 0;
-    curl_multi_perform(multi, &running);
+    curl().multi_perform(multi, &running);
     takeResults();
     if (const auto now = Clock::now(); now >= nextTick) {
       nextTick = now + TickInterval;
       endStalled();
     }
-    curl_multi_poll(multi, nullptr, 0,
-                    _running.empty() ? LongestPollMs : static_cast<int>(TickInterval.count()), nullptr);
+    curl().multi_poll(multi, nullptr, 0,
+                      _running.empty() ? LongestPollMs : static_cast<int>(TickInterval.count()), nullptr);
   }
   // Commands that came too late belong to connections that end now, or never began.
   std::vector<std::function<void()>> late;
@@ -121,7 +121,7 @@ void ConnectionLoop::endStalled() {
 
 void ConnectionLoop::takeResults() {
   int left = 0;
-  while (auto* message = curl_multi_info_read(static_cast<CURLM*>(_multi), &left)) {
+  while (auto* message = curl().multi_info_read(static_cast<CURLM*>(_multi), &left)) {
     if (message->msg != CURLMSG_DONE)
       continue;
     const int code = message->data.result;

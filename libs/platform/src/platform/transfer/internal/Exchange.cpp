@@ -1,9 +1,8 @@
 #include "platform/transfer/internal/Exchange.h"
 
+#include "platform/transfer/internal/CurlLibrary.h"
 #include "platform/transfer/internal/HTTPRules.h"
 #include "platform/transfer/internal/Network.h"
-
-#include <curl/curl.h>
 
 #include <sys/socket.h>
 #include <utility>
@@ -22,17 +21,17 @@ Exchange::~Exchange() {
 }
 
 void Exchange::configure(const Request& request) {
-  auto* curl = static_cast<CURL*>(_handle);
+  auto* easy = static_cast<CURL*>(_handle);
   _setup.apply(_handle, request, _network.options());
-  curl_easy_setopt(curl, CURLOPT_PRIVATE, this);
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &Exchange::onHeader);
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Exchange::onBody);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+  curl().easy_setopt(easy, CURLOPT_PRIVATE, this);
+  curl().easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Exchange::onHeader);
+  curl().easy_setopt(easy, CURLOPT_HEADERDATA, this);
+  curl().easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Exchange::onBody);
+  curl().easy_setopt(easy, CURLOPT_WRITEDATA, this);
   // Over TLS the first connection to a host tells whether it can carry all transfers; a handshake for each
   // of them would cost more than waiting for that.
   _isPlain = originOf(request.url).starts_with("http:");
-  curl_easy_setopt(curl, CURLOPT_PIPEWAIT, _isPlain || request.ownConnection ? 0L : 1L);
+  curl().easy_setopt(easy, CURLOPT_PIPEWAIT, _isPlain || request.ownConnection ? 0L : 1L);
 }
 
 std::size_t Exchange::onHeader(char* bytes, std::size_t size, std::size_t count, void* self) {
@@ -50,12 +49,12 @@ int Exchange::onDebug(void*, int kind, char*, std::size_t count, void* self) {
 
 void Exchange::watchRawBody(bool on) {
   _watchingRaw = on;
-  auto* curl = static_cast<CURL*>(_handle);
+  auto* easy = static_cast<CURL*>(_handle);
   if (on) {
-    curl_easy_setopt(curl, CURLOPT_DEBUGFUNCTION, &Exchange::onDebug);
-    curl_easy_setopt(curl, CURLOPT_DEBUGDATA, this);
+    curl().easy_setopt(easy, CURLOPT_DEBUGFUNCTION, &Exchange::onDebug);
+    curl().easy_setopt(easy, CURLOPT_DEBUGDATA, this);
   }
-  curl_easy_setopt(curl, CURLOPT_VERBOSE, on ? 1L : 0L);
+  curl().easy_setopt(easy, CURLOPT_VERBOSE, on ? 1L : 0L);
 }
 
 /// On an HTTP/1 connection without TLS, where nothing but this response can come.
@@ -63,7 +62,7 @@ bool Exchange::bytesAreWaiting() const {
   curl_socket_t socket = CURL_SOCKET_BAD;
   char byte;
   return _isPlain &&
-         curl_easy_getinfo(static_cast<CURL*>(_handle), CURLINFO_ACTIVESOCKET, &socket) == CURLE_OK &&
+         curl().easy_getinfo(static_cast<CURL*>(_handle), CURLINFO_ACTIVESOCKET, &socket) == CURLE_OK &&
          socket != CURL_SOCKET_BAD && ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
 
@@ -102,7 +101,7 @@ void Exchange::finished(int code) {
   if (code == CURLE_OK && _excess)
     code = CURLE_WEIRD_SERVER_REPLY;
   long connections = 1;
-  curl_easy_getinfo(static_cast<CURL*>(_handle), CURLINFO_NUM_CONNECTS, &connections);
+  curl().easy_getinfo(static_cast<CURL*>(_handle), CURLINFO_NUM_CONNECTS, &connections);
   // The listener may destroy this object.
   std::string detail = _setup.detail();
   _listener.exchangeFinished(code, connections == 0, detail);

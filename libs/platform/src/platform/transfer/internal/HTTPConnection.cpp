@@ -2,9 +2,8 @@
 
 #include "platform/concurrency/Queue.h"
 #include "platform/transfer/internal/ConnectionLoop.h"
+#include "platform/transfer/internal/CurlLibrary.h"
 #include "platform/transfer/internal/TransferErrors.h"
-
-#include <curl/curl.h>
 
 #include <utility>
 
@@ -44,7 +43,7 @@ HTTPConnection::HTTPConnection(std::shared_ptr<ConnectionLoop> loop,
 
 HTTPConnection::~HTTPConnection() {
   if (_handle)
-    curl_easy_cleanup(static_cast<CURL*>(_handle));
+    curl().easy_cleanup(static_cast<CURL*>(_handle));
 }
 
 void HTTPConnection::start() {
@@ -93,9 +92,9 @@ void HTTPConnection::ask() {
 
 void HTTPConnection::configure() {
   if (!_handle)
-    _handle = curl_easy_init();
-  auto* curl = static_cast<CURL*>(_handle);
-  curl_easy_reset(curl);
+    _handle = curl().easy_init();
+  auto* easy = static_cast<CURL*>(_handle);
+  curl().easy_reset(easy);
   CurlRequest request{_hop.url, _hop.method, headersFor(_hop, _request, _additionalHeaders)};
   if (!_hop.leftOrigin) {
     request.credential = _credential;
@@ -103,10 +102,10 @@ void HTTPConnection::configure() {
   }
   _head = HeadReader(request.usesDigest());
   _setup.apply(_handle, request, _loop->options());
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &HTTPConnection::onHeader);
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HTTPConnection::onBody);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+  curl().easy_setopt(easy, CURLOPT_HEADERFUNCTION, &HTTPConnection::onHeader);
+  curl().easy_setopt(easy, CURLOPT_HEADERDATA, this);
+  curl().easy_setopt(easy, CURLOPT_WRITEFUNCTION, &HTTPConnection::onBody);
+  curl().easy_setopt(easy, CURLOPT_WRITEDATA, this);
 }
 
 std::size_t HTTPConnection::onHeader(char* bytes, std::size_t size, std::size_t count, void* self) {
@@ -258,7 +257,7 @@ void HTTPConnection::tellData(std::string bytes) {
         if (!std::exchange(self->_paused, false) || self->_ended)
           return;
         self->_lastActivity = std::chrono::steady_clock::now();
-        curl_easy_pause(static_cast<CURL*>(self->_handle), CURLPAUSE_CONT);
+        curl().easy_pause(static_cast<CURL*>(self->_handle), CURLPAUSE_CONT);
       });
   });
 }

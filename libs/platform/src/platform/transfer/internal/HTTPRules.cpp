@@ -1,8 +1,7 @@
 #include "platform/transfer/internal/HTTPRules.h"
 
 #include "platform/foundation/ASCII.h"
-
-#include <curl/curl.h>
+#include "platform/transfer/internal/CurlLibrary.h"
 
 #include <algorithm>
 #include <charconv>
@@ -32,7 +31,7 @@ std::size_t findNoCase(std::string_view text, std::string_view lowerNeedle) {
 }
 
 std::time_t parseDate(const std::string& text) {
-  return text.empty() ? -1 : curl_getdate(text.c_str(), nullptr);
+  return text.empty() ? -1 : curl().getdate(text.c_str(), nullptr);
 }
 
 } // namespace

@@ -1,10 +1,9 @@
 #include "platform/transfer/internal/Network.h"
 
+#include "platform/transfer/internal/CurlLibrary.h"
 #include "platform/transfer/internal/Exchange.h"
 #include "platform/transfer/internal/ThreadStart.h"
 #include "platform/transfer/internal/Transfer.h"
-
-#include <curl/curl.h>
 
 #include <algorithm>
 #include <utility>
@@ -19,26 +18,17 @@ constexpr std::chrono::milliseconds TickInterval{50};
 constexpr std::size_t MostWaitingBodies = 96;
 constexpr std::size_t MostFreeHandles = 32;
 
-CURLM* multiOf(void* handle) {
-  return static_cast<CURLM*>(handle);
-}
-
 } // namespace
 
 Network::Network(const HTTPTransferServiceOptions& options, PartialStore& store, DiskPool& disk)
     : _options(options), _store(store), _disk(disk) {
-  static const CURLcode initialised = curl_global_init(CURL_GLOBAL_ALL);
-  (void)initialised;
-  _multi = curl_multi_init();
-  curl_multi_setopt(multiOf(_multi), CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
   _thread = startThread("transfer", [this] { run(); });
 }
 
 Network::~Network() {
   stop();
   for (auto* handle : _freeHandles)
-    curl_easy_cleanup(static_cast<CURL*>(handle));
-  curl_multi_cleanup(multiOf(_multi));
+    curl().easy_cleanup(handle);
 }
 
 bool Network::wake(const TaskStateRef& task) {
@@ -52,7 +42,7 @@ bool Network::wake(const TaskStateRef& task) {
     if (std::exchange(_woken, true))
       return true;
   }
-  curl_multi_wakeup(multiOf(_multi));
+  _sockets.interrupt();
   return true;
 }
 
@@ -73,7 +63,7 @@ bool Network::post(std::function<void()> work, bool canWait) {
     if ((canWait && _wakesOften) || std::exchange(_woken, true))
       return true;
   }
-  curl_multi_wakeup(multiOf(_multi));
+  _sockets.interrupt();
   return true;
 }
 
@@ -82,7 +72,7 @@ void Network::stop() {
     std::lock_guard guard(_mutex);
     _stopping = true;
   }
-  curl_multi_wakeup(multiOf(_multi));
+  _sockets.interrupt();
   if (_thread.joinable())
     _thread.join();
 }
@@ -97,15 +87,9 @@ void Network::run() {
       work();
     }
     grantPlaces();
-    int running = 0;
-    curl_multi_perform(multiOf(_multi), &running);
-    // Answers free places at once: their connections are warm.
-    while (takeResults()) {
-      grantPlaces();
-      curl_multi_perform(multiOf(_multi), &running);
-    }
+    perform();
     now = Clock::now();
-    if (!_exchanges.empty() && now >= _nextTick) {
+    if (ticks() && now >= _nextTick) {
       tick(now);
       _nextTick = now + TickInterval;
     }
@@ -115,11 +99,11 @@ void Network::run() {
     auto timeout = pollTimeout(now);
     {
       std::lock_guard guard(_mutex);
-      _wakesOften = !_exchanges.empty() && _waitingBodies < MostWaitingBodies;
+      _wakesOften = ticks() && _waitingBodies < MostWaitingBodies;
       if (!_wakesOften && !_work.empty())
         timeout = 0;
     }
-    curl_multi_poll(multiOf(_multi), nullptr, 0, timeout, nullptr);
+    _sockets.wait(timeout);
   }
   for (auto& [raw, task] : _live)
     task->transfer.reset();
@@ -127,6 +111,13 @@ void Network::run() {
   _lines.clear();
   _timers.clear();
   _retired.clear();
+}
+
+void Network::perform() {
+  // Answers free places at once: their connections are warm.
+  while (_sockets.step())
+    if (takeResults())
+      grantPlaces();
 }
 
 bool Network::takeCommands() {
@@ -168,7 +159,7 @@ void Network::askForPlace(const TaskStateRef& task, const std::string& origin, i
   lineCap = cap;
   if (cap > _largestCap) {
     _largestCap = cap;
-    curl_multi_setopt(multiOf(_multi), CURLMOPT_MAXCONNECTS, static_cast<long>(std::max(cap, 8)) * 2);
+    setMostConnections();
   }
   line.waiting.push_back(task);
   _linesToServe.insert(std::move(key));
@@ -225,17 +216,27 @@ void Network::grantPlaces() {
 
 void Network::start(Exchange& exchange) {
   _exchanges.insert(&exchange);
-  curl_multi_add_handle(multiOf(_multi), static_cast<CURL*>(exchange.handle()));
+  curl().multi_add_handle(_sockets.multi(), exchange.handle());
 }
 
 void Network::drop(Exchange& exchange) {
   if (_exchanges.erase(&exchange) > 0)
-    curl_multi_remove_handle(multiOf(_multi), static_cast<CURL*>(exchange.handle()));
+    curl().multi_remove_handle(_sockets.multi(), exchange.handle());
+}
+
+void Network::setMostConnections() {
+  if (_sockets.isOpen())
+    curl().multi_setopt(_sockets.multi(), CURLMOPT_MAXCONNECTS,
+                        static_cast<long>(std::max(_largestCap, 8)) * 2);
 }
 
 void* Network::takeHandle() {
+  if (!_sockets.isOpen()) {
+    curl().multi_setopt(_sockets.multi(), CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+    setMostConnections();
+  }
   if (_freeHandles.empty())
-    return curl_easy_init();
+    return curl().easy_init();
   auto* handle = _freeHandles.back();
   _freeHandles.pop_back();
   return handle;
@@ -243,24 +244,26 @@ void* Network::takeHandle() {
 
 void Network::returnHandle(void* handle) {
   if (_freeHandles.size() >= MostFreeHandles) {
-    curl_easy_cleanup(static_cast<CURL*>(handle));
+    curl().easy_cleanup(handle);
     return;
   }
-  curl_easy_reset(static_cast<CURL*>(handle));
+  curl().easy_reset(handle);
   _freeHandles.push_back(handle);
 }
 
 bool Network::takeResults() {
+  if (!_sockets.isOpen())
+    return false;
   bool any = false;
   int left = 0;
-  while (auto* message = curl_multi_info_read(multiOf(_multi), &left)) {
+  while (auto* message = curl().multi_info_read(_sockets.multi(), &left)) {
     if (message->msg != CURLMSG_DONE)
       continue;
     any = true;
     // Read before the handle is removed: the message goes with it.
     auto code = message->data.result;
     Exchange* exchange = nullptr;
-    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &exchange);
+    curl().easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &exchange);
     drop(*exchange);
     exchange->finished(code);
   }
@@ -285,7 +288,7 @@ int Network::pollTimeout(Clock::time_point now) const {
   };
   if (!_timers.empty())
     until(_timers.begin()->first);
-  if (!_exchanges.empty())
+  if (ticks())
     until(_nextTick);
   if (!_linesToServe.empty() && _waitingBodies < MostWaitingBodies)
     wait = std::chrono::milliseconds(0);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/transfer/TransferService.h"
+#include "platform/transfer/internal/SocketLoop.h"
 #include "platform/transfer/internal/Task.h"
 
 #include <chrono>
@@ -73,16 +74,19 @@ private:
 
   bool post(std::function<void()> work, bool canWait);
   void run();
+  void perform();
+  void setMostConnections();
   bool takeCommands();
   void grantPlaces();
   bool takeResults();
+  bool ticks() const { return !_exchanges.empty() || _waitingBodies > 0; }
   void tick(Clock::time_point now);
   int pollTimeout(Clock::time_point now) const;
 
   const HTTPTransferServiceOptions& _options;
   PartialStore& _store;
   DiskPool& _disk;
-  void* _multi;
+  SocketLoop _sockets;
   std::vector<void*> _freeHandles;
 
   std::mutex _mutex;

@@ -1,8 +1,7 @@
 #include "platform/transfer/internal/TransferErrors.h"
 
 #include "platform/foundation/FileManager.h"
-
-#include <curl/curl.h>
+#include "platform/transfer/internal/CurlLibrary.h"
 
 #include <cerrno>
 
@@ -34,7 +33,7 @@ bool isTransientCurlCode(int code) {
 }
 
 ErrorRef errorForCurlCode(int code, const URL& url, const std::string& detail) {
-  const std::string reason = detail.empty() ? curl_easy_strerror(static_cast<CURLcode>(code)) : detail;
+  const std::string reason = detail.empty() ? curl().easy_strerror(static_cast<CURLcode>(code)) : detail;
   const auto host = "\"" + url.host().value_or("") + "\"";
   std::int64_t mapped = NSURLErrorUnknown;
   std::string what;
