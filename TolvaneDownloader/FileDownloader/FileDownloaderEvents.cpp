@@ -25,7 +25,7 @@ constexpr const char* logTag = "[FileDownloader]";
 /// What a killed process leaves behind should not look as if it had done nothing.
 constexpr std::chrono::seconds keepInterval{2};
 /// Small files come faster than that, and each group costs the disk a flush or two.
-constexpr std::chrono::milliseconds groupInterval{25};
+constexpr std::chrono::milliseconds groupInterval{100};
 
 /// Why bytes of an earlier run were of no use, as far as the new response tells.
 std::string restartReason(const platform::HTTPURLResponse* response) {
