@@ -41,8 +41,7 @@ BaseDownloader::BaseDownloader(std::string name, bool cellularAccess, platform::
       _environment(orDefault(std::move(environment))),
       _headers(_environment ? overlaid(_environment->options().headers, headers) : std::move(headers)),
       _hub(std::make_shared<DownloadHub>(_environment ? _environment->libraryDirectory() + "/" + _name
-                                                      : std::string())),
-      _uuidGenerator([](const PlayerConfiguration&) { return randomUuid(); }) {}
+                                                      : std::string())) {}
 
 BaseDownloader::~BaseDownloader() = default;
 
@@ -185,12 +184,11 @@ int BaseDownloader::activityCount() const {
 void BaseDownloader::setUuidGenerator(UuidGenerator generator) {
   std::lock_guard lock(_mutex);
   _uuidGenerator.swap(generator);
-  _identifiesContent = true;
 }
 
 bool BaseDownloader::identifiesContent() const {
   std::lock_guard lock(_mutex);
-  return _identifiesContent;
+  return static_cast<bool>(_uuidGenerator);
 }
 
 BaseDownloader::UuidGenerator BaseDownloader::uuidGenerator() const {

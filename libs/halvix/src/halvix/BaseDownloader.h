@@ -122,7 +122,7 @@ protected:
   /// still say so, with `interruptedAtLoad`. A failure is logged and answered, and the list is empty.
   QVErrorRef loadItems();
 
-  /// Replaces the generator of identifiers; at first a random UUID.
+  /// Replaces the generator of identifiers; without one, as at first, they are random UUIDs.
   void setUuidGenerator(UuidGenerator generator);
   UuidGenerator uuidGenerator() const;
 
@@ -138,8 +138,7 @@ private:
 
   mutable std::mutex _mutex;
   std::mutex _storeMutex; // one writing of changes at a time, so that an older copy never overtakes a newer
-  UuidGenerator _uuidGenerator;
-  bool _identifiesContent = false;
+  UuidGenerator _uuidGenerator; ///< empty: identifiers are random
   std::vector<std::shared_ptr<Download>> _downloads;
   // Keys view the texts inside the downloads, which never change.
   std::unordered_map<std::string_view, std::shared_ptr<Download>> _byUuid;
