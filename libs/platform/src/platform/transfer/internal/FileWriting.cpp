@@ -73,7 +73,7 @@ int writeWholeBody(int descriptor, const char* bytes, std::size_t count, std::in
 }
 
 int replaceFile(const std::string& path, const std::string& text) {
-  const auto temporary = path + ".new";
+  const auto temporary = path + ReplacementSuffix;
   int descriptor = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (descriptor < 0)
     return errno;

@@ -19,7 +19,9 @@ int writeBody(int descriptor, const char* bytes, std::size_t count, std::int64_t
 /// gives the memory back at once. Where the system cannot do that (Linux before 6.14), as `writeBody` does.
 int writeWholeBody(int descriptor, const char* bytes, std::size_t count, std::int64_t& offset);
 
-/// Replaces the file at `path`, by a new one that is synced and renamed. Answers 0 or errno.
+/// Replaces the file at `path`, by a new one that is synced and renamed. Answers 0 or errno. A process that
+/// is killed meanwhile leaves a file with this behind its name.
+inline constexpr const char* ReplacementSuffix = ".new";
 int replaceFile(const std::string& path, const std::string& text);
 
 /// Removes `path` and answers errno or 0; a file that is not there counts as removed.

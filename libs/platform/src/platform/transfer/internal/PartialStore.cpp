@@ -195,6 +195,7 @@ std::optional<Claim> PartialStore::claim(const std::string& name, const std::str
   if (descriptor < 0)
     return std::nullopt;
   auto file = std::make_shared<PartialFile>(*this, name, descriptor);
+  removeFile(descriptionPath(name) + ReplacementSuffix); // of somebody who was killed while he replaced it
   Claim claim;
   auto described = readDescription(descriptionPath(name), claim.description);
   if (described == Described::Newer)
