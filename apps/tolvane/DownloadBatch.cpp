@@ -158,13 +158,14 @@ public:
       : _host(host), _entries(entries), _follower(std::move(follower)),
         _filesAlone(std::all_of(entries.begin(), entries.end(),
                                 [](const auto& entry) { return isPlainFile(*entry.download); })),
-        _limit(std::max<std::size_t>(limit, 1)), _held(entries.size()), _told(entries.size()) {}
+        _limit(std::max<std::size_t>(limit, 1)) {
+    makeRoom();
+  }
 
   /// Takes those that were added behind the others, which are files like them.
   void takeNew() {
     _follower->takeNew(_entries);
-    _held.resize(_entries.size());
-    _told.resize(_entries.size());
+    makeRoom();
   }
 
   /// Starts what there is room for. New ones stand on the list in one writing, before the first byte.
@@ -234,8 +235,7 @@ public:
   std::vector<std::string> takeNotices() {
     std::vector<std::string> news;
     for (std::size_t i = 0; i < _next; ++i) {
-      // Those of a presentation are told when it was prepared.
-      if (_told[i] || !isPlainFile(*_entries[i].download))
+      if (_told[i])
         continue;
       for (const std::string& notice : _entries[i].download->notices()) {
         _told[i] = true;
@@ -246,6 +246,12 @@ public:
   }
 
 private:
+  void makeRoom() {
+    _held.resize(_entries.size());
+    // Those of a presentation are told when it was prepared.
+    while (_told.size() < _entries.size())
+      _told.push_back(!isPlainFile(*_entries[_told.size()].download));
+  }
   void pause(std::size_t position) {
     const DownloadRef& download = _entries[position].download;
     const DownloadState state = download->state();
@@ -281,7 +287,7 @@ private:
   std::size_t _running = 0; ///< started and not ended
   bool _paused = false;
   std::vector<bool> _held; ///< paused here, and not resumed yet
-  std::vector<bool> _told;
+  std::vector<bool> _told; ///< its remarks
 };
 
 } // namespace
@@ -319,7 +325,8 @@ void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t l
       run.startMore();
     }
     interruption.setHandler([follower] { follower->command('q'); });
-    display.update(snapshotOf(entries)); // where it starts from, for the rate
+    const auto look = [&] { return display.isVisible() ? snapshotOf(entries) : Snapshot(); };
+    display.update(look()); // where it starts from, for the rate
     bool shown = false;
     auto nextLook = Clock::now();
     while (!run.allEnded()) {
@@ -338,10 +345,10 @@ void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t l
         continue;
       nextLook = Clock::now() + lookInterval;
       for (const std::string& notice : run.takeNotices()) {
-        display.finish(snapshotOf(entries));
+        display.finish(look());
         std::fprintf(stderr, "tolvane: note: %s\n", oneLine(notice).c_str());
       }
-      display.update(snapshotOf(entries));
+      display.update(look());
       shown = true;
     }
     for (const std::string& notice : run.takeNotices())
@@ -352,7 +359,7 @@ void followDownloads(Host& host, std::vector<BatchEntry>& entries, std::size_t l
       return entry.result == RunResult::Complete;
     });
     if (shown || anyComplete)
-      display.finish(snapshotOf(entries));
+      display.finish(look());
   }
   interruption.setHandler(nullptr);
   host.manager().removeListener(follower);

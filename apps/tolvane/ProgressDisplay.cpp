@@ -81,6 +81,7 @@ private:
 };
 
 class SilentDisplay : public ProgressDisplay {
+  bool isVisible() const override { return false; }
   void update(const Snapshot&) override {}
   void finish(const Snapshot&) override {}
 };

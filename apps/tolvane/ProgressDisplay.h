@@ -37,6 +37,9 @@ class ProgressDisplay {
 public:
   virtual ~ProgressDisplay() = default;
 
+  /// Whether it shows anything; one that does not needs no states.
+  virtual bool isVisible() const { return true; }
+
   /// Shows what changed; cheap enough for every event, because it draws a few times a second at most.
   virtual void update(const Snapshot& snapshot) = 0;
 

@@ -155,6 +155,13 @@ TEST(URLRequestTest, HeadersIgnoreCaseAndStatusCodesHaveTexts) {
       {200, "no error"}, {404, "not found"}, {499, "client error"}, {99, {}}, {600, {}}};
   for (const auto& [code, text] : texts)
     EXPECT_EQ(HTTPURLResponse::localizedStringForStatusCode(code), text) << code;
+  const std::pair<const char*, std::optional<std::int64_t>> dates[] = {
+      {"Sun, 06 Nov 1994 08:49:37 GMT", 784111777}, {"Sunday, 06-Nov-94 08:49:37 GMT", 784111777},
+      {"Sun Nov  6 08:49:37 1994", 784111777},      {"Thu, 29 Feb 2024 23:59:59 GMT", 1709251199},
+      {"Sun, 06 anF 1994 08:49:37 GMT", {}},        {"yesterday", {}}};
+  for (const auto& [text, seconds] : dates)
+    EXPECT_EQ(HTTPURLResponse(request.url(), 200, {{"Last-Modified", text}}).lastModifiedSeconds(), seconds)
+        << text;
 }
 
 TEST(FileManagerTest, WritesMovesListsAndRemoves) {

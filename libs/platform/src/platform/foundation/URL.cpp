@@ -50,6 +50,8 @@ void appendEncoded(std::string& out, char c) {
 }
 
 std::string percentDecoded(std::string_view text) {
+  if (text.find('%') == std::string_view::npos)
+    return std::string(text);
   std::string out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -169,7 +171,7 @@ std::string escaped(std::string_view text) {
 
   std::string out;
   out.reserve(text.size() + 16);
-  out.append(text.substr(0, position));
+  std::size_t taken = 0; // most texts are taken in one piece
   bool inFragment = false;
   for (; position < text.size(); ++position) {
     const char c = text[position];
@@ -184,11 +186,12 @@ std::string escaped(std::string_view text) {
     else if (c == ':' && position < firstSegmentEnd)
       keep = false;
     if (keep)
-      out += c;
-    else
-      appendEncoded(out, c);
+      continue;
+    out.append(text.substr(taken, position - taken));
+    appendEncoded(out, c);
+    taken = position + 1;
   }
-  return out;
+  return out.append(text.substr(taken));
 }
 
 // A parsed URI; its text must outlive it.
