@@ -12,6 +12,7 @@
 #include "platform/foundation/FileManager.h"
 #include "platform/foundation/Locale.h"
 #include "platform/foundation/URL.h"
+#include "platform/transfer/TransferService.h"
 
 #include <algorithm>
 #include <atomic>
@@ -327,9 +328,9 @@ void checkURLs(const DownloadOptions& options) {
 int downloadCommand(const std::string& library, const DownloadOptions& options) {
   checkURLs(options);
   const bool alone = options.urls.size() == 1;
+  platform::prepareTransfers();
   Interruption interruption;
   platform::Application::shared().observeTerminalSignals();
-  const platform::TransferPreparation preparation;
   Host host(library, options.jobs.value_or(0));
 
   int status = statusDone;
@@ -401,9 +402,9 @@ int downloadCommand(const std::string& library, const DownloadOptions& options) 
 
 int resumeCommand(const std::string& library, const std::vector<std::string>& identifiers, bool all,
                   std::optional<int> jobs, ProgressMode progress) {
+  platform::prepareTransfers();
   Interruption interruption;
   platform::Application::shared().observeTerminalSignals();
-  const platform::TransferPreparation preparation;
   Host host(library, jobs.value_or(0));
   std::vector<DownloadRef> downloads;
   if (all) {

@@ -115,6 +115,7 @@ std::shared_ptr<halvix::Download> Host::find(const std::string& identifier) cons
 }
 
 ScratchHost::ScratchHost() {
+  platform::prepareTransfers();
   std::error_code error;
   std::string pattern = (fs::temp_directory_path(error) / "tolvane-XXXXXX").string();
   if (error || !mkdtemp(pattern.data()))

@@ -55,7 +55,6 @@ public:
   const std::string& directory() const { return _directory; }
 
 private:
-  const platform::TransferPreparation _preparation;
   std::string _directory;
   std::unique_ptr<Host> _host;
 };

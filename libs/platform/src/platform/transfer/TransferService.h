@@ -76,18 +76,9 @@ struct HTTPTransferServiceOptions {
 std::shared_ptr<TransferService> makeHTTPTransferService(const HTTPTransferServiceOptions& options,
                                                          ErrorRef* error = nullptr);
 
-/// Makes ready what every transfer needs, while the caller makes ready what is his. For a program that knows
-/// from its start that it will transfer something; without it the first transfer waits some milliseconds.
-/// The end of the object waits until that is done.
-class TransferPreparation {
-public:
-  TransferPreparation();
-  ~TransferPreparation();
-  TransferPreparation(const TransferPreparation&) = delete;
-  TransferPreparation& operator=(const TransferPreparation&) = delete;
-
-private:
-  std::thread _thread;
-};
+/// Loads what every transfer needs, in some milliseconds; without it the first transfer does. For a program
+/// that knows from its start that it will transfer something, and has no other threads yet: beside a second
+/// one that runs, the system takes twice as long for it.
+void prepareTransfers();
 
 } // namespace platform

@@ -1,7 +1,6 @@
 #include "platform/transfer/internal/CurlLibrary.h"
 
 #include "platform/transfer/TransferService.h"
-#include "platform/transfer/internal/ThreadStart.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -69,11 +68,8 @@ const CurlLibrary& curl() {
 
 namespace platform {
 
-TransferPreparation::TransferPreparation()
-    : _thread(transfer::startThread("preparation", [] { transfer::curl(); })) {}
-
-TransferPreparation::~TransferPreparation() {
-  _thread.join();
+void prepareTransfers() {
+  transfer::curl();
 }
 
 } // namespace platform
