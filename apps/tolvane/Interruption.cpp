@@ -2,6 +2,8 @@
 
 #include "apps/tolvane/Keyboard.h"
 
+#include "platform/concurrency/Thread.h"
+
 #include <atomic>
 #include <csignal>
 #include <mutex>
@@ -25,7 +27,7 @@ Interruption::Interruption() : _state(std::make_shared<State>()) {
   for (int number : {SIGINT, SIGTERM, SIGHUP})
     sigaddset(&_state->signals, number);
   pthread_sigmask(SIG_BLOCK, &_state->signals, nullptr);
-  _state->thread = std::thread([state = _state] {
+  _state->thread = platform::startThread("interruption", [state = _state] {
     for (int number = 0; sigwait(&state->signals, &number) == 0;) {
       if (state->ending)
         return;

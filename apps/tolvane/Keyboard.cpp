@@ -1,6 +1,7 @@
 #include "apps/tolvane/Keyboard.h"
 
 #include "platform/application/Application.h"
+#include "platform/concurrency/Thread.h"
 
 #include <atomic>
 #include <csignal>
@@ -112,7 +113,7 @@ Keyboard::Keyboard(std::function<void(char)> handler) {
       platform::Application::shared().observeDidEnterBackground([state = state.get()] { state->giveBack(); });
   state->returning = platform::Application::shared().observeWillEnterForeground(
       [state = state.get()] { state->takeTerminal(); });
-  state->thread = std::thread([state = state.get()] { state->read(); });
+  state->thread = platform::startThread("keyboard", [state = state.get()] { state->read(); });
   _state = std::move(state);
 }
 

@@ -2,6 +2,7 @@
 
 #include "platform/application/Application.h"
 #include "platform/concurrency/Queue.h"
+#include "platform/concurrency/Thread.h"
 
 #include <atomic>
 #include <cerrno>
@@ -9,8 +10,6 @@
 #include <fcntl.h>
 #include <future>
 #include <poll.h>
-#include <pthread.h>
-#include <thread>
 #include <unistd.h>
 
 namespace platform {
@@ -88,8 +87,7 @@ void startTerminalSignals(Application& application) {
   }
   // A full pipe must not block a signal handler.
   ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
-  std::thread([&application, pipeExit = ends[0]] {
-    pthread_setname_np(pthread_self(), "signals");
+  startThread("signals", [&application, pipeExit = ends[0]] {
     serveSignals(application, pipeExit);
   }).detach();
   forward(SIGTSTP);

@@ -36,7 +36,7 @@ class SerialQueue final : public Queue {
 public:
   enum class Priority { Default, Background };
 
-  explicit SerialQueue(std::string label, Priority priority = Priority::Default);
+  explicit SerialQueue(const std::string& label, Priority priority = Priority::Default);
   ~SerialQueue() override;
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;

@@ -1,9 +1,9 @@
 #include "platform/concurrency/Queue.h"
+#include "platform/concurrency/Thread.h"
 #include "platform/concurrency/WorkList.h"
 
 #include <condition_variable>
 #include <mutex>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
@@ -17,11 +17,10 @@ struct SerialQueue::State {
   bool stopping = false;
   std::thread thread;
 
-  void run(const std::string& label, Priority priority);
+  void run(Priority priority);
 };
 
-void SerialQueue::State::run(const std::string& label, Priority priority) {
-  pthread_setname_np(pthread_self(), label.substr(0, 15).c_str());
+void SerialQueue::State::run(Priority priority) {
   if (priority == Priority::Background)
     setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 10); // of this thread only, on Linux
 
@@ -46,9 +45,8 @@ void SerialQueue::State::run(const std::string& label, Priority priority) {
   }
 }
 
-SerialQueue::SerialQueue(std::string label, Priority priority) : _state(std::make_shared<State>()) {
-  _state->thread =
-      std::thread([state = _state, label = std::move(label), priority] { state->run(label, priority); });
+SerialQueue::SerialQueue(const std::string& label, Priority priority) : _state(std::make_shared<State>()) {
+  _state->thread = startThread(label, [state = _state, priority] { state->run(priority); });
 }
 
 SerialQueue::~SerialQueue() {

@@ -1,9 +1,9 @@
 #include "platform/transfer/internal/ConnectionLoop.h"
 
 #include "platform/concurrency/Queue.h"
+#include "platform/concurrency/Thread.h"
 #include "platform/transfer/internal/CurlLibrary.h"
 #include "platform/transfer/internal/HTTPConnection.h"
-#include "platform/transfer/internal/ThreadStart.h"
 
 #include <chrono>
 #include <utility>
@@ -33,7 +33,8 @@ bool ConnectionLoop::post(std::function<void()> work) {
     return false;
   if (!_multi) {
     _multi = curl().multi_init();
-    _thread = startThread("connections", [this] { run(); });
+    _thread = startThread(
+        "connections", [this] { run(); }, ThreadSignals::Blocked);
   }
   _work.push_back(std::move(work));
   curl().multi_wakeup(static_cast<CURLM*>(_multi));

@@ -1,6 +1,6 @@
 #include "platform/transfer/internal/DiskPool.h"
 
-#include "platform/transfer/internal/ThreadStart.h"
+#include "platform/concurrency/Thread.h"
 
 #include <algorithm>
 #include <system_error>
@@ -13,7 +13,8 @@ DiskPool::DiskPool(std::size_t mostThreads) : _mostThreads(mostThreads) {
 }
 
 void DiskPool::startThread() {
-  _threads.push_back(transfer::startThread("disk", [this] { run(); }));
+  _threads.push_back(platform::startThread(
+      "disk", [this] { run(); }, ThreadSignals::Blocked));
 }
 
 void DiskPool::add(std::function<void()> work, Load load) {

@@ -1,6 +1,6 @@
 #include "platform/transfer/internal/Journal.h"
 
-#include "platform/transfer/internal/ThreadStart.h"
+#include "platform/concurrency/Thread.h"
 
 #include <sqlite3.h>
 
@@ -111,7 +111,8 @@ std::unique_ptr<Journal> Journal::open(const std::string& path, ErrorRef* error)
     }
     bool damaged = version < 0 ? isDamage(code) : !isSound(database);
     if (version >= 0 && !damaged && journal->prepare(version == 0)) {
-      journal->_thread = startThread("journal", [raw = journal.get()] { raw->run(); });
+      journal->_thread = startThread(
+          "journal", [raw = journal.get()] { raw->run(); }, ThreadSignals::Blocked);
       return journal;
     }
     damaged = damaged || isDamage(sqlite3_errcode(database));

@@ -1,8 +1,8 @@
 #include "platform/transfer/internal/Network.h"
 
+#include "platform/concurrency/Thread.h"
 #include "platform/transfer/internal/CurlLibrary.h"
 #include "platform/transfer/internal/Exchange.h"
-#include "platform/transfer/internal/ThreadStart.h"
 #include "platform/transfer/internal/Transfer.h"
 
 #include <algorithm>
@@ -22,7 +22,8 @@ constexpr std::size_t MostFreeHandles = 32;
 
 Network::Network(const HTTPTransferServiceOptions& options, PartialStore& store, DiskPool& disk)
     : _options(options), _store(store), _disk(disk) {
-  _thread = startThread("transfer", [this] { run(); });
+  _thread = startThread(
+      "transfer", [this] { run(); }, ThreadSignals::Blocked);
 }
 
 Network::~Network() {
