@@ -6,6 +6,7 @@
 #include "halvix/HostEnvironment.h"
 #include "halvix/Log.h"
 
+#include "platform/concurrency/Queue.h"
 #include "platform/foundation/ASCII.h"
 #include "platform/foundation/FileManager.h"
 #include "platform/foundation/UUID.h"
@@ -50,12 +51,16 @@ std::string BaseDownloader::downloadPath() const {
   // Looked at once: each file of thousands asks for it, and what writes there will tell when it is gone.
   if (path.empty() || _pathIsThere)
     return path;
-  if (!platform::FileManager::directoryExistsAtPath(path))
-    if (auto error = platform::FileManager::createDirectoryAtPath(path, true)) {
-      log_e(tag, error->localizedDescription());
-      return path;
-    }
+  std::vector<std::string> changed;
+  if (auto error = platform::FileManager::createDirectoryAtPath(path, true, &changed)) {
+    log_e(tag, error->localizedDescription());
+    return path;
+  }
   _pathIsThere = true;
+  // Beside what comes next, and ahead of all that writes records there on the same queue.
+  if (!changed.empty())
+    platform::SerialQueue::background().async(
+        [changed = std::move(changed)] { platform::FileManager::syncItemsAtPaths(changed); });
   return path;
 }
 

@@ -3,6 +3,8 @@
 #include "halvix/DownloadRows.h"
 #include "halvix/LibraryLock.h"
 
+#include "platform/concurrency/Thread.h"
+#include "platform/foundation/FileDescriptor.h"
 #include "platform/foundation/FileManager.h"
 
 #include <sqlite3.h>
@@ -15,6 +17,7 @@
 #include <mutex>
 #include <string_view>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -24,6 +27,8 @@ namespace {
 
 // "HVX1": tells our file from any other SQLite database.
 constexpr int applicationId = 0x48565831;
+/// SQLite's usual page, which the first one of a new file is.
+constexpr std::int64_t onePage = 4096;
 
 struct CloseDatabase {
   void operator()(sqlite3* database) const { sqlite3_close_v2(database); }
@@ -168,12 +173,46 @@ struct DownloadStore::State {
   std::string directory;
   std::string path;
   std::unique_ptr<LibraryLock> lock; // released after the database is closed
+  platform::FileDescriptor file;     // so is this: closing it gives up SQLite's own locks on the file
   Database database;
   Statement insert, erase;
   std::mutex mutex;
   std::atomic<std::uint64_t> rowsWritten{0};
+  std::thread firstSync;
+  int firstSyncFailure = 0; // errno; once the thread has ended
+
+  ~State() {
+    if (firstSync.joinable())
+      firstSync.join();
+  }
 
   QVErrorRef failure(int code) const { return makeStoreError(database.get(), code, path); }
+
+  /// A file of one page was never synced by SQLite, see `open`. Its sync goes on beside whatever comes before
+  /// the first record.
+  void beginFirstSync() {
+    struct stat status {};
+    if (::fstat(file.get(), &status) != 0 || status.st_size > onePage)
+      return;
+    const auto sync = [this] { firstSyncFailure = ::fdatasync(file.get()) == 0 ? 0 : errno; };
+    try {
+      firstSync = platform::startThread("library", sync, platform::ThreadSignals::Blocked);
+    } catch (const std::system_error&) {
+      sync();
+    }
+  }
+
+  /// Runs `work` in a transaction that is on stable storage when this returns; an error takes all of it back.
+  QVErrorRef store(const std::function<int()>& work) {
+    if (firstSync.joinable())
+      firstSync.join();
+    if (firstSyncFailure != 0)
+      return QVErrorBuilder(ErrorType::library_unavailable)
+          .message("the list of downloads cannot be used")
+          .parent(platform::makePOSIXError(firstSyncFailure, path))
+          .build();
+    return transaction(work);
+  }
 
   /// Runs `work` in a transaction; an error takes all of it back.
   QVErrorRef transaction(const std::function<int()>& work) {
@@ -221,11 +260,10 @@ std::shared_ptr<DownloadStore> DownloadStore::open(const std::string& libraryDir
 
   // Made by us and not by SQLite, whose files would follow the process's umask; the files beside it get the
   // same mode.
-  const int descriptor = ::open(state->path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (descriptor < 0)
+  state->file = platform::FileDescriptor(::open(state->path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (!state->file)
     return fail(unavailable(platform::makePOSIXError(errno, state->path)));
-  ::fchmod(descriptor, 0600);
-  ::close(descriptor);
+  ::fchmod(state->file.get(), 0600);
 
   sqlite3* raw = nullptr;
   int code = sqlite3_open_v2(state->path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
@@ -238,10 +276,11 @@ std::shared_ptr<DownloadStore> DownloadStore::open(const std::string& libraryDir
   Content content = Content::Empty;
   if (auto reason = inspect(raw, state->path, content))
     return fail(reason);
-  // A new one is made with a single sync, that of its first page. The tables stand in the write-ahead log,
-  // whose first synced transaction makes all of it durable; until then there is nothing to lose.
+  // A new one is made with a single sync, that of its first page, for which nobody waits. The tables stand in
+  // the write-ahead log, whose first synced transaction makes all of it durable; until then there is nothing
+  // to lose.
   if (content == Content::Empty)
-    code = execute(raw, "PRAGMA journal_mode=OFF; PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;");
+    code = execute(raw, "PRAGMA synchronous=OFF; PRAGMA journal_mode=OFF; PRAGMA journal_mode=WAL;");
   else
     code = execute(raw, "PRAGMA journal_mode=WAL;");
   if (code != SQLITE_OK)
@@ -265,6 +304,7 @@ std::shared_ptr<DownloadStore> DownloadStore::open(const std::string& libraryDir
     code = prepare(raw, eraseSQL, state->erase);
   if (code != SQLITE_OK)
     return fail(state->failure(code));
+  state->beginFirstSync();
   return std::shared_ptr<DownloadStore>(new DownloadStore(std::move(state)));
 }
 
@@ -344,7 +384,7 @@ QVErrorRef DownloadStore::write(const std::vector<DownloadRecord>& records) {
     return nullptr;
   std::lock_guard lock(_state->mutex);
   sqlite3_stmt* const statement = _state->insert.get();
-  auto error = _state->transaction([&] {
+  auto error = _state->store([&] {
     for (const DownloadRecord& record : records) {
       bindRecord(statement, record);
       const int code = sqlite3_step(statement);

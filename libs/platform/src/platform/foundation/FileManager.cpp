@@ -252,19 +252,25 @@ std::vector<std::string> FileManager::contentsOfDirectoryAtPath(const std::strin
   return names;
 }
 
-ErrorRef FileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories) {
+ErrorRef FileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
+                                            std::vector<std::string>* unsynced) {
   int result = ::mkdir(path.c_str(), directoryMode);
   if (result != 0 && errno == ENOENT && withIntermediateDirectories) {
     const std::string parent = parentOf(path);
     if (parent == path)
       return failure("create directory", path, ENOENT);
-    if (ErrorRef error = createDirectoryAtPath(parent, true))
+    if (ErrorRef error = createDirectoryAtPath(parent, true, unsynced))
       return error;
     result = ::mkdir(path.c_str(), directoryMode);
   }
-  if (result == 0)
-    return syncItem(parentOf(path)); // else a file synced in it could still vanish with it
-  return existingDirectory(path, errno);
+  if (result != 0)
+    return existingDirectory(path, errno);
+  std::string parent = parentOf(path); // else a file synced in it could still vanish with it
+  if (!unsynced)
+    return syncItem(parent);
+  if (unsynced->empty() || unsynced->back() != parent)
+    unsynced->push_back(std::move(parent));
+  return nullptr;
 }
 
 ErrorRef FileManager::removeItemAtPath(const std::string& path) {

@@ -45,8 +45,10 @@ public:
                                                             ErrorRef* error = nullptr);
 
   /// Succeeds when the directory is already there. With `withIntermediateDirectories` missing parents are
-  /// made too.
-  static ErrorRef createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories);
+  /// made too. What was made is on stable storage; with `unsynced` only after a call of `syncItemsAtPaths`
+  /// for the directories that are added there.
+  static ErrorRef createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
+                                        std::vector<std::string>* unsynced = nullptr);
 
   /// Removes a file, or a directory with everything below it (links are not followed). Fails when nothing is
   /// there.

@@ -67,7 +67,8 @@ public:
   }
   void discardPartialData(const URLRequest& request) override;
   void shutdown() override;
-  void sweep();
+  /// Clears away what the dead left, and sees to it that the directories last. Nobody waits for it.
+  void settle(std::vector<std::string> newDirectories);
 
 private:
   std::shared_ptr<Session> openOrdinary(const URLSessionConfiguration& configuration,
@@ -236,9 +237,10 @@ void HTTPTransferService::shutdown() {
   _parts->journal->stop();
 }
 
-void HTTPTransferService::sweep() {
+void HTTPTransferService::settle(std::vector<std::string> newDirectories) {
   auto& parts = *_parts;
-  parts.disk.add([&parts] {
+  parts.disk.add([&parts, newDirectories = std::move(newDirectories)] {
+    FileManager::syncItemsAtPaths(newDirectories);
     const auto lifetime = parts.options.orphanLifetime;
     parts.locks.sweep("p-", std::chrono::seconds(0));
     parts.locks.sweep("s-", lifetime);
@@ -255,8 +257,9 @@ void HTTPTransferService::sweep() {
 
 std::shared_ptr<TransferService> makeHTTPTransferService(const HTTPTransferServiceOptions& options,
                                                          ErrorRef* error) {
+  std::vector<std::string> changed;
   for (const char* name : {"", "/partials", "/finished", "/locks"})
-    if (auto failure = FileManager::createDirectoryAtPath(options.directory + name, true)) {
+    if (auto failure = FileManager::createDirectoryAtPath(options.directory + name, true, &changed)) {
       if (error)
         *error = failure;
       return nullptr;
@@ -274,7 +277,7 @@ std::shared_ptr<TransferService> makeHTTPTransferService(const HTTPTransferServi
     return nullptr;
   auto service = std::make_shared<HTTPTransferService>(
       std::make_shared<ServiceParts>(options, std::move(process), std::move(journal)));
-  service->sweep();
+  service->settle(std::move(changed));
   return service;
 }
 
