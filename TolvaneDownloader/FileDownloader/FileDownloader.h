@@ -77,6 +77,7 @@ public:
   urlRequestForRemoteURL(const platform::URL& remoteURL) override;
   ZRKIfImplemented<std::optional<platform::URL>>
   localFileURLForIdentifier(const std::string& token, const platform::URL& remoteURL) override;
+  ZRKIfImplemented<platform::URL> intendedLocalFileURLForIdentifier(const std::string& token) override;
   void downloadProgressChangedForIdentifier(const std::string& token) override;
   void downloadDidCompleteWithIdentifier(const std::string& token,
                                          const platform::URL& localFileURL) override;

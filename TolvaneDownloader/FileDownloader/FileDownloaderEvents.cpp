@@ -85,6 +85,15 @@ FileDownloader::localFileURLForIdentifier(const std::string& token, const platfo
   return std::optional(platform::URL::fileURLWithPath(places().path(token, fileNameOf(*download))));
 }
 
+// The server may name the file otherwise; then it is renamed. One that a killed process leaves there is none
+// of the server's until its length and date say so (see `learnFrom`).
+ZRKIfImplemented<platform::URL> FileDownloader::intendedLocalFileURLForIdentifier(const std::string& token) {
+  const auto download = findDownload(token);
+  if (!download)
+    return std::nullopt;
+  return platform::URL::fileURLWithPath(places().path(token, fileNameOf(*download)));
+}
+
 void FileDownloader::downloadProgressChangedForIdentifier(const std::string& token) {
   const auto download = findDownload(token);
   const auto queue = startedDownloader();

@@ -45,6 +45,7 @@ public:
   std::optional<bool> fileIsValid, statusIsValid;
   std::function<std::optional<platform::URLRequest>(const platform::URL&)> request;
   std::function<std::optional<platform::URL>(const std::string&)> place;
+  std::optional<platform::URL> intendedPlace; ///< with it, bodies may come unsynced
   std::function<void(const std::string&)> resume;
   std::function<void()> onIncrement;
   std::shared_ptr<platform::Progress> root;
@@ -94,6 +95,7 @@ public:
   void customizeBackgroundSessionConfiguration(platform::URLSessionConfiguration& configuration) override {
     configuration.HTTPAdditionalHeaders = headers;
     configuration.retryLimit = 0;
+    configuration.maximumLengthUnsynced = intendedPlace ? 1 << 20 : 0;
   }
   bool onAuthenticationChallenge(const platform::AuthenticationChallenge& challenge, const std::string&,
                                  const platform::ChallengeCompletion& completion) override {
@@ -118,6 +120,9 @@ public:
     if (!place)
       return std::nullopt;
     return place(token);
+  }
+  ZRKIfImplemented<platform::URL> intendedLocalFileURLForIdentifier(const std::string&) override {
+    return intendedPlace;
   }
 
 private:

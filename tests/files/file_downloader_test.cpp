@@ -228,6 +228,36 @@ TEST_P(FileDownloaderTest, TellsWhatWasWrongWithAFile) {
   EXPECT_EQ(filesBelow("temporary"), 0u);
 }
 
+TEST_P(FileDownloaderTest, LeavesOnlyGoodFilesInTheirIntendedPlace) {
+  server.serve("/empty", {"", "\"1\"", ""});
+  server.serve("/file", {"content", "\"1\"", ""});
+  const std::string intended = directory / "own/file";
+  std::filesystem::create_directory(directory / "own");
+  delegate->intendedPlace = URL::fileURLWithPath(intended);
+  placeAt(intended);
+  EXPECT_TRUE(download("/empty").error);
+  delegate->fileIsValid = false;
+  EXPECT_TRUE(download("/file").error);
+  delegate->fileIsValid.reset();
+  delegate->statusIsValid = false;
+  EXPECT_TRUE(download("/file").error);
+  delegate->statusIsValid.reset();
+  placeAt(directory / "no/such/folder");
+  EXPECT_TRUE(download("/file").error);
+  placeAt(std::nullopt);
+  EXPECT_TRUE(download("/file").error);
+  EXPECT_EQ(filesBelow("own"), 0u);
+
+  placeAt(directory / "own/other name");
+  expectFile(download("/file"), "content");
+  EXPECT_EQ(filesBelow("own"), 1u);
+  placeAt(intended);
+  expectFile(download("/file"), "content");
+  server.serve("/file", {"newer", "\"2\"", ""});
+  expectFile(download("/file"), "newer");
+  EXPECT_EQ(filesBelow("own"), 2u);
+}
+
 TEST_P(FileDownloaderTest, ReportsLostConnectionsAndBadStarts) {
   server.serve("/cut", {randomBytes(100'000), "\"1\"", ""});
   server.once("/cut", cuttingAfter(50'000));

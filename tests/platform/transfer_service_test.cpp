@@ -20,6 +20,35 @@ TEST_F(TransferServiceTest, DownloadsAndCleansUp) {
 
 // ---- Redirects and credentials
 
+TEST_F(TransferServiceTest, WritesAShortBodyToItsIntendedLocationWhenNothingStandsThere) {
+  configuration.maximumLengthUnsynced = 1000;
+  open();
+  server.serve("/a", {"content", "\"1\"", OldDate});
+  const auto longer = serveRandom("/longer", 1001);
+  server.handle("/gone", FaultServer::reply(404, {}, "page"));
+  const std::string place = directory / "place";
+  const auto get = [&](const std::string& path, const std::string& location) {
+    const auto task = session->downloadTaskWithRequest(request(path));
+    task->setIntendedLocation(location);
+    return finish(started(task));
+  };
+  expectWhole(get("/gone", place), "page");
+  expectWhole(get("/longer", place), longer);
+  EXPECT_FALSE(std::filesystem::exists(place));
+  expectWhole(get("/a", directory / "no/such/place"), "content");
+
+  const auto record = get("/a", place);
+  expectWhole(record, "content");
+  EXPECT_EQ(record.finishedAt.at(0), place);
+  EXPECT_EQ(readFile(place), "content") << "it is the delegate's";
+  directory.write("place", "mine");
+  const auto other = get("/a", place);
+  expectWhole(other, "content");
+  EXPECT_NE(other.finishedAt.at(0), place);
+  EXPECT_EQ(readFile(place), "mine");
+  EXPECT_EQ(filesBelow("finished"), 0u);
+}
+
 TEST_F(TransferServiceTest, FollowsRedirectsWithoutLeakingCredentials) {
   auto content = serveRandom("/end", 1000);
   server.handle("/near", FaultServer::redirect("/end"));

@@ -98,7 +98,7 @@ TEST_F(SmallFiles, AreSyncedInTheirPlaceBeforeAnythingClaimsThem) {
   std::ifstream calls(log);
   for (std::string line; std::getline(calls, line);) {
     const bool inDirectory = line.ends_with(library + "/FileDownloader");
-    if (line.starts_with("> rename") && line.find("/FileDownloader/") != std::string::npos)
+    if (line.starts_with("> write") && line.find("/FileDownloader/") != std::string::npos)
       ++placed;
     else if (line.starts_with("< sync") && inDirectory)
       begun = placed;

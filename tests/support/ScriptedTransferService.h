@@ -102,6 +102,9 @@ protected:
 class ScriptedTask final : public ScriptedTaskOf<platform::URLSessionDownloadTask> {
 public:
   void cancelByProducingResumeData(std::function<void(platform::DataRef)> completion) override;
+  /// Not taken up: the body always comes in a temporary file.
+  void setIntendedLocation(const std::string& path) override { _intendedLocation = path; }
+  std::string intendedLocation() const override { return _intendedLocation; }
 
   /// The response head. Content-Length sets the expected total. After resume data, 206 goes on at the offset
   /// and tells the delegate; any other status starts from zero.
@@ -133,6 +136,7 @@ private:
 
   std::optional<platform::Data> _resumeData;
   std::int64_t _resumeOffset = 0;
+  std::string _intendedLocation; // for the thread that makes the task
   bool _firstOfResponse = true;
   bool _progressWaiting = false;
   std::int64_t _reported = 0;

@@ -22,9 +22,10 @@ template <class T> using ZRKIfImplemented = std::optional<T>;
 /// The one client of a `ZRKFileDownloader`.
 ///
 /// Called on the downloader's delegate queue, one call at a time, except for `rootProgress`,
-/// `urlRequestForRemoteURL` and the increment of the activity count, which come on the thread that starts a
-/// download, and `resumeDownloadWithIdentifier`, which comes on the thread that resumes it. Never under a
-/// lock of the downloader, so every operation of it may be called from here. Held weakly.
+/// `urlRequestForRemoteURL`, `intendedLocalFileURLForIdentifier` and the increment of the activity count,
+/// which come on the thread that starts a download, and `resumeDownloadWithIdentifier`, which comes on the
+/// thread that resumes it. Never under a lock of the downloader, so every operation of it may be called from
+/// here. Held weakly.
 class ZRKFileDownloadDelegate {
 public:
   virtual ~ZRKFileDownloadDelegate() = default;
@@ -116,6 +117,14 @@ public:
   virtual ZRKIfImplemented<std::optional<platform::URL>>
   localFileURLForIdentifier(const std::string& token, const platform::URL& remoteURL) {
     (void)token, (void)remoteURL;
+    return std::nullopt;
+  }
+
+  /// What `localFileURLForIdentifier` is going to answer, as far as it can be told when the download starts.
+  /// A short file is then written there at once and not moved, when nothing stands there; should the process
+  /// be killed meanwhile, a part of it may stay there. Not implemented: it is not known ahead.
+  virtual ZRKIfImplemented<platform::URL> intendedLocalFileURLForIdentifier(const std::string& token) {
+    (void)token;
     return std::nullopt;
   }
 };

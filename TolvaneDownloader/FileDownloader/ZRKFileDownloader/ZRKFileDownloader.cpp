@@ -308,8 +308,12 @@ DownloadTaskRef ZRKFileDownloader::_makeTask(Beginning& beginning) {
     task = session->downloadTaskWithResumeData(*beginning.resumeData);
   else if (auto request = _requestForRemoteURL(beginning))
     task = session->downloadTaskWithRequest(*request);
-  if (task)
-    task->setTaskDescription(beginning.token);
+  if (!task)
+    return nullptr;
+  task->setTaskDescription(beginning.token);
+  if (auto delegate = _state->fileDownloadDelegate.lock())
+    if (auto intended = delegate->intendedLocalFileURLForIdentifier(beginning.token))
+      task->setIntendedLocation(intended->path());
   return task;
 }
 

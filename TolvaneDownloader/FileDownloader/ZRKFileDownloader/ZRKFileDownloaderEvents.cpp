@@ -88,9 +88,14 @@ void ZRKFileDownloader::URLSessionDownloadTaskDidFinishDownloadingToURL(URLSessi
   auto item = _itemForTask(session, *task, task, downloadID);
   if (!item) {
     ZRKLogError("Missing download item for taskIdentifier: " + std::to_string(task->taskIdentifier()));
-    return;
+  } else {
+    _handleFinishedFile(downloadID, item, statusOf(*task), remoteURLOf(*task), location);
+    if (item->finalLocalFileURL())
+      return;
   }
-  _handleFinishedFile(downloadID, item, statusOf(*task), remoteURLOf(*task), location);
+  // The service leaves what was written to its place ahead.
+  if (location == task->intendedLocation())
+    FileManager::removeItemAtPath(location);
 }
 
 void ZRKFileDownloader::URLSessionTaskDidCompleteWithError(URLSession& session,

@@ -99,7 +99,7 @@ std::optional<URL> ZRKTempLocalFileURLForDownloadFromURL(const URL& remoteURL,
 
 std::optional<std::string> ZRKPlaceFile(const std::string& location, const std::string& destination,
                                         std::int64_t& size) {
-  if (!FileManager::renameToFreePath(location, destination))
+  if (location != destination && !FileManager::renameToFreePath(location, destination))
     if (auto line = replaceFile(location, destination))
       return line;
   ErrorRef error;

@@ -58,6 +58,13 @@ public:
 /// A task whose body goes to a file.
 class URLSessionDownloadTask : public URLSessionTask {
 public:
+  /// Where the delegate is going to have the file, if it knows that ahead; to be told before `resume`, and
+  /// not journaled. It saves a move: a body of a success that is handed over unsynced (see
+  /// `maximumLengthUnsynced`) is written there at once, when nothing stands there. The delegate then gets
+  /// this path, and what stands there is its own, whether it wants it or not.
+  virtual void setIntendedLocation(const std::string& path) = 0;
+  virtual std::string intendedLocation() const = 0; ///< empty: it is not known ahead
+
   /// Cancels; `completion` gets the resume data, or null when there is nothing to resume from. It is called
   /// exactly once on the session's delegate queue, before the task's completion with NSURLErrorCancelled,
   /// whose user info carries the same data. On a task that has ended: null.
@@ -158,8 +165,8 @@ public:
   }
 
   /// The whole body is in the file at `location`, synced to stable storage. Move it away before returning:
-  /// the service removes it afterwards. Followed by the completion without an error. Sent for every HTTP
-  /// status.
+  /// the service removes it afterwards, unless it is the task's intended location. Followed by the completion
+  /// without an error. Sent for every HTTP status.
   virtual void URLSessionDownloadTaskDidFinishDownloadingToURL(URLSession& session,
                                                                const DownloadTaskRef& task,
                                                                const std::string& location) {

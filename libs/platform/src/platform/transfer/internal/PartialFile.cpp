@@ -386,18 +386,31 @@ int PartialFile::settle(PartialDescription description) {
   return failure;
 }
 
-/// What is in memory is the whole body.
-int PartialFile::writeWhole(const std::string& path) {
+bool PartialFile::createWhole(const std::string& path) {
   _descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (_descriptor < 0)
-    return errno;
+  return _descriptor >= 0;
+}
+
+/// What is in memory is the whole body. On failure nothing is left at `path`.
+int PartialFile::writeWhole(const std::string& path) {
   for (const auto& portion : _filling) {
     auto end = portion.at;
     if (int failure =
-            writeWholeBody(_descriptor, portion.bytes(), static_cast<std::size_t>(portion.length), end))
+            writeWholeBody(_descriptor, portion.bytes(), static_cast<std::size_t>(portion.length), end)) {
+      removeFile(path);
       return failure;
+    }
   }
   return 0;
+}
+
+bool PartialFile::finishAt(const std::string& path, int* failure) {
+  std::lock_guard io(_io);
+  if (!isInMemory() || !createWhole(path))
+    return false;
+  *failure = writeWhole(path);
+  closeAll();
+  return true;
 }
 
 int PartialFile::finish(const std::string& path, bool sync) {
@@ -405,11 +418,11 @@ int PartialFile::finish(const std::string& path, bool sync) {
     handOver();
   std::lock_guard io(_io);
   if (isInMemory()) {
-    int failure = writeWhole(path);
-    if (failure == 0 && sync && ::fdatasync(_descriptor) != 0)
+    int failure = createWhole(path) ? writeWhole(path) : errno;
+    if (failure == 0 && sync && ::fdatasync(_descriptor) != 0) {
       failure = errno;
-    if (failure != 0)
       removeFile(path);
+    }
     closeAll();
     return failure;
   }

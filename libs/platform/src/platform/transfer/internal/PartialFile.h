@@ -87,6 +87,9 @@ public:
   /// Writes and syncs what is held, and has it at `path`, without description and map. Closed afterwards.
   /// Answers 0 or errno, then nothing is at `path`. Without `sync` what was only in memory is not synced.
   int finish(const std::string& path, bool sync);
+  /// The same, unsynced, for a body that is only in memory, when nothing stands at `path`. False: it is not
+  /// such a body, or no file can be made there; nothing has changed.
+  bool finishAt(const std::string& path, int* failure);
 
   /// Removes all its files.
   void remove();
@@ -122,6 +125,7 @@ private:
   int writeWaiting();
   int writeOut(const Portion& portion);
   int wrote(std::int64_t from, std::int64_t end, int failure);
+  bool createWhole(const std::string& path);
   int writeWhole(const std::string& path);
   int describe(PartialDescription& description);
   int forget();

@@ -47,6 +47,16 @@ void TaskState::describe(std::optional<std::string> text) {
   touchJournal();
 }
 
+void TaskState::intend(const std::string& location) {
+  std::lock_guard guard(_mutex);
+  _intendedLocation = location;
+}
+
+std::string TaskState::intended() const {
+  std::lock_guard guard(_mutex);
+  return _intendedLocation;
+}
+
 void TaskState::requestResume() {
   {
     std::lock_guard guard(_mutex);
@@ -225,7 +235,8 @@ void TaskState::deliverEnd(Outcome outcome) {
     if (!outcome.error)
       _delivering = true;
   }
-  if (!outcome.error && _isDownload && delegate) {
+  const bool taken = !outcome.error && _isDownload && delegate;
+  if (taken) {
     auto report = takeProgress(true);
     if (report.due)
       delegate->URLSessionDownloadTaskDidWriteData(*_session, downloadFace(), report.written, report.total,
@@ -233,12 +244,13 @@ void TaskState::deliverEnd(Outcome outcome) {
     delegate->URLSessionDownloadTaskDidFinishDownloadingToURL(*_session, downloadFace(), outcome.file);
   }
   // A stopped task of a background session keeps a body that the delegate has not seen.
-  bool kept;
+  bool kept; ///< or taken into its place by the delegate
   std::vector<std::function<void(DataRef)>> waiters;
   std::shared_ptr<const HTTPURLResponse> response;
   {
     std::lock_guard guard(_mutex);
-    kept = outcome.error && _stopped && _rowState == TaskRow::Finished && !_finishedPath.empty();
+    kept = (outcome.error && _stopped && _rowState == TaskRow::Finished && !_finishedPath.empty()) ||
+           (taken && outcome.file == _intendedLocation);
     _rowGone = _rowGone || !_stopped || !outcome.error;
     _state = URLSessionTaskState::Completed;
     _error = outcome.error;

@@ -52,6 +52,7 @@ public:
   void requestSuspend();
   void requestCancel();
   void requestCancelWithResumeData(std::function<void(DataRef)> completion);
+  void intend(const std::string& location);
 
   bool isDownload() const { return _isDownload; }
   const std::shared_ptr<Session>& session() const { return _session; }
@@ -76,6 +77,7 @@ public:
   bool claimProgressEvent();
   bool hasUnreportedBytes() const;
   void setPartial(const std::string& name);
+  std::string intended() const;
   /// The body is whole and stored at `path`. The journal claims it only when it is synced.
   void setComplete(std::int64_t length, const std::string& path, bool synced);
 
@@ -124,6 +126,7 @@ private:
   bool _touched = false;
   std::string _partial;
   std::string _finishedPath;
+  std::string _intendedLocation;
 
   std::atomic<std::int64_t> _received{0};
   std::atomic<std::int64_t> _expected{NSURLSessionTransferSizeUnknown};
@@ -161,6 +164,8 @@ public:
   void cancelByProducingResumeData(std::function<void(DataRef)> completion) override {
     requestCancelWithResumeData(std::move(completion));
   }
+  void setIntendedLocation(const std::string& path) override { intend(path); }
+  std::string intendedLocation() const override { return intended(); }
   DownloadTaskRef downloadFace() override {
     return std::static_pointer_cast<DownloadTask>(shared_from_this());
   }

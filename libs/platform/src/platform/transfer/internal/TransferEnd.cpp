@@ -51,8 +51,13 @@ void Transfer::storeFile() {
   // A success ends the task right here: the way over the network thread would only delay what follows it.
   // Whether it was cancelled meanwhile is looked at when it is delivered.
   _network.disk().add(
-      [&network = _network, task = _task.shared_from_this(), file = _file, path, length, sync] {
-        const int failure = file->finish(path, sync);
+      [&network = _network, task = _task.shared_from_this(), file = _file, path, length, sync]() mutable {
+        int failure = 0;
+        const auto intended = sync ? std::string() : task->intended();
+        if (!intended.empty() && file->finishAt(intended, &failure))
+          path = intended;
+        else
+          failure = file->finish(path, sync);
         if (failure == 0) {
           task->setComplete(length, path, sync);
           task->session()->end(task, {nullptr, path, nullptr, nullptr});
