@@ -1,6 +1,8 @@
 #include "tests/platform/TransferServiceFixture.h"
 
+#include <future>
 #include <malloc.h>
+#include <mutex>
 
 using namespace transfer_tests;
 
@@ -47,6 +49,40 @@ TEST_F(TransferServiceTest, WritesAShortBodyToItsIntendedLocationWhenNothingStan
   EXPECT_NE(other.finishedAt.at(0), place);
   EXPECT_EQ(readFile(place), "mine");
   EXPECT_EQ(filesBelow("finished"), 0u);
+}
+
+TEST_F(TransferServiceTest, ADelegateMayShutTheServiceDown) {
+  struct Closing : URLSessionDelegate {
+    std::function<void()> close;
+    void URLSessionDownloadTaskDidFinishDownloadingToURL(URLSession&, const DownloadTaskRef&,
+                                                         const std::string&) override {
+      close();
+    }
+  };
+  configuration.maximumLengthUnsynced = 1000;
+  server.serve("/a", {"content", "\"1\"", OldDate});
+  server.serve("/held", {"content", "\"1\"", OldDate}, stallingAfter(3, stalled));
+  for (int round = 0; round < 20; ++round) {
+    open();
+    const auto closing = std::make_shared<Closing>();
+    std::promise<void> closed;
+    std::once_flag once;
+    closing->close = [&] {
+      std::call_once(once, [&] {
+        close();
+        service.reset();
+        configuration.service.reset();
+        closed.set_value();
+      });
+    };
+    session = URLSession::sessionWithConfiguration(configuration, closing, nullptr);
+    start("/held");
+    const auto first = session->downloadTaskWithRequest(request("/a"));
+    const auto second = session->downloadTaskWithRequest(request("/a"));
+    first->resume();
+    second->resume();
+    closed.get_future().wait();
+  }
 }
 
 TEST_F(TransferServiceTest, FollowsRedirectsWithoutLeakingCredentials) {
