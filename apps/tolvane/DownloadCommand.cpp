@@ -108,17 +108,25 @@ struct Content {
 
 std::vector<Content> contentsOf(Host& host, const std::vector<std::string>& urls,
                                 const platform::HTTPHeaders& headers, Interruption& interruption) {
-  return gather<Content>(urls.size(), interruption,
-                         [&](std::size_t position, std::function<void(Content)> answer) {
-                           host.manager().determineContentType(
-                               urls[position], headers,
-                               [answer = std::move(answer)](std::optional<halvix::ContentType> found,
-                                                            const halvix::QVErrorRef& error) {
-                                 answer({found, found   ? std::string()
-                                                : error ? halvix::describeError(error)
-                                                        : "its content cannot be told"});
-                               });
-                         });
+  std::vector<Content> contents(urls.size());
+  std::vector<std::size_t> untold; // by the URL alone
+  for (std::size_t i = 0; i < urls.size(); ++i)
+    if (!(contents[i].type = halvix::contentTypeFromURL(urls[i])))
+      untold.push_back(i);
+  auto answers = gather<Content>(untold.size(), interruption,
+                                 [&](std::size_t position, std::function<void(Content)> answer) {
+                                   host.manager().determineContentType(
+                                       urls[untold[position]], headers,
+                                       [answer = std::move(answer)](std::optional<halvix::ContentType> found,
+                                                                    const halvix::QVErrorRef& error) {
+                                         answer({found, found   ? std::string()
+                                                        : error ? halvix::describeError(error)
+                                                                : "its content cannot be told"});
+                                       });
+                                 });
+  for (std::size_t i = 0; i < untold.size(); ++i)
+    contents[untold[i]] = std::move(answers[i]);
+  return contents;
 }
 
 template <class Rendition, class Tracks>
