@@ -16,28 +16,25 @@ using Clock = std::chrono::steady_clock;
 
 // How often stalled connections are looked for; nothing runs while there are none.
 constexpr std::chrono::milliseconds TickInterval{250};
-constexpr int LongestPollMs = 60'000;
+constexpr int LongestWaitMs = 60'000;
 
 } // namespace
 
 ConnectionLoop::~ConnectionLoop() {
   stop();
-  if (_multi)
-    curl().multi_cleanup(static_cast<CURLM*>(_multi));
 }
 
 bool ConnectionLoop::post(std::function<void()> work) {
-  curl(); // loaded before the lock is taken
-  std::lock_guard guard(_mutex);
-  if (_stopping)
-    return false;
-  if (!_multi) {
-    _multi = curl().multi_init();
-    _thread = startThread(
-        "connections", [this] { run(); }, ThreadSignals::Blocked);
+  {
+    std::lock_guard guard(_mutex);
+    if (_stopping)
+      return false;
+    if (!_thread.joinable())
+      _thread = startThread(
+          "connections", [this] { run(); }, ThreadSignals::Blocked);
+    _work.push_back(std::move(work));
   }
-  _work.push_back(std::move(work));
-  curl().multi_wakeup(static_cast<CURLM*>(_multi));
+  _sockets.interrupt();
   return true;
 }
 
@@ -48,9 +45,8 @@ void ConnectionLoop::stop() {
     if (std::exchange(_stopping, true))
       return;
     thread = std::move(_thread);
-    if (_multi)
-      curl().multi_wakeup(static_cast<CURLM*>(_multi));
   }
+  _sockets.interrupt();
   if (!thread.joinable())
     return;
   thread.join();
@@ -69,16 +65,15 @@ void ConnectionLoop::stop() {
 
 void ConnectionLoop::add(void* handle, std::shared_ptr<HTTPConnection> connection) {
   _running.emplace(handle, std::move(connection));
-  curl().multi_add_handle(static_cast<CURLM*>(_multi), static_cast<CURL*>(handle));
+  curl().multi_add_handle(_sockets.multi(), handle);
 }
 
 void ConnectionLoop::remove(void* handle) {
   if (_running.erase(handle) > 0)
-    curl().multi_remove_handle(static_cast<CURLM*>(_multi), static_cast<CURL*>(handle));
+    curl().multi_remove_handle(_sockets.multi(), handle);
 }
 
 void ConnectionLoop::run() {
-  auto* multi = static_cast<CURLM*>(_multi);
   Clock::time_point nextTick{};
   for (;;) {
     std::vector<std::function<void()>> work;
@@ -90,15 +85,13 @@ void ConnectionLoop::run() {
     }
     for (const auto& item : work)
       item();
-    int running = 0;
-    curl().multi_perform(multi, &running);
-    takeResults();
+    while (_sockets.step())
+      takeResults();
     if (const auto now = Clock::now(); now >= nextTick) {
       nextTick = now + TickInterval;
       endStalled();
     }
-    curl().multi_poll(multi, nullptr, 0,
-                      _running.empty() ? LongestPollMs : static_cast<int>(TickInterval.count()), nullptr);
+    _sockets.wait(_running.empty() ? LongestWaitMs : static_cast<int>(TickInterval.count()));
   }
   // Commands that came too late belong to connections that end now, or never began.
   std::vector<std::function<void()>> late;
@@ -122,7 +115,7 @@ void ConnectionLoop::endStalled() {
 
 void ConnectionLoop::takeResults() {
   int left = 0;
-  while (auto* message = curl().multi_info_read(static_cast<CURLM*>(_multi), &left)) {
+  while (auto* message = _sockets.isOpen() ? curl().multi_info_read(_sockets.multi(), &left) : nullptr) {
     if (message->msg != CURLMSG_DONE)
       continue;
     const int code = message->data.result;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/transfer/TransferService.h"
+#include "platform/transfer/internal/SocketLoop.h"
 
 #include <functional>
 #include <memory>
@@ -46,7 +47,7 @@ private:
   std::vector<std::function<void()>> _work;
   bool _stopping = false;
   std::thread _thread;
-  void* _multi = nullptr;
+  SocketLoop _sockets;
   std::unordered_map<void*, std::shared_ptr<HTTPConnection>> _running; ///< by easy handle
 };
 

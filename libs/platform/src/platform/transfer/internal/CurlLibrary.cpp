@@ -47,12 +47,9 @@ CurlLibrary::CurlLibrary() {
   TAKE(multi_cleanup);
   TAKE(multi_info_read);
   TAKE(multi_init);
-  TAKE(multi_perform);
-  TAKE(multi_poll);
   TAKE(multi_remove_handle);
   TAKE(multi_setopt);
   TAKE(multi_socket_action);
-  TAKE(multi_wakeup);
   TAKE(slist_append);
   TAKE(slist_free_all);
 #undef TAKE
