@@ -19,8 +19,8 @@ std::optional<platform::URL> ZRKTempLocalFileURLForDownloadFromURL(const platfor
 /// when that fails.
 std::optional<std::string> ZRKFileDownloadFolder(const std::string& directory);
 
-/// Moves a received file to `destination` unless it is there, replacing one that stands there, and reads its
-/// size. The entry
-/// is not synced. Answers the line that was logged when something failed; `size` is valid on success.
+/// Moves a received file to `destination` unless that is where it is, replacing one that stands there, and
+/// reads its size. The entry is not synced. Answers the line that was logged when something failed; `size` is
+/// valid on success.
 std::optional<std::string> ZRKPlaceFile(const std::string& location, const std::string& destination,
                                         std::int64_t& size);

@@ -32,8 +32,8 @@ std::thread startThread(const std::string& name, std::function<void()> body, Thr
   if (signals == ThreadSignals::Blocked)
     block.emplace();
   return std::thread([name = name.substr(0, 15), body = std::move(body)] {
-    ::pthread_setname_np(::pthread_self(),
-                         name.c_str()); // for another thread it takes three calls to the system
+    // By itself: for another thread it takes three calls to the system.
+    ::pthread_setname_np(::pthread_self(), name.c_str());
     body();
   });
 }

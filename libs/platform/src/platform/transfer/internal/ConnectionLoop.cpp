@@ -115,7 +115,7 @@ void ConnectionLoop::endStalled() {
 
 void ConnectionLoop::takeResults() {
   int left = 0;
-  while (auto* message = _sockets.isOpen() ? curl().multi_info_read(_sockets.multi(), &left) : nullptr) {
+  while (auto* message = curl().multi_info_read(_sockets.multi(), &left)) {
     if (message->msg != CURLMSG_DONE)
       continue;
     const int code = message->data.result;
