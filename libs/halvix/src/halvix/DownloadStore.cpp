@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string_view>
 #include <sys/stat.h>
@@ -178,12 +179,12 @@ struct DownloadStore::State {
   Statement insert, erase;
   std::mutex mutex;
   std::atomic<std::uint64_t> rowsWritten{0};
-  std::thread firstSync;
-  int firstSyncFailure = 0; // errno; once the thread has ended
+  std::future<int> firstSync; ///< errno, when one goes on
+  int firstSyncFailure = 0;
 
   ~State() {
-    if (firstSync.joinable())
-      firstSync.join();
+    if (firstSync.valid())
+      firstSync.wait();
   }
 
   QVErrorRef failure(int code) const { return makeStoreError(database.get(), code, path); }
@@ -194,9 +195,14 @@ struct DownloadStore::State {
     struct stat status {};
     if (::fstat(file.get(), &status) != 0 || status.st_size > onePage)
       return;
-    const auto sync = [this] { firstSyncFailure = ::fdatasync(file.get()) == 0 ? 0 : errno; };
+    auto failure = std::make_shared<std::promise<int>>();
+    firstSync = failure->get_future();
+    const auto sync = [failure, descriptor = file.get()] {
+      failure->set_value(::fdatasync(descriptor) == 0 ? 0 : errno);
+    };
     try {
-      firstSync = platform::startThread("library", sync, platform::ThreadSignals::Blocked);
+      // Nobody joins it: a program that writes no record may end without this store's end.
+      platform::startThread("library", sync, platform::ThreadSignals::Blocked).detach();
     } catch (const std::system_error&) {
       sync();
     }
@@ -204,8 +210,8 @@ struct DownloadStore::State {
 
   /// Runs `work` in a transaction that is on stable storage when this returns; an error takes all of it back.
   QVErrorRef store(const std::function<int()>& work) {
-    if (firstSync.joinable())
-      firstSync.join();
+    if (firstSync.valid())
+      firstSyncFailure = firstSync.get();
     if (firstSyncFailure != 0)
       return QVErrorBuilder(ErrorType::library_unavailable)
           .message("the list of downloads cannot be used")
