@@ -287,7 +287,7 @@ private:
   std::size_t _running = 0; ///< started and not ended
   bool _paused = false;
   std::vector<bool> _held; ///< paused here, and not resumed yet
-  std::vector<bool> _told; ///< its remarks
+  std::vector<bool> _told; ///< its remarks were, or need not be
 };
 
 } // namespace

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "halvix/QVError.h"
-#include "platform/transfer/TransferService.h"
 
 #include <memory>
 #include <string>
@@ -11,6 +10,9 @@ class Download;
 class DownloadManager;
 class HostEnvironment;
 } // namespace halvix
+namespace platform {
+class TransferService;
+}
 
 namespace tolvane {
 

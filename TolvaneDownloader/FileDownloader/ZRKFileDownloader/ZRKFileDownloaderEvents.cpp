@@ -94,8 +94,9 @@ void ZRKFileDownloader::URLSessionDownloadTaskDidFinishDownloadingToURL(URLSessi
       return;
   }
   // The service leaves what was written to its place ahead.
-  if (location == task->intendedLocation())
-    FileManager::removeItemAtPath(location);
+  if (location == task->intendedLocation() && FileManager::fileExistsAtPath(location))
+    if (auto error = FileManager::removeItemAtPath(location))
+      ZRKLogError("Error on removing file at " + location + ": " + ZRKDescribe(error));
 }
 
 void ZRKFileDownloader::URLSessionTaskDidCompleteWithError(URLSession& session,

@@ -59,8 +59,11 @@ std::string BaseDownloader::downloadPath() const {
   _pathIsThere = true;
   // Beside what comes next, and ahead of all that writes records there on the same queue.
   if (!changed.empty())
-    platform::SerialQueue::background().async(
-        [changed = std::move(changed)] { platform::FileManager::syncItemsAtPaths(changed); });
+    platform::SerialQueue::background().async([changed = std::move(changed)] {
+      for (const auto& error : platform::FileManager::syncItemsAtPaths(changed))
+        if (error)
+          log_e(tag, error->localizedDescription());
+    });
   return path;
 }
 

@@ -1,5 +1,6 @@
 #include "platform/concurrency/Queue.h"
 #include "platform/foundation/FileManager.h"
+#include "platform/foundation/Log.h"
 #include "platform/foundation/StringHash.h"
 #include "platform/transfer/TransferService.h"
 #include "platform/transfer/internal/ConnectionLoop.h"
@@ -240,7 +241,9 @@ void HTTPTransferService::shutdown() {
 void HTTPTransferService::settle(std::vector<std::string> newDirectories) {
   auto& parts = *_parts;
   parts.disk.add([&parts, newDirectories = std::move(newDirectories)] {
-    FileManager::syncItemsAtPaths(newDirectories);
+    for (const auto& error : FileManager::syncItemsAtPaths(newDirectories))
+      if (error)
+        log("A directory of the transfer service may not last: " + error->localizedDescription());
     const auto lifetime = parts.options.orphanLifetime;
     parts.locks.sweep("p-", std::chrono::seconds(0));
     parts.locks.sweep("s-", lifetime);

@@ -1,12 +1,10 @@
 #include "platform/transfer/URLRequest.h"
 
 #include "platform/foundation/ASCII.h"
-#include "platform/transfer/internal/CurlLibrary.h"
+#include "platform/transfer/internal/HTTPRules.h"
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <chrono>
 
 namespace platform {
 
@@ -89,32 +87,6 @@ constexpr std::array statusTexts = std::to_array<StatusText>({
 
 constexpr std::array classTexts = {"informational", "success", "redirected", "client error", "server error"};
 
-/// A date in the form that servers write, "Sun, 06 Nov 1994 08:49:37 GMT". libcurl reads the older ones too,
-/// but takes longer for it than for all else that a short file's response needs.
-std::optional<std::int64_t> dateInPreferredForm(std::string_view text) {
-  using namespace std::chrono;
-  constexpr std::string_view shape = "aaa, 00 aaa 0000 00:00:00 GMT",
-                             months = "JanFebMarAprMayJunJulAugSepOctNovDec";
-  if (text.size() != shape.size())
-    return std::nullopt;
-  for (std::size_t i = 0; i < shape.size(); ++i)
-    if (shape[i] == '0' ? text[i] < '0' || text[i] > '9' : shape[i] != 'a' && text[i] != shape[i])
-      return std::nullopt;
-  const auto number = [text](std::size_t from, std::size_t length) {
-    unsigned value = 0;
-    std::from_chars(text.data() + from, text.data() + from + length, value);
-    return value;
-  };
-  const auto name = months.find(text.substr(8, 3));
-  const year_month_day date(year(static_cast<int>(number(12, 4))), month(static_cast<unsigned>(name / 3 + 1)),
-                            day(number(5, 2)));
-  const auto hour = number(17, 2), minute = number(20, 2), second = number(23, 2);
-  if (name == std::string_view::npos || name % 3 != 0 || !date.ok() || date.year() < 1970y || hour > 23 ||
-      minute > 59 || second > 60)
-    return std::nullopt;
-  return (sys_days(date).time_since_epoch() + hours(hour) + minutes(minute) + seconds(second)) / seconds(1);
-}
-
 } // namespace
 
 bool HeaderNameLess::operator()(std::string_view a, std::string_view b) const {
@@ -132,10 +104,7 @@ std::optional<std::string> HTTPURLResponse::valueForHTTPHeaderField(std::string_
 
 std::optional<std::int64_t> HTTPURLResponse::lastModifiedSeconds() const {
   const auto text = valueForHTTPHeaderField("Last-Modified");
-  if (const auto date = text ? dateInPreferredForm(*text) : std::nullopt)
-    return date;
-  const auto date = text ? transfer::curl().getdate(text->c_str(), nullptr) : -1;
-  return date < 0 ? std::nullopt : std::optional<std::int64_t>(date);
+  return text ? transfer::parseDate(*text) : std::nullopt;
 }
 
 std::optional<std::string> HTTPURLResponse::localizedStringForStatusCode(int statusCode) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 
 namespace platform::transfer {
 
@@ -30,11 +31,40 @@ std::size_t findNoCase(std::string_view text, std::string_view lowerNeedle) {
   return std::string_view::npos;
 }
 
-std::time_t parseDate(const std::string& text) {
-  return text.empty() ? -1 : curl().getdate(text.c_str(), nullptr);
+/// A date in the form that servers write, "Sun, 06 Nov 1994 08:49:37 GMT". libcurl reads the older ones too,
+/// but takes longer for it than for all else that a short file's response needs.
+std::optional<std::int64_t> dateInPreferredForm(std::string_view text) {
+  using namespace std::chrono;
+  constexpr std::string_view shape = "aaa, 00 aaa 0000 00:00:00 GMT",
+                             months = "JanFebMarAprMayJunJulAugSepOctNovDec";
+  if (text.size() != shape.size())
+    return std::nullopt;
+  for (std::size_t i = 0; i < shape.size(); ++i)
+    if (shape[i] == '0' ? text[i] < '0' || text[i] > '9' : shape[i] != 'a' && text[i] != shape[i])
+      return std::nullopt;
+  const auto number = [text](std::size_t from, std::size_t length) {
+    unsigned value = 0;
+    std::from_chars(text.data() + from, text.data() + from + length, value);
+    return value;
+  };
+  const auto name = months.find(text.substr(8, 3));
+  const year_month_day date(year(static_cast<int>(number(12, 4))), month(static_cast<unsigned>(name / 3 + 1)),
+                            day(number(5, 2)));
+  const auto hour = number(17, 2), minute = number(20, 2), second = number(23, 2);
+  if (name == std::string_view::npos || name % 3 != 0 || !date.ok() || date.year() < 1970y || hour > 23 ||
+      minute > 59 || second > 60)
+    return std::nullopt;
+  return (sys_days(date).time_since_epoch() + hours(hour) + minutes(minute) + seconds(second)) / seconds(1);
 }
 
 } // namespace
+
+std::optional<std::int64_t> parseDate(const std::string& text) {
+  if (const auto date = dateInPreferredForm(text))
+    return date;
+  const auto date = text.empty() ? -1 : curl().getdate(text.c_str(), nullptr);
+  return date < 0 ? std::nullopt : std::optional<std::int64_t>(date);
+}
 
 std::optional<std::int64_t> parseLength(std::string_view text) {
   text = trimmed(text);
@@ -111,10 +141,10 @@ std::optional<ContentRange> parseContentRange(std::string_view text) {
 std::optional<std::chrono::seconds> parseRetryAfter(std::string_view text, std::time_t now) {
   if (auto seconds = parseLength(text))
     return std::chrono::seconds(std::min<std::int64_t>(*seconds, 1LL << 40));
-  auto date = parseDate(std::string(trimmed(text)));
-  if (date < 0)
+  const auto date = parseDate(std::string(trimmed(text)));
+  if (!date)
     return std::nullopt;
-  return std::chrono::seconds(std::max<std::time_t>(0, date - now));
+  return std::chrono::seconds(std::max<std::int64_t>(0, *date - now));
 }
 
 std::optional<std::string> Validators::ifRange() const {
@@ -131,8 +161,8 @@ Validators validatorsOf(const HTTPHeaders& headers) {
   validators.lastModified = headerValue(headers, "Last-Modified");
   if (validators.hasStrongETag())
     return validators; // nobody needs a date then
-  auto modified = parseDate(validators.lastModified), sent = parseDate(headerValue(headers, "Date"));
-  validators.lastModifiedStrong = modified >= 0 && sent >= 0 && sent - modified >= 60;
+  const auto modified = parseDate(validators.lastModified), sent = parseDate(headerValue(headers, "Date"));
+  validators.lastModifiedStrong = modified && sent && *sent - *modified >= 60;
   return validators;
 }
 

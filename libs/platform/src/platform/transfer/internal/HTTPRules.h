@@ -33,6 +33,9 @@ std::optional<ContentRange> parseContentRange(std::string_view text);
 /// A header value of decimal digits only.
 std::optional<std::int64_t> parseLength(std::string_view text);
 
+/// A date of a header, in seconds since 1970; nothing for another text and for earlier ones.
+std::optional<std::int64_t> parseDate(const std::string& text);
+
 /// The time to wait that a Retry-After header (seconds or a date) asks for; never negative.
 std::optional<std::chrono::seconds> parseRetryAfter(std::string_view text, std::time_t now);
 

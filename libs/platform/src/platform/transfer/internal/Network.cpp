@@ -253,8 +253,6 @@ void Network::returnHandle(void* handle) {
 }
 
 bool Network::takeResults() {
-  if (!_sockets.isOpen())
-    return false;
   bool any = false;
   int left = 0;
   while (auto* message = curl().multi_info_read(_sockets.multi(), &left)) {

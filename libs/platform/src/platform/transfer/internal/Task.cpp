@@ -243,8 +243,9 @@ void TaskState::deliverEnd(Outcome outcome) {
                                                    report.expected);
     delegate->URLSessionDownloadTaskDidFinishDownloadingToURL(*_session, downloadFace(), outcome.file);
   }
-  // A stopped task of a background session keeps a body that the delegate has not seen.
-  bool kept; ///< or taken into its place by the delegate
+  // A stopped task of a background session keeps a body that the delegate has not seen. One that was written
+  // to its intended location is the delegate's.
+  bool kept;
   std::vector<std::function<void(DataRef)>> waiters;
   std::shared_ptr<const HTTPURLResponse> response;
   {
