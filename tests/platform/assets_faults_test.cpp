@@ -90,8 +90,14 @@ TEST_F(AssetFaultTest, WhatIsNoCompletePlaylistIsRefusedBeforeAnythingIsWritten)
 TEST_F(AssetFaultTest, AMissingSegmentIsNamedTheRestIsKeptAndTheNextDownloadFetchesOnlyWhatIsMissing) {
   playlist("/v/list", segments(12));
   media(12);
-  server.once("/v/s9.ts", FaultServer::reply(404));
+  gate = makeGate(); // something else comes first
+  server.once("/v/s9.ts", [this](const ServerRequest& request, ServerConnection& connection) {
+    if (connection.wait(*gate))
+      FaultServer::reply(404)(request, connection);
+  });
   const auto first = start(asset(server.url("/v/list")));
+  EXPECT_TRUE(delegate->waitFor(*first, [](const auto& record) { return record.lastSum >= 4; }));
+  gate->open();
   const auto error = endOf(first);
   ASSERT_TRUE(error);
   EXPECT_THAT(error->localizedDescription(),
