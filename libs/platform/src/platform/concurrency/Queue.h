@@ -28,7 +28,8 @@ public:
   void sync(const std::function<void()>& work);
 };
 
-/// A queue with a thread of its own.
+/// A queue with a thread of its own, which interrupts nobody when it is given work: on busy processors the
+/// givers, above all the network, come first (`ThreadWaking::WaitsForTurn`).
 ///
 /// Destruction runs what was given by `async`, drops what `after` still holds, and joins the thread; from the
 /// queue's own thread it detaches instead, and the remaining items still run.

@@ -46,7 +46,9 @@ void SerialQueue::State::run(Priority priority) {
 }
 
 SerialQueue::SerialQueue(const std::string& label, Priority priority) : _state(std::make_shared<State>()) {
-  _state->thread = startThread(label, [state = _state, priority] { state->run(priority); });
+  _state->thread = startThread(
+      label, [state = _state, priority] { state->run(priority); }, ThreadSignals::OfCaller,
+      ThreadWaking::WaitsForTurn);
 }
 
 SerialQueue::~SerialQueue() {

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <optional>
 #include <pthread.h>
+#include <sched.h>
 #include <utility>
 
 namespace platform {
@@ -27,13 +28,18 @@ private:
 
 } // namespace
 
-std::thread startThread(const std::string& name, std::function<void()> body, ThreadSignals signals) {
+std::thread startThread(const std::string& name, std::function<void()> body, ThreadSignals signals,
+                        ThreadWaking waking) {
   std::optional<SignalBlock> block;
   if (signals == ThreadSignals::Blocked)
     block.emplace();
-  return std::thread([name = name.substr(0, 15), body = std::move(body)] {
+  return std::thread([name = name.substr(0, 15), body = std::move(body), waking] {
     // By itself: for another thread it takes three calls to the system.
     ::pthread_setname_np(::pthread_self(), name.c_str());
+    if (waking == ThreadWaking::WaitsForTurn) {
+      const sched_param none{};
+      ::sched_setscheduler(0, SCHED_BATCH | SCHED_RESET_ON_FORK, &none); // a wish; the thread works without
+    }
     body();
   });
 }

@@ -14,7 +14,7 @@ DiskPool::DiskPool(std::size_t mostThreads) : _mostThreads(mostThreads) {
 
 void DiskPool::startThread() {
   _threads.push_back(platform::startThread(
-      "disk", [this] { run(); }, ThreadSignals::Blocked));
+      "disk", [this] { run(); }, ThreadSignals::Blocked, ThreadWaking::WaitsForTurn));
 }
 
 void DiskPool::add(std::function<void()> work, Load load) {
