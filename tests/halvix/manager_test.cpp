@@ -162,6 +162,30 @@ TEST_F(ManagerTest, FindsDownloadersThroughPluginsAndTheirFactories) {
   EXPECT_EQ(plugin->detached, 1);
 }
 
+TEST_F(ManagerTest, CreatesADownloaderWhenItHasADownload) {
+  auto other = DownloadManager::create(environment);
+  other->attachPlugin(plugin);
+  EXPECT_THAT(other->downloads(), testing::IsEmpty());
+  EXPECT_FALSE(manager->findDownloadByContentUrl("https://example.com/movie.mpd"));
+  EXPECT_EQ(plugin->created, 0);
+  started("movie.mpd");
+  EXPECT_THAT(other->downloads(), testing::SizeIs(1)) << "what another manager started is not found";
+
+  other.reset();
+  open();
+  EXPECT_EQ(plugin->created, 0);
+  EXPECT_THAT(manager->downloads(), testing::SizeIs(1));
+  EXPECT_EQ(plugin->created, 1);
+
+  DownloadRecord record; // of a component that is gone
+  record.downloader = "unknown";
+  record.uuid = "stray";
+  ASSERT_FALSE(environment->store()->write({record}));
+  EXPECT_THAT(manager->downloads(), testing::SizeIs(1));
+  open();
+  EXPECT_THAT(manager->downloads(), testing::SizeIs(1));
+}
+
 TEST_F(ManagerTest, RunsADownloadAndTellsItsEventsInOrder) {
   auto download = started("movie.mpd");
   EXPECT_THAT(recorder->take(), ElementsAre("running", "start"));

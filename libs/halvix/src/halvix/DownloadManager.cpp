@@ -150,6 +150,9 @@ void DownloadManager::determineContentType(const std::string& url, const platfor
 std::shared_ptr<Download> DownloadManager::createDownload(const PlayerConfiguration& configuration,
                                                           const platform::HTTPHeaders& headers,
                                                           QVErrorRef* error) {
+  // The one that is going to have it comes first: an empty list needs no other.
+  if (configuration.contentType)
+    _state->downloader(*configuration.contentType);
   if (auto known = findDownloadByContentUrl(configuration.contentUrl)) {
     if (!configuration.title.empty())
       known->setTitle(configuration.title);
@@ -352,7 +355,7 @@ QVErrorRef DownloadManager::store() {
 
 std::vector<std::shared_ptr<Download>> DownloadManager::downloads() {
   std::vector<std::shared_ptr<Download>> all;
-  for (const auto& downloader : _state->allDownloaders()) {
+  for (const auto& downloader : _state->downloadersWithDownloads()) {
     auto some = downloader->downloads();
     all.insert(all.end(), std::make_move_iterator(some.begin()), std::make_move_iterator(some.end()));
   }
@@ -363,7 +366,7 @@ std::vector<std::shared_ptr<Download>> DownloadManager::downloads() {
 }
 
 std::shared_ptr<Download> DownloadManager::findDownloadByContentUrl(std::string_view contentUrl) {
-  for (const auto& downloader : _state->allDownloaders())
+  for (const auto& downloader : _state->downloadersWithDownloads())
     if (auto download = downloader->findDownloadByContentUrl(contentUrl))
       return download;
   return nullptr;
@@ -373,7 +376,7 @@ std::shared_ptr<Download> DownloadManager::findDownload(std::string_view prefix,
   constexpr std::size_t shown = 3;
   std::vector<std::shared_ptr<Download>> fitting;
   std::size_t count = 0;
-  for (const auto& downloader : _state->allDownloaders()) {
+  for (const auto& downloader : _state->downloadersWithDownloads()) {
     if (auto exact = downloader->findDownload(prefix))
       return exact;
     if (prefix.empty())

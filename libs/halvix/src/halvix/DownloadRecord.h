@@ -38,6 +38,12 @@ struct DownloadRecord {
   platform::DataRef resumeData;
 };
 
+/// A downloader that has rows, and the content type of one of them.
+struct DownloadOwner {
+  std::string downloader;
+  std::optional<ContentType> contentType;
+};
+
 /// What a listing needs of a row.
 struct DownloadSummary {
   std::string id;

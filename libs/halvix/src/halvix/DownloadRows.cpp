@@ -64,6 +64,9 @@ const char* const listSQL =
     "downloaded_size, expected_duration, downloaded_duration, progress, error, created_ms FROM downloads "
     "ORDER BY rowid";
 
+const char* const ownerSQL =
+    "SELECT downloader, content_type FROM downloads WHERE downloader > ?1 ORDER BY downloader LIMIT 1";
+
 const char* const eraseSQL = "DELETE FROM downloads WHERE downloader = ?1 AND uuid = ?2";
 
 namespace {
@@ -124,6 +127,10 @@ void bindRecord(sqlite3_stmt* s, const DownloadRecord& r) {
   if (r.resumeData)
     sqlite3_bind_blob64(s, 21, r.resumeData->empty() ? static_cast<const void*>("") : r.resumeData->data(),
                         r.resumeData->size(), SQLITE_STATIC);
+}
+
+DownloadOwner readOwner(sqlite3_stmt* s) {
+  return {std::string(columnText(s, 0)), contentTypeFromRawValue(columnText(s, 1))};
 }
 
 DownloadRecord readRecord(sqlite3_stmt* s, const std::string& downloader) {

@@ -385,6 +385,28 @@ std::vector<DownloadRecord> DownloadStore::load(const std::string& downloader, Q
   return records;
 }
 
+std::vector<DownloadOwner> DownloadStore::owners(QVErrorRef* error) {
+  std::lock_guard lock(_state->mutex);
+  std::vector<DownloadOwner> owners;
+  Statement statement;
+  int code = prepare(_state->database.get(), ownerSQL, statement);
+  if (code == SQLITE_OK) {
+    std::string last;
+    bindText(statement.get(), 1, last);
+    while ((code = sqlite3_step(statement.get())) == SQLITE_ROW) {
+      owners.push_back(readOwner(statement.get()));
+      last = owners.back().downloader;
+      sqlite3_reset(statement.get());
+      bindText(statement.get(), 1, last);
+    }
+  }
+  if (code == SQLITE_DONE)
+    return owners;
+  if (error)
+    *error = _state->failure(code);
+  return {};
+}
+
 QVErrorRef DownloadStore::write(const std::vector<DownloadRecord>& records) {
   if (records.empty())
     return nullptr;

@@ -44,6 +44,9 @@ public:
   /// The rows of one downloader, oldest first.
   std::vector<DownloadRecord> load(const std::string& downloader, QVErrorRef* error);
 
+  /// Who has rows. Takes no longer where there are more of them.
+  std::vector<DownloadOwner> owners(QVErrorRef* error);
+
   /// Writes the rows, each new or replacing its older self, in one transaction: all or none. Null on success.
   QVErrorRef write(const std::vector<DownloadRecord>& records);
 

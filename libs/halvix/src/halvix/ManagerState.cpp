@@ -1,6 +1,8 @@
 #include "halvix/ManagerState.h"
 
 #include "halvix/BaseDownloader.h"
+#include "halvix/DownloadRecord.h"
+#include "halvix/DownloadStore.h"
 #include "halvix/HostEnvironment.h"
 #include "halvix/Session.h"
 
@@ -193,6 +195,34 @@ std::shared_ptr<BaseDownloader> ManagerState::downloader(ContentType contentType
   return created;
 }
 
+// A downloader opens sessions when it is created; one that nobody has given a download is left alone.
+std::vector<std::shared_ptr<BaseDownloader>> ManagerState::downloadersWithDownloads() {
+  if (!environment)
+    return allDownloaders();
+  const std::uint64_t written = environment->store()->rowsWritten();
+  {
+    std::lock_guard lock(mutex);
+    if (rowsAskedAt == written)
+      return knownDownloadersLocked();
+  }
+  const auto isKnown = [this](const DownloadOwner& owner) {
+    std::lock_guard lock(mutex);
+    return byName.contains(owner.downloader);
+  };
+  QVErrorRef error;
+  for (const DownloadOwner& owner : environment->store()->owners(&error)) {
+    if (!isKnown(owner) && owner.contentType)
+      downloader(*owner.contentType);
+    if (!isKnown(owner))
+      return allDownloaders();
+  }
+  if (error)
+    return allDownloaders();
+  std::lock_guard lock(mutex);
+  rowsAskedAt = written;
+  return knownDownloadersLocked();
+}
+
 std::vector<std::shared_ptr<BaseDownloader>> ManagerState::allDownloaders() {
   const std::size_t numFactories = components->numFactories();
   {
@@ -217,8 +247,12 @@ std::vector<std::shared_ptr<BaseDownloader>> ManagerState::allDownloaders() {
 }
 
 std::vector<std::shared_ptr<BaseDownloader>> ManagerState::knownDownloaders() {
-  std::vector<std::shared_ptr<BaseDownloader>> all;
   std::lock_guard lock(mutex);
+  return knownDownloadersLocked();
+}
+
+std::vector<std::shared_ptr<BaseDownloader>> ManagerState::knownDownloadersLocked() const {
+  std::vector<std::shared_ptr<BaseDownloader>> all;
   for (const auto& [name, downloader] : byName)
     all.push_back(downloader);
   return all;

@@ -2,9 +2,11 @@
 
 #include "halvix/DownloadManager.h"
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -37,10 +39,14 @@ struct ManagerState {
 
   /// The downloader of the first fitting factory, created when first asked for.
   std::shared_ptr<BaseDownloader> downloader(ContentType contentType);
+  /// Those that may have downloads: the ones with rows on the list, which are created, and those created so
+  /// far.
+  std::vector<std::shared_ptr<BaseDownloader>> downloadersWithDownloads();
   /// One of each that some content type leads to.
   std::vector<std::shared_ptr<BaseDownloader>> allDownloaders();
   /// Those created so far.
   std::vector<std::shared_ptr<BaseDownloader>> knownDownloaders();
+  std::vector<std::shared_ptr<BaseDownloader>> knownDownloadersLocked() const;
   std::shared_ptr<BaseDownloader> ownerOf(const Download& download);
 
   /// Adds a completion to the download's preparation; true when the caller has to start one.
@@ -65,6 +71,7 @@ struct ManagerState {
   std::map<std::string, std::shared_ptr<BaseDownloader>> byName;
   std::vector<std::shared_ptr<BaseDownloader>> foundByAll; // of so many factories
   std::size_t numFactoriesAsked = 0;
+  std::optional<std::uint64_t> rowsAskedAt; // all rows belonged to those created when so many were written
   std::map<std::shared_ptr<Download>, std::vector<DownloadManager::Completion>> preparations;
 };
 
