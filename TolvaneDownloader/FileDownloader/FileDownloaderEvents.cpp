@@ -274,7 +274,7 @@ void FileDownloader::removeOthers(const Placed& file) {
 
 void FileDownloader::complete(Download& download, const Placed& file) {
   download.setResumeData(nullptr);
-  download.setLocalRelativePath(halvix::Utils::relativePath(file.path, downloadPath()));
+  download.setLocalRelativePath(file.path.substr(file.path.rfind('/') + 1)); // all stand beside each other
   download.setProgress(download.progress()
                            .copyWithExpectedContentSize(file.attributes->size)
                            .copyWithDownloadedContentSize(file.attributes->size)

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <ctime>
 #include <utility>
 
@@ -15,10 +14,11 @@ namespace {
 constexpr int markDigits = 12;
 
 std::string markOf(const std::string& uuid) {
-  char digits[markDigits + 1];
-  std::snprintf(digits, sizeof digits, "%0*llx", markDigits,
-                static_cast<unsigned long long>(platform::stringHash(uuid) >> (64 - 4 * markDigits)));
-  return digits;
+  std::string mark;
+  std::uint64_t hash = platform::stringHash(uuid);
+  for (int i = 0; i < markDigits; ++i, hash <<= 4)
+    mark += "0123456789abcdef"[hash >> 60];
+  return mark;
 }
 
 /// Where "-<mark>" begins in a name that has one; npos otherwise.

@@ -133,9 +133,12 @@ QVErrorRef BaseDownloader::storeItemsFor(const Download& download) {
 }
 
 QVErrorRef BaseDownloader::writeChanged() {
+  const auto allChanged = _hub->takeChanged();
   std::vector<std::shared_ptr<Download>> taken;
   std::vector<DownloadRecord> records;
-  for (const auto& changed : _hub->takeChanged())
+  taken.reserve(allChanged.size());
+  records.reserve(allChanged.size());
+  for (const auto& changed : allChanged)
     if (auto download = changed.lock())
       if (auto record = download->takeChangedRecord()) {
         taken.push_back(std::move(download));

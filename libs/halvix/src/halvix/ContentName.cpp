@@ -159,6 +159,7 @@ std::string contentFileName(std::string_view suggestion, ContentType type) {
     suggestion.remove_prefix(slash + 1);
 
   std::string name;
+  name.reserve(suggestion.size());
   while (!suggestion.empty()) {
     const auto [length, code] = firstCharacter(suggestion);
     if (length == 0)

@@ -35,9 +35,9 @@ std::optional<ContentType> contentTypeFromRawValue(std::string_view raw) {
 }
 
 std::optional<ContentType> contentTypeFromURL(std::string_view url) {
-  const std::string path = platform::asciiLowered(pathOf(url));
-  const std::string_view view = path;
-  const std::string_view last = view.substr(view.rfind('/') + 1); // npos + 1 is 0
+  const std::string_view path = pathOf(url);
+  const std::string name = platform::asciiLowered(path.substr(path.rfind('/') + 1)); // npos + 1 is 0
+  const std::string_view last = name;
   if (last.ends_with(".mpd") || last.ends_with(".ismc") || last == "manifest")
     return ContentType::dash;
   if (last.ends_with(".m3u8"))

@@ -176,6 +176,8 @@ std::string escaped(std::string_view text) {
   for (; position < text.size(); ++position) {
     const char c = text[position];
     bool keep = legalInURL[static_cast<unsigned char>(c)];
+    if (keep && position >= firstSegmentEnd)
+      continue;
     if (c == '%')
       keep = position + 2 < text.size() && hexValue(text[position + 1]) >= 0 &&
              hexValue(text[position + 2]) >= 0;
@@ -294,11 +296,14 @@ std::optional<URL> URL::URLWithString(std::string_view text, const URL* base) {
 URL URL::fileURLWithPath(std::string_view path) {
   std::string text = "file://";
   text.reserve(text.size() + path.size() + 16);
-  for (char c : path) {
-    if (legalInPath[static_cast<unsigned char>(c)])
-      text += c;
-    else
-      appendEncoded(text, c);
+  for (std::size_t begin = 0; begin < path.size(); ++begin) {
+    std::size_t end = begin; // most paths are taken in one piece
+    while (end < path.size() && legalInPath[static_cast<unsigned char>(path[end])])
+      ++end;
+    text.append(path.substr(begin, end - begin));
+    if (end < path.size())
+      appendEncoded(text, path[end]);
+    begin = end;
   }
   return URL(std::move(text));
 }

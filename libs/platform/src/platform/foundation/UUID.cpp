@@ -19,6 +19,7 @@ std::string newUUIDString() {
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3f) | 0x80);
   static constexpr char digits[] = "0123456789ABCDEF";
   std::string text;
+  text.reserve(36);
   for (std::size_t i = 0; i < bytes.size(); ++i) {
     if (i == 4 || i == 6 || i == 8 || i == 10)
       text += '-';
