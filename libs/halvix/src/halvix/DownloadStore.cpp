@@ -179,6 +179,9 @@ struct DownloadStore::State {
   Statement insert, erase;
   std::mutex mutex;
   std::atomic<std::uint64_t> rowsWritten{0};
+  std::mutex ownersMutex; ///< nothing else is done under it, least of all I/O
+  std::vector<DownloadOwner> owners;
+  std::atomic<std::size_t> numOwners{0};
   std::future<int> firstSync; ///< errno, when one goes on
   int firstSyncFailure = 0;
 
@@ -206,6 +209,33 @@ struct DownloadStore::State {
     } catch (const std::system_error&) {
       sync();
     }
+  }
+
+  void noteOwner(const std::string& downloader, std::optional<ContentType> contentType) {
+    std::lock_guard guard(ownersMutex);
+    const bool known = std::any_of(owners.begin(), owners.end(), [&](const DownloadOwner& owner) {
+      return owner.downloader == downloader;
+    });
+    if (known)
+      return;
+    owners.push_back({downloader, contentType});
+    numOwners = owners.size();
+  }
+
+  int loadOwners() {
+    Statement statement;
+    int code = prepare(database.get(), ownerSQL, statement);
+    for (std::string last; code == SQLITE_OK;) {
+      bindText(statement.get(), 1, last);
+      code = sqlite3_step(statement.get());
+      if (code != SQLITE_ROW)
+        break;
+      const DownloadOwner owner = readOwner(statement.get());
+      code = sqlite3_reset(statement.get());
+      last = owner.downloader;
+      noteOwner(owner.downloader, owner.contentType);
+    }
+    return code == SQLITE_DONE ? SQLITE_OK : code;
   }
 
   /// Runs `work` in a transaction that is on stable storage when this returns; an error takes all of it back.
@@ -308,6 +338,8 @@ std::shared_ptr<DownloadStore> DownloadStore::open(const std::string& libraryDir
   code = prepare(raw, insertSQL, state->insert);
   if (code == SQLITE_OK)
     code = prepare(raw, eraseSQL, state->erase);
+  if (code == SQLITE_OK)
+    code = state->loadOwners();
   if (code != SQLITE_OK)
     return fail(state->failure(code));
   state->beginFirstSync();
@@ -385,26 +417,13 @@ std::vector<DownloadRecord> DownloadStore::load(const std::string& downloader, Q
   return records;
 }
 
-std::vector<DownloadOwner> DownloadStore::owners(QVErrorRef* error) {
-  std::lock_guard lock(_state->mutex);
-  std::vector<DownloadOwner> owners;
-  Statement statement;
-  int code = prepare(_state->database.get(), ownerSQL, statement);
-  if (code == SQLITE_OK) {
-    std::string last;
-    bindText(statement.get(), 1, last);
-    while ((code = sqlite3_step(statement.get())) == SQLITE_ROW) {
-      owners.push_back(readOwner(statement.get()));
-      last = owners.back().downloader;
-      sqlite3_reset(statement.get());
-      bindText(statement.get(), 1, last);
-    }
-  }
-  if (code == SQLITE_DONE)
-    return owners;
-  if (error)
-    *error = _state->failure(code);
-  return {};
+std::vector<DownloadOwner> DownloadStore::owners() const {
+  std::lock_guard lock(_state->ownersMutex);
+  return _state->owners;
+}
+
+std::size_t DownloadStore::numOwners() const {
+  return _state->numOwners;
 }
 
 QVErrorRef DownloadStore::write(const std::vector<DownloadRecord>& records) {
@@ -423,9 +442,12 @@ QVErrorRef DownloadStore::write(const std::vector<DownloadRecord>& records) {
     }
     return SQLITE_OK;
   });
-  if (!error)
-    _state->rowsWritten += records.size();
-  return error;
+  if (error)
+    return error;
+  _state->rowsWritten += records.size();
+  for (const DownloadRecord& record : records)
+    _state->noteOwner(record.downloader, record.contentType);
+  return nullptr;
 }
 
 QVErrorRef DownloadStore::remove(const std::string& downloader, const std::string& uuid) {

@@ -3,6 +3,7 @@
 #include "halvix/DownloadRecord.h"
 #include "halvix/QVError.h"
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <utility>
@@ -44,8 +45,9 @@ public:
   /// The rows of one downloader, oldest first.
   std::vector<DownloadRecord> load(const std::string& downloader, QVErrorRef* error);
 
-  /// Who has rows. Takes no longer where there are more of them.
-  std::vector<DownloadOwner> owners(QVErrorRef* error);
+  /// Who has rows, or had some since the store was opened. Needs no I/O, and waits for none.
+  std::vector<DownloadOwner> owners() const;
+  std::size_t numOwners() const;
 
   /// Writes the rows, each new or replacing its older self, in one transaction: all or none. Null on success.
   QVErrorRef write(const std::vector<DownloadRecord>& records);

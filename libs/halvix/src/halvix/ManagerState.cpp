@@ -199,27 +199,24 @@ std::shared_ptr<BaseDownloader> ManagerState::downloader(ContentType contentType
 std::vector<std::shared_ptr<BaseDownloader>> ManagerState::downloadersWithDownloads() {
   if (!environment)
     return allDownloaders();
-  const std::uint64_t written = environment->store()->rowsWritten();
+  const std::size_t numOwners = environment->store()->numOwners();
   {
     std::lock_guard lock(mutex);
-    if (rowsAskedAt == written)
+    if (numOwnersKnown == numOwners)
       return knownDownloadersLocked();
   }
   const auto isKnown = [this](const DownloadOwner& owner) {
     std::lock_guard lock(mutex);
     return byName.contains(owner.downloader);
   };
-  QVErrorRef error;
-  for (const DownloadOwner& owner : environment->store()->owners(&error)) {
+  for (const DownloadOwner& owner : environment->store()->owners()) {
     if (!isKnown(owner) && owner.contentType)
       downloader(*owner.contentType);
     if (!isKnown(owner))
       return allDownloaders();
   }
-  if (error)
-    return allDownloaders();
   std::lock_guard lock(mutex);
-  rowsAskedAt = written;
+  numOwnersKnown = numOwners;
   return knownDownloadersLocked();
 }
 

@@ -2,11 +2,10 @@
 
 #include "halvix/DownloadManager.h"
 
-#include <cstdint>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -71,7 +70,7 @@ struct ManagerState {
   std::map<std::string, std::shared_ptr<BaseDownloader>> byName;
   std::vector<std::shared_ptr<BaseDownloader>> foundByAll; // of so many factories
   std::size_t numFactoriesAsked = 0;
-  std::optional<std::uint64_t> rowsAskedAt; // all rows belonged to those created when so many were written
+  std::size_t numOwnersKnown = 0; // so many owners of rows are among those created
   std::map<std::shared_ptr<Download>, std::vector<DownloadManager::Completion>> preparations;
 };
 
