@@ -19,7 +19,7 @@ namespace {
 /// What a kill costs at most, beside what is in memory.
 constexpr std::int64_t RecordInterval = 512LL << 10;
 /// Portions of one body that wait for the disk; more of them would only be memory.
-constexpr std::size_t MostHanded = 4;
+constexpr std::size_t MostHanded = 2;
 constexpr auto PortionSize = static_cast<std::int64_t>(WriteBuffers::Size);
 /// Where there are many at once: what is in memory is lost with the process, and fetched again.
 constexpr std::int64_t MappedPortionSize = PortionSize / 2;
