@@ -19,10 +19,11 @@ namespace {
 /// What a kill costs at most, beside what is in memory.
 constexpr std::int64_t RecordInterval = 512LL << 10;
 /// Portions of one body that wait for the disk; more of them would only be memory.
-constexpr std::size_t MostHanded = 2;
+constexpr std::size_t MostHanded = 4;
 constexpr auto PortionSize = static_cast<std::int64_t>(WriteBuffers::Size);
 /// Where there are many at once: what is in memory is lost with the process, and fetched again.
 constexpr std::int64_t MappedPortionSize = PortionSize / 2;
+constexpr std::size_t MostMappedHanded = 2;
 
 } // namespace
 
@@ -68,10 +69,11 @@ PartialFile::Portion* PartialFile::portionFor(std::int64_t offset) {
 }
 
 WriteBuffers::Buffer PartialFile::takeBuffer() {
+  const auto most = isMapped() ? MostMappedHanded : MostHanded;
   std::unique_lock lock(_mutex);
   for (;;) {
     const auto handed = _handed;
-    if (handed < MostHanded) {
+    if (handed < most) {
       if (auto buffer = _store.buffers().take())
         return buffer;
       if (handed == 0)
